@@ -1,0 +1,40 @@
+# make test   installs what is missing, then builds and runs the tests three
+#             ways: host Release, host with ASan+UBSan, mipsel under qemu.
+# make build  host Release build only.
+JOBS ?= $(shell nproc)
+BUILD := build
+SYSROOT := $(CURDIR)/$(BUILD)/mipsel-sysroot
+CTEST := ctest --output-on-failure -j$(JOBS)
+
+.PHONY: all deps build test test-host test-asan test-mipsel clean
+
+all: build
+
+deps:
+	@./scripts/install-deps.sh
+
+build: deps
+	cmake -S . -B $(BUILD)/host -DCMAKE_BUILD_TYPE=Release
+	cmake --build $(BUILD)/host -j$(JOBS)
+
+test-host: build
+	@echo "== host (Release)"
+	cd $(BUILD)/host && $(CTEST)
+
+test-asan: deps
+	@echo "== host with AddressSanitizer and UndefinedBehaviorSanitizer"
+	cmake -S . -B $(BUILD)/asan -DCMAKE_BUILD_TYPE=Debug -DSWMGR_SANITIZE=ON
+	cmake --build $(BUILD)/asan -j$(JOBS)
+	cd $(BUILD)/asan && $(CTEST)
+
+test-mipsel: deps
+	@echo "== mipsel (32-bit little-endian MIPS) under qemu"
+	cmake -S . -B $(BUILD)/mipsel -DCMAKE_BUILD_TYPE=Release \
+	  -DCMAKE_TOOLCHAIN_FILE=$(CURDIR)/cmake/mipsel-linux-gnu.cmake -DMIPSEL_EXTRA_ROOT=$(SYSROOT)
+	cmake --build $(BUILD)/mipsel -j$(JOBS)
+	cd $(BUILD)/mipsel && $(CTEST)
+
+test: test-host test-asan test-mipsel
+
+clean:
+	rm -rf $(BUILD)

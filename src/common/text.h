@@ -1,0 +1,57 @@
+// Bounded text helpers: every copy and print is limited by its destination,
+// so an over-long value is cut at the field width instead of overflowing it.
+#ifndef SWMGR_COMMON_TEXT_H
+#define SWMGR_COMMON_TEXT_H
+
+#include <cstdarg>
+#include <cstddef>
+#include <cstdio>
+#include <cstring>
+
+namespace swmgr {
+
+// Copies at most N-1 bytes and always terminates.
+template <std::size_t N>
+inline void copyText(char (&dst)[N], const char *src) {
+    std::size_t n = 0;
+    if (src != nullptr) {
+        while (n + 1 < N && src[n] != '\0') {
+            dst[n] = src[n];
+            ++n;
+        }
+    }
+    dst[n] = '\0';
+}
+
+inline void copyText(char *dst, std::size_t cap, const char *src) {
+    if (cap == 0) return;
+    std::size_t n = 0;
+    if (src != nullptr) {
+        while (n + 1 < cap && src[n] != '\0') {
+            dst[n] = src[n];
+            ++n;
+        }
+    }
+    dst[n] = '\0';
+}
+
+// Clears the whole buffer first, then prints into it; the text is cut at N-1.
+template <std::size_t N>
+__attribute__((format(printf, 2, 3))) inline int formatText(char (&dst)[N], const char *fmt, ...) {
+    std::memset(dst, 0, N);
+    va_list ap;
+    va_start(ap, fmt);
+    int r = std::vsnprintf(dst, N, fmt, ap);
+    va_end(ap);
+    return r;
+}
+
+// Length of a text field that may lack its terminator.
+template <std::size_t N>
+inline std::size_t fieldLen(const char (&field)[N]) {
+    return strnlen(field, N);
+}
+
+}  // namespace swmgr
+
+#endif

@@ -1,0 +1,9 @@
+// The service's global state, written by the entry points and the host.
+#include "service/swmgr.h"
+
+extern "C" {
+int swMgrInitialized = 0;
+MbusCtx *pSwMgrMbusCtx = nullptr;
+int swMgrDevDebug = 0;
+int swMgrForeground = 0;
+}

@@ -1,0 +1,67 @@
+// The switch registry: all switch records, lookups by name and by level, and
+// the references from a switch to the lower-level switches it reaches.
+#include <cstdlib>
+#include <cstring>
+
+#include "common/text.h"
+#include "service/swmgr.h"
+#include "switch/switch.h"
+
+extern "C" {
+OsaList switchTbl = {nullptr, nullptr};
+int32_t switchMaxLevel = 0;
+uint32_t switchCount = 0;
+char switchStr[SW_STR_LEN];
+}
+
+extern "C" Switch *switchByNameGet(const char *name) {
+    if (name == nullptr) return nullptr;
+    for (auto *sw = static_cast<Switch *>(osaListFirst(&switchTbl)); sw != nullptr;
+         sw = static_cast<Switch *>(osaListNext(sw))) {
+        if (std::strncmp(sw->switchName, name, sizeof sw->switchName) == 0) return sw;
+    }
+    return nullptr;
+}
+
+extern "C" Switch *switchAtTopLevelGet(void) {
+    for (auto *sw = static_cast<Switch *>(osaListFirst(&switchTbl)); sw != nullptr;
+         sw = static_cast<Switch *>(osaListNext(sw))) {
+        if (sw->switchLevel == switchMaxLevel) return sw;
+    }
+    return nullptr;
+}
+
+extern "C" Switch *switchLowerLvlSwitchByNameGet(Switch *sw, const char *name) {
+    if (sw == nullptr || name == nullptr) return nullptr;
+    for (auto *ref = static_cast<SwitchLowerRef *>(osaListFirst(&sw->lowerLvlSwitchList));
+         ref != nullptr; ref = static_cast<SwitchLowerRef *>(osaListNext(ref))) {
+        if (ref->sw != nullptr && std::strncmp(ref->sw->switchName, name, SW_NAME_LEN) == 0)
+            return ref->sw;
+    }
+    return nullptr;
+}
+
+extern "C" int switchLowerLvlSwitchListAppend(Switch *sw, Switch *lower) {
+    if (sw == nullptr || lower == nullptr) return -1;
+    if (switchLowerLvlSwitchByNameGet(sw, lower->switchName) != nullptr) {
+        // Only worth saying to a developer: the mapping of a second port onto
+        // the same lower switch lands here routinely.
+        SWMGR_LOG("", SW_LOG_TRACE,
+                  "This switch(%s) is already present in (%s) lower levelswitches \n",
+                  sw->switchName, lower->switchName);
+        return 0;
+    }
+    auto *ref = static_cast<SwitchLowerRef *>(std::calloc(1, sizeof(SwitchLowerRef)));
+    if (ref == nullptr) return SW_ENOMEM;
+    ref->sw = lower;
+    osaListNodeAppend(&sw->lowerLvlSwitchList, ref);
+    return 0;
+}
+
+extern "C" char *switchStrGet(Switch *sw) {
+    std::memset(switchStr, 0, sizeof switchStr);
+    if (sw != nullptr) swmgr::formatText(switchStr, "(switch=%.*s) ",
+                                         static_cast<int>(swmgr::fieldLen(sw->switchName)),
+                                         sw->switchName);
+    return switchStr;
+}

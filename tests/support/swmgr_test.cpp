@@ -1,0 +1,329 @@
+#include "swmgr_test.h"
+
+#include <ftw.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <regex>
+#include <sstream>
+
+#include "portvlan/portvlan.h"
+
+namespace swtest {
+
+// ---------------------------------------------------------------- Capture
+
+Capture::Capture() {
+    osaPortCmdHookAdd(onCommand, this);
+    osaPortCmdFallbackSet(onFallback, this);
+    osaPortSystemHookSet(onSystem, this);
+    osaPortIoctlHookAdd(onIoctl, this);
+    mbusPortSendHookAdd(onSend, this);
+}
+
+Capture::~Capture() {
+    osaPortCmdHookRemove(onCommand, this);
+    osaPortCmdFallbackSet(nullptr, nullptr);
+    osaPortSystemHookSet(nullptr, nullptr);
+    osaPortIoctlHookRemove(onIoctl, this);
+    mbusPortSendHookRemove(onSend, this);
+}
+
+void Capture::scriptCommand(const std::string &command, int status, int times, bool prefix) {
+    cmdScripts_.push_back({command, prefix, status, times});
+}
+
+void Capture::scriptIoctl(unsigned code, int result, int times) {
+    ioctlScripts_[code] = {result, times};
+}
+
+int Capture::onCommand(void *ctx, const char *command, int *status) {
+    auto *self = static_cast<Capture *>(ctx);
+    self->commands.emplace_back(command);
+    for (auto &s : self->cmdScripts_) {
+        if (s.times == 0) continue;
+        std::string_view c(command);
+        bool hit = s.prefix ? c.substr(0, s.match.size()) == s.match : c == s.match;
+        if (!hit) continue;
+        if (s.times > 0) --s.times;
+        *status = s.result;
+        return 1;
+    }
+    return 0;
+}
+
+int Capture::onFallback(void *ctx, const char *, int *status) {
+    *status = static_cast<Capture *>(ctx)->unhandledCommandStatus;
+    return 1;
+}
+
+int Capture::onSystem(void *ctx, const char *command, int *status) {
+    auto *self = static_cast<Capture *>(ctx);
+    self->systemCommands.emplace_back(command);
+    *status = self->systemStatus;
+    return 1;
+}
+
+int Capture::onIoctl(void *ctx, int fd, unsigned request, void *arg, int *result) {
+    auto *self = static_cast<Capture *>(ctx);
+    IoctlCall call;
+    call.fd = fd;
+    call.code = request;
+    unsigned size = osaPortIoctlArgSize(request);
+    if (size == 0 || arg == nullptr) {
+        call.value = reinterpret_cast<uintptr_t>(arg);
+    } else {
+        const auto *p = static_cast<const uint8_t *>(arg);
+        call.arg.assign(p, p + size);
+    }
+    self->ioctls.push_back(std::move(call));
+    auto it = self->ioctlScripts_.find(request);
+    if (it == self->ioctlScripts_.end() || it->second.second == 0) return 0;
+    if (it->second.second > 0) --it->second.second;
+    *result = it->second.first;
+    return 1;
+}
+
+int Capture::onSend(void *ctx, int module, int cmd, const void *data, int dataLen, void *aux,
+                    int *auxLen, int *result) {
+    if (module != MBUS_MODULE_LOG || cmd != MBUS_LOG_CMD) return 0;
+    auto *self = static_cast<Capture *>(ctx);
+    LogLine l;
+    if (data != nullptr && dataLen > 0) {
+        const auto *p = static_cast<const uint8_t *>(data);
+        l.header.assign(p, p + dataLen);
+        if (dataLen >= 8) {
+            uint32_t level = 0;
+            std::memcpy(&level, p + 4, 4);
+            l.level = static_cast<int>(level);
+        }
+    }
+    if (aux != nullptr && auxLen != nullptr && *auxLen > 0)
+        l.raw.assign(static_cast<const char *>(aux), strnlen(static_cast<const char *>(aux), *auxLen));
+    l.text = l.raw;
+    if (l.level == SW_LOG_DEV) {
+        static const std::regex dev(R"(([A-Za-z_][A-Za-z0-9_]*):(-?[0-9]+):)");
+        std::smatch m;
+        if (std::regex_search(l.raw, m, dev)) {
+            l.prefix = m.prefix().str();
+            l.func = m[1].str();
+            l.line = std::stoi(m[2].str());
+            l.text = m.suffix().str();
+        }
+    }
+    self->logs.push_back(std::move(l));
+    *result = 0;
+    return 1;
+}
+
+std::vector<std::string> Capture::rawLogs() const {
+    std::vector<std::string> out;
+    for (const auto &l : logs) out.push_back(l.raw);
+    return out;
+}
+
+int Capture::countLog(std::string_view raw) const {
+    return static_cast<int>(std::count_if(logs.begin(), logs.end(),
+                                          [&](const LogLine &l) { return l.raw == raw; }));
+}
+
+int Capture::findLog(std::string_view raw, size_t from) const {
+    for (size_t i = from; i < logs.size(); ++i)
+        if (logs[i].raw == raw) return static_cast<int>(i);
+    return -1;
+}
+
+std::string Capture::dump() const {
+    std::ostringstream os;
+    for (const auto &l : logs) os << "[" << l.level << "] " << l.raw;
+    return os.str();
+}
+
+void Capture::clear() {
+    logs.clear();
+    commands.clear();
+    systemCommands.clear();
+    ioctls.clear();
+}
+
+// -------------------------------------------------------- RecordingDriver
+
+RecordingDriver *RecordingDriver::current_ = nullptr;
+
+RecordingDriver::RecordingDriver(const char *name) {
+    current_ = this;
+    SwitchDriverEntry &spare = switchConfigFuncRegisterTbl[SW_DRIVER_TBL_SIZE - 1];
+    std::snprintf(spare.name, sizeof spare.name, "%s", name);
+    spare.registerFn = reg;
+    spare.unregisterFn = unreg;
+}
+
+RecordingDriver::~RecordingDriver() {
+    SwitchDriverEntry &spare = switchConfigFuncRegisterTbl[SW_DRIVER_TBL_SIZE - 1];
+    std::memset(spare.name, 0, sizeof spare.name);
+    spare.registerFn = nullptr;
+    spare.unregisterFn = nullptr;
+    current_ = nullptr;
+}
+
+std::vector<int> RecordingDriver::cmds() const {
+    std::vector<int> out;
+    for (const auto &c : calls) out.push_back(c.cmd);
+    return out;
+}
+
+int RecordingDriver::reg(Switch *sw) {
+    if (current_ == nullptr) return -1;
+    sw->switchConfigFunc = config;
+    return current_->registerResult;
+}
+
+int RecordingDriver::unreg(Switch *sw) {
+    sw->switchConfigFunc = nullptr;
+    return 0;
+}
+
+namespace {
+// How many bytes of a command's argument are the command's record. Command
+// 33 passes one word in place with the 1300-byte length of a bus argument.
+size_t recordBytes(int cmd, int argLen) {
+    size_t len = argLen > 0 ? static_cast<size_t>(argLen) : 0;
+    switch (cmd) {
+        case SW_CMD_VLAN_ENABLE: return std::min<size_t>(len, 4);
+        case SW_CMD_VLAN_MEMBERSHIP_UPDATE:
+        case SW_CMD_VLAN_MEMBERSHIP_APPLY:
+        case SW_CMD_PORT_VLAN_CONFIG:
+        case SW_CMD_PORT_VLAN_REMOVE: return std::min(len, sizeof(SwitchVlan));
+        case SW_CMD_PORT_CONFIG_SET: return std::min(len, sizeof(SwitchPort));
+        default: return len;
+    }
+}
+}  // namespace
+
+int RecordingDriver::config(Switch *sw, int cmd, void *arg, int argLen, void *, int *replyLen) {
+    RecordingDriver *self = current_;
+    if (self == nullptr) return -1;
+    Call c{sw, cmd, argLen, arg, {}, replyLen != nullptr && *replyLen == 0};
+    if (arg != nullptr) {
+        const auto *p = static_cast<const uint8_t *>(arg);
+        c.arg.assign(p, p + recordBytes(cmd, argLen));
+    }
+    self->calls.push_back(std::move(c));
+    if (self->onCall) return self->onCall(sw, cmd, arg, argLen);
+    auto it = self->results.find(cmd);
+    return it != self->results.end() ? it->second : 0;
+}
+
+// ------------------------------------------------------------------ TempDir
+
+TempDir::TempDir() {
+    const char *base = std::getenv("TMPDIR");
+    std::string tmpl = std::string(base != nullptr && *base ? base : "/tmp") + "/swmgr-test-XXXXXX";
+    std::vector<char> buf(tmpl.begin(), tmpl.end());
+    buf.push_back('\0');
+    if (::mkdtemp(buf.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
+    path_ = buf.data();
+}
+
+TempDir::~TempDir() {
+    ::nftw(
+        path_.c_str(),
+        [](const char *p, const struct stat *, int, struct FTW *) { return ::remove(p); }, 16,
+        FTW_DEPTH | FTW_PHYS);
+}
+
+std::string TempDir::read(const std::string &name) const {
+    std::ifstream in(file(name));
+    if (!in) return "";
+    std::ostringstream os;
+    os << in.rdbuf();
+    return os.str();
+}
+
+void TempDir::write(const std::string &name, const std::string &content) const {
+    std::string p = file(name);
+    for (size_t i = path_.size() + 1; (i = p.find('/', i)) != std::string::npos; ++i)
+        ::mkdir(p.substr(0, i).c_str(), 0755);
+    std::ofstream(p) << content;
+}
+
+bool TempDir::exists(const std::string &name) const { return ::access(file(name).c_str(), F_OK) == 0; }
+
+// ----------------------------------------------------------------- Registry
+
+void resetRegistry() {
+    auto *sw = static_cast<Switch *>(osaListFirst(&switchTbl));
+    while (sw != nullptr) {
+        auto *next = static_cast<Switch *>(osaListNext(sw));
+        for (void *n = osaListFirst(&sw->lowerLvlSwitchList); n != nullptr;) {
+            void *after = osaListNext(n);
+            std::free(n);
+            n = after;
+        }
+        for (auto *p = static_cast<SwitchPort *>(osaListFirst(&sw->portList)); p != nullptr;) {
+            auto *after = static_cast<SwitchPort *>(osaListNext(p));
+            for (void *m = osaListFirst(&p->mappedPorts); m != nullptr;) {
+                void *mNext = osaListNext(m);
+                std::free(m);
+                m = mNext;
+            }
+            std::free(p);
+            p = after;
+        }
+        for (void *v = osaListFirst(&sw->vlanList); v != nullptr;) {
+            void *after = osaListNext(v);
+            std::free(v);
+            v = after;
+        }
+        std::free(sw);
+        sw = next;
+    }
+    osaListInit(&switchTbl);
+    switchMaxLevel = 0;
+    switchCount = 0;
+}
+
+Switch *addSwitch(const char *name, int level) {
+    auto *sw = static_cast<Switch *>(std::calloc(1, sizeof(Switch)));
+    std::snprintf(sw->switchName, sizeof sw->switchName, "%s", name);
+    sw->switchLevel = level;
+    sw->lowerLvlForward = 1;
+    sw->switchId = ++switchCount;
+    osaListInit(&sw->lowerLvlSwitchList);
+    osaListInit(&sw->portList);
+    osaListInit(&sw->vlanList);
+    if (level > switchMaxLevel) switchMaxLevel = level;
+    osaListNodeAppend(&switchTbl, sw);
+    return sw;
+}
+
+// ------------------------------------------------------------------ Fixture
+
+void SwmgrTest::SetUp() {
+    swMgrDevDebug = 0;
+    swMgrForeground = 0;
+    resetRegistry();
+    root = std::make_unique<TempDir>();
+    osaPortFileRootSet(root->path().c_str());
+    cap = std::make_unique<Capture>();
+}
+
+void SwmgrTest::TearDown() {
+    cap.reset();
+    resetRegistry();
+    osaPortFileRootSet(nullptr);
+    root.reset();
+    swMgrDevDebug = 0;
+    swMgrForeground = 0;
+}
+
+Bytes le32(uint32_t v) {
+    return {static_cast<uint8_t>(v), static_cast<uint8_t>(v >> 8), static_cast<uint8_t>(v >> 16),
+            static_cast<uint8_t>(v >> 24)};
+}
+
+}  // namespace swtest

@@ -1,0 +1,167 @@
+// Test support: captures every diagnostic, command line, ioctl and log
+// record the system produces, lets a test script results, and provides a
+// recording driver and registry clean-up. Every test file builds on these.
+#ifndef SWMGR_TESTS_SUPPORT_SWMGR_TEST_H
+#define SWMGR_TESTS_SUPPORT_SWMGR_TEST_H
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "osa_port.h"
+#include "service/swmgr.h"
+#include "switch/switch.h"
+
+namespace swtest {
+
+using Bytes = std::vector<uint8_t>;
+
+// One diagnostic as it reached the log service. In developer form (level
+// 256) the "func:line:" part is split out; otherwise func is empty and
+// text equals raw.
+struct LogLine {
+    int level = 0;
+    std::string prefix;
+    std::string func;
+    int line = 0;
+    std::string text;
+    std::string raw;
+    Bytes header;  // the 40-byte record header as sent
+};
+
+struct IoctlCall {
+    int fd = 0;
+    unsigned code = 0;
+    Bytes arg;         // argument bytes before the request (size from the code)
+    uintptr_t value = 0;  // the integer argument of requests without data
+};
+
+// Installs the capture hooks for its lifetime.
+class Capture {
+public:
+    Capture();
+    ~Capture();
+    Capture(const Capture &) = delete;
+    Capture &operator=(const Capture &) = delete;
+
+    std::vector<LogLine> logs;
+    std::vector<std::string> commands;        // through osaCmdExec
+    std::vector<std::string> systemCommands;  // through the C library's system()
+    int systemStatus = 0;                     // what system() returns (never runs)
+    std::vector<IoctlCall> ioctls;
+
+    // A command equal to `command` (or starting with it when `prefix`)
+    // returns `status` without reaching models or the shell; `times` < 0 for
+    // every occurrence.
+    void scriptCommand(const std::string &command, int status, int times = -1, bool prefix = false);
+    // Status of commands that nothing took (default 0); they never run.
+    int unhandledCommandStatus = 0;
+    // Requests with this code return `result` without reaching the device.
+    void scriptIoctl(unsigned code, int result, int times = -1);
+
+    std::vector<std::string> rawLogs() const;
+    // Lines whose raw text equals `raw` (any level).
+    int countLog(std::string_view raw) const;
+    // Index of the first log whose raw text equals `raw` at or after `from`, or -1.
+    int findLog(std::string_view raw, size_t from = 0) const;
+    std::string dump() const;  // all logs, for failure messages
+    void clear();
+
+private:
+    struct Script {
+        std::string match;
+        bool prefix;
+        int result;
+        int times;
+    };
+    std::vector<Script> cmdScripts_;
+    std::map<unsigned, std::pair<int, int>> ioctlScripts_;  // code -> (result, times)
+
+    static int onCommand(void *ctx, const char *command, int *status);
+    static int onFallback(void *ctx, const char *command, int *status);
+    static int onSystem(void *ctx, const char *command, int *status);
+    static int onIoctl(void *ctx, int fd, unsigned request, void *arg, int *result);
+    static int onSend(void *ctx, int module, int cmd, const void *data, int dataLen, void *aux,
+                      int *auxLen, int *result);
+};
+
+// A driver in the table's spare entry, so switches named after it bind
+// through the real registration path. Records every command it receives.
+class RecordingDriver {
+public:
+    struct Call {
+        Switch *sw;
+        int cmd;
+        int argLen;
+        const void *argPtr;
+        Bytes arg;  // the bytes the command's record holds (at most argLen)
+        bool replyLenZero;
+    };
+    explicit RecordingDriver(const char *name = "REC");
+    ~RecordingDriver();
+
+    std::vector<Call> calls;
+    int registerResult = 0;
+    std::map<int, int> results;  // cmd -> result (default 0)
+    std::function<int(Switch *, int, void *, int)> onCall;  // optional override
+
+    std::vector<int> cmds() const;
+
+private:
+    static RecordingDriver *current_;
+    static int reg(Switch *sw);
+    static int unreg(Switch *sw);
+    static int config(Switch *sw, int cmd, void *arg, int argLen, void *reply, int *replyLen);
+};
+
+// Creates a directory under $TMPDIR, removes it with its contents.
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    const std::string &path() const { return path_; }
+    std::string file(const std::string &name) const { return path_ + "/" + name; }
+    std::string read(const std::string &name) const;  // "" when absent
+    void write(const std::string &name, const std::string &content) const;
+    bool exists(const std::string &name) const;
+
+private:
+    std::string path_;
+};
+
+// Frees every record reachable from switchTbl and resets the registry, so
+// each test starts empty and the leak checker sees no unreachable records.
+void resetRegistry();
+
+// A zero-filled switch record with the given name and level, lists
+// initialised, appended to switchTbl (switchMaxLevel raised like
+// switchCreate does). Freed by resetRegistry.
+Switch *addSwitch(const char *name, int level);
+
+// Base fixture: capture installed, files below a private root, developer
+// mode and foreground off, registry empty before and after.
+class SwmgrTest : public ::testing::Test {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+    std::unique_ptr<Capture> cap;
+    std::unique_ptr<TempDir> root;
+};
+
+// Bytes of a value, for comparing recorded arguments.
+template <typename T>
+Bytes bytesOf(const T &v) {
+    const auto *p = reinterpret_cast<const uint8_t *>(&v);
+    return Bytes(p, p + sizeof(T));
+}
+
+Bytes le32(uint32_t v);
+
+}  // namespace swtest
+
+#endif
