@@ -102,6 +102,7 @@ int Capture::onSend(void *ctx, int module, int cmd, const void *data, int dataLe
             l.level = static_cast<int>(level);
         }
     }
+    if (auxLen != nullptr) l.length = *auxLen;
     if (aux != nullptr && auxLen != nullptr && *auxLen > 0)
         l.raw.assign(static_cast<const char *>(aux), strnlen(static_cast<const char *>(aux), *auxLen));
     l.text = l.raw;

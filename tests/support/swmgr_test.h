@@ -32,6 +32,7 @@ struct LogLine {
     std::string text;
     std::string raw;
     Bytes header;  // the 40-byte record header as sent
+    int length = 0;  // text length as sent, terminating NUL included
 };
 
 struct IoctlCall {

@@ -1,0 +1,99 @@
+// Diagnostic output in both forms and both destinations, and zone lookup.
+#include <string>
+
+#include "swmgr_test.h"
+
+using swtest::Bytes;
+
+namespace {
+
+class Diagnostics : public swtest::SwmgrTest {};
+
+TEST_F(Diagnostics, PlainFormIsOneLogRecordOfModule103) {
+    EXPECT_EQ(swMgrDebug("", 8, nullptr, 0, "Failed to load %s %d\n", "switch", 7), 0);
+    ASSERT_EQ(cap->logs.size(), 1u);
+    const auto &l = cap->logs[0];
+    EXPECT_EQ(l.raw, "Failed to load switch 7\n");
+    EXPECT_EQ(l.length, static_cast<int>(l.raw.size()) + 1);  // NUL travels with the text
+    Bytes header = swtest::le32(103);
+    Bytes level = swtest::le32(8);
+    header.insert(header.end(), level.begin(), level.end());
+    header.resize(40, 0);  // empty 32-byte tag
+    EXPECT_EQ(l.header, header);
+}
+
+TEST_F(Diagnostics, DeveloperFormCarriesFunctionAndLineAfterPrefix) {
+    swMgrDebug("(switch=BCM) ", 256, "bcmSwitchConfig", 412, "Invalid command (%d)\n", 36);
+    ASSERT_EQ(cap->logs.size(), 1u);
+    EXPECT_EQ(cap->logs[0].raw, "(switch=BCM) bcmSwitchConfig:412:Invalid command (36)\n");
+    EXPECT_EQ(cap->logs[0].level, 256);
+}
+
+TEST_F(Diagnostics, CallSitesSwitchFormWithDeveloperMode) {
+    swtest::RecordingDriver rec;
+    Switch *sw = swtest::addSwitch("REC", 1);
+    ASSERT_EQ(switchConfigFuncRegister(sw), 0);
+    rec.results[37] = -5;
+    char request[SW_BUS_NAME_LEN + SW_BUS_ARG_LEN] = "REC";
+
+    EXPECT_EQ(switchConfig(request, 37, nullptr, nullptr), -5);
+    swMgrDevDebug = 1;
+    EXPECT_EQ(switchConfig(request, 37, nullptr, nullptr), -5);
+
+    ASSERT_EQ(cap->logs.size(), 2u) << cap->dump();
+    EXPECT_EQ(cap->logs[0].level, 8);
+    EXPECT_EQ(cap->logs[0].raw, "Failed to process cmd 37 on REC \n");
+    EXPECT_EQ(cap->logs[1].level, 256);
+    EXPECT_EQ(cap->logs[1].func, "switchConfig");
+    EXPECT_GT(cap->logs[1].line, 0);
+    EXPECT_EQ(cap->logs[1].text, "Failed to process cmd 37 on REC \n");
+}
+
+TEST_F(Diagnostics, OverlongTextIsCutAt1023Characters) {
+    std::string big(3000, 'x');
+    swMgrDebug("pre:", 64, "f", 1, "%s", big.c_str());
+    ASSERT_EQ(cap->logs.size(), 1u);
+    EXPECT_EQ(cap->logs[0].raw.size(), 1023u);
+    EXPECT_EQ(cap->logs[0].length, 1024);
+    EXPECT_EQ(cap->logs[0].raw.substr(0, 8), "pre:f:1:");
+
+    // A prefix longer than the buffer is cut as well, never overflowing it.
+    cap->clear();
+    swMgrDebug(big.c_str(), 64, "f", 1, "tail");
+    ASSERT_EQ(cap->logs.size(), 1u);
+    EXPECT_EQ(cap->logs[0].raw, std::string(1023, 'x'));
+}
+
+TEST_F(Diagnostics, NegativeLevelWritesNothingAnywhere) {
+    EXPECT_EQ(swMgrDebug("", -1, nullptr, 0, "trace\n"), 0);
+    swMgrForeground = 1;
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(swMgrDebug("", -1, nullptr, 0, "trace\n"), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    EXPECT_TRUE(cap->logs.empty());
+}
+
+TEST_F(Diagnostics, ForegroundWritesToStandardErrorOnly) {
+    swMgrForeground = 1;
+    testing::internal::CaptureStderr();
+    swMgrDebug("", 8, nullptr, 0, "unexpected reply from %d cmd=%d !\n", 20, 4);
+    swMgrDebug("(switch=PSE) ", 256, "pseSwitchConfig", 9, "x\n");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "unexpected reply from 20 cmd=4 !\n(switch=PSE) pseSwitchConfig:9:x\n");
+    EXPECT_TRUE(cap->logs.empty());
+}
+
+TEST(ZoneType, ExactNamesOnly) {
+    uint32_t zone = 99;
+    EXPECT_EQ(swMgrZoneTypeGet("eth1", &zone), 0);
+    EXPECT_EQ(zone, 2u);
+    EXPECT_EQ(swMgrZoneTypeGet("eth0", &zone), 0);
+    EXPECT_EQ(zone, 1u);
+    for (const char *other : {"eth0.100", "ETH0", "eth", "", "eth10"}) {
+        zone = 99;
+        EXPECT_EQ(swMgrZoneTypeGet(other, &zone), 0);
+        EXPECT_EQ(zone, 0u) << other;
+    }
+}
+
+}  // namespace

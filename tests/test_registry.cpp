@@ -1,0 +1,83 @@
+// Switch registry: lookups by name and level, lower-level references, prefixes.
+#include <cstring>
+#include <string>
+
+#include "swmgr_test.h"
+
+namespace {
+
+class Registry : public swtest::SwmgrTest {};
+
+TEST_F(Registry, NameLookupIsExactAndFirstMatchWins) {
+    Switch *a = swtest::addSwitch("PSE", 2);
+    Switch *b = swtest::addSwitch("BCM", 1);
+    Switch *dup = swtest::addSwitch("BCM", 1);
+    EXPECT_EQ(switchByNameGet("PSE"), a);
+    EXPECT_EQ(switchByNameGet("BCM"), b);
+    EXPECT_NE(switchByNameGet("BCM"), dup);
+    EXPECT_EQ(switchByNameGet("bcm"), nullptr);
+    EXPECT_EQ(switchByNameGet("BCM "), nullptr);
+    EXPECT_EQ(switchByNameGet(nullptr), nullptr);
+}
+
+TEST_F(Registry, TopLevelIsFirstSwitchAtTheHighestLevel) {
+    EXPECT_EQ(switchAtTopLevelGet(), nullptr);
+    swtest::addSwitch("A", 1);
+    Switch *first2 = swtest::addSwitch("B", 2);
+    swtest::addSwitch("C", 2);
+    EXPECT_EQ(switchMaxLevel, 2);
+    EXPECT_EQ(switchAtTopLevelGet(), first2);
+}
+
+TEST_F(Registry, StaleMaximumLevelLeavesNoTopLevelSwitch) {
+    switchMaxLevel = 5;  // a level-5 switch was seen and later forgotten
+    swtest::addSwitch("A", 1);
+    swtest::addSwitch("B", 1);
+    EXPECT_EQ(switchAtTopLevelGet(), nullptr);
+}
+
+TEST_F(Registry, LowerLevelSwitchIsReferencedOnce) {
+    Switch *pse = swtest::addSwitch("PSE", 2);
+    Switch *bcm = swtest::addSwitch("BCM", 1);
+    Switch *other = swtest::addSwitch("EXT", 1);
+    EXPECT_EQ(switchLowerLvlSwitchListAppend(pse, bcm), 0);
+    EXPECT_EQ(switchLowerLvlSwitchListAppend(pse, bcm), 0);
+    EXPECT_EQ(switchLowerLvlSwitchListAppend(pse, other), 0);
+    EXPECT_TRUE(cap->logs.empty()) << "the repeat is a developer-only note";
+
+    std::vector<Switch *> refs;
+    for (auto *r = static_cast<SwitchLowerRef *>(osaListFirst(&pse->lowerLvlSwitchList)); r;
+         r = static_cast<SwitchLowerRef *>(osaListNext(r)))
+        refs.push_back(r->sw);
+    EXPECT_EQ(refs, (std::vector<Switch *>{bcm, other}));
+    EXPECT_EQ(switchLowerLvlSwitchByNameGet(pse, "EXT"), other);
+    EXPECT_EQ(switchLowerLvlSwitchByNameGet(pse, "PSE"), nullptr);
+    EXPECT_EQ(switchLowerLvlSwitchByNameGet(bcm, "BCM"), nullptr);
+
+    swMgrDevDebug = 1;
+    EXPECT_EQ(switchLowerLvlSwitchListAppend(pse, bcm), 0);
+    ASSERT_EQ(cap->logs.size(), 1u);
+    // Owner first, lower switch second, whatever the wording suggests.
+    EXPECT_EQ(cap->logs[0].text, "This switch(PSE) is already present in (BCM) lower levelswitches \n");
+
+    EXPECT_EQ(switchLowerLvlSwitchListAppend(nullptr, bcm), -1);
+    EXPECT_EQ(switchLowerLvlSwitchListAppend(pse, nullptr), -1);
+}
+
+TEST_F(Registry, SwitchPrefixSharesOneClearedBuffer) {
+    Switch *sw = swtest::addSwitch("BCM", 1);
+    char *s = switchStrGet(sw);
+    EXPECT_EQ(s, switchStr);
+    EXPECT_STREQ(s, "(switch=BCM) ");
+
+    EXPECT_STREQ(switchStrGet(nullptr), "");
+    for (char c : switchStr) ASSERT_EQ(c, '\0');
+
+    // A name filling its whole field is cut to the buffer, not overrun.
+    std::memset(sw->switchName, 'n', sizeof sw->switchName);
+    std::string prefix = switchStrGet(sw);
+    EXPECT_EQ(prefix.size(), 511u);
+    EXPECT_EQ(prefix.substr(0, 8), "(switch=");
+}
+
+}  // namespace
