@@ -38,3 +38,8 @@ test: test-host test-asan test-mipsel
 
 clean:
 	rm -rf $(BUILD)
+
+# make demo   a guided tour: swmgrd on simulated hardware driven by swmgrctl.
+.PHONY: demo
+demo:
+	@./scripts/demo.sh

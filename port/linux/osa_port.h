@@ -49,6 +49,9 @@ int osaPortCmdFallbackSet(OsaCmdHook hook, void *ctx);
  * register pipelines run that way); the hook returns 1 when it took the
  * command, with *status as system()'s result. NULL restores system(). */
 int osaPortSystemHookSet(OsaCmdHook hook, void *ctx);
+/* The hook in place (NULL when none), so a model can put itself in front
+ * of it and pass on what it does not take. */
+int osaPortSystemHookGet(OsaCmdHook *hook, void **ctx);
 
 /* --- Files -----------------------------------------------------------
  * With a root set, absolute paths are taken below it: writes and unlinks
@@ -74,6 +77,45 @@ int mbusPortPost(int srcModule, int cmd, const void *data, int dataLen, const vo
 void mbusPortFailRegister(int fail);
 /* Callback of the registered module, or NULL. */
 MbusRequestCb mbusPortCallbackGet(void);
+
+/* --- Message bus between processes -----------------------------------
+ * Each registered module listens on a Unix socket "mod-<module>.sock" in
+ * one directory: the one set here, else $SWMGR_BUS_DIR, else
+ * MBUS_PORT_DEFAULT_DIR. The directory is created 0750 and only peers
+ * running as root or as this process's own user are served. A request to
+ * a module of this process is served in-process, without a socket.
+ * Messages are a header, the data and the aux bytes, at most
+ * MBUS_PORT_MSG_MAX bytes in all. */
+#define MBUS_PORT_DEFAULT_DIR "/run/swmgr-bus"
+#define MBUS_PORT_DIR_ENV "SWMGR_BUS_DIR"
+#define MBUS_PORT_MSG_MAX 65536
+#define MBUS_PORT_TIMEOUT_MS 5000 /* reply wait when mbusIoctl is given 0 */
+
+/* Transport results of mbusIoctl (the receiver's own results pass as
+ * they are). */
+enum {
+    MBUS_PORT_ERR_NOMODULE = -2, /* no listener for the module */
+    MBUS_PORT_ERR_IO = -5,       /* connection lost before the reply */
+    MBUS_PORT_ERR_REFUSED = -13, /* the peer's user may not use the bus */
+    MBUS_PORT_ERR_BADMSG = -74,  /* malformed message (refused by either end) */
+    MBUS_PORT_ERR_TOOBIG = -90,  /* message above MBUS_PORT_MSG_MAX */
+    MBUS_PORT_ERR_TIMEOUT = -110 /* no reply within the time-out */
+};
+
+/* NULL returns to the environment or the default. Takes effect for later
+ * registrations and requests. */
+int mbusPortBusDirSet(const char *dir);
+/* The directory in use (valid until the next mbusPortBusDirSet). */
+const char *mbusPortBusDirGet(void);
+/* Socket path of `module` into out (cap bytes); -1 when it does not fit. */
+int mbusPortSocketPath(int module, char *out, int cap);
+/* Requests to `ctx` are dispatched by mbusListen(host), on host's thread,
+ * as well as by mbusListen(ctx); NULL host undoes it. A process with two
+ * modules can so serve both from one single-threaded loop. */
+int mbusPortListenAlong(MbusCtx *ctx, MbusCtx *host);
+/* Why the calling thread's last mbusRegister or mbusIoctl failed ("" when
+ * nothing failed). */
+const char *mbusPortLastError(void);
 
 #ifdef __cplusplus
 }

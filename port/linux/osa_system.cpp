@@ -19,6 +19,12 @@ extern "C" int osaPortSystemHookSet(OsaCmdHook hook, void *ctx) {
     return 0;
 }
 
+extern "C" int osaPortSystemHookGet(OsaCmdHook *hook, void **ctx) {
+    if (hook != nullptr) *hook = systemHook;
+    if (ctx != nullptr) *ctx = systemHookCtx;
+    return 0;
+}
+
 extern "C" int system(const char *command) {
     if (command != nullptr && systemHook != nullptr) {
         int status = 0;

@@ -302,6 +302,27 @@ Switch *addSwitch(const char *name, int level) {
     return sw;
 }
 
+// ---------------------------------------------------------------- Bus dir
+
+namespace {
+// Registering a module binds a socket in the bus directory. Each test
+// process gets a directory of its own, so parallel test runs never meet
+// and nothing is created under /run. Forked children leave with _exit, so
+// only the parent removes it.
+struct PrivateBusDir {
+    std::unique_ptr<TempDir> dir;
+    PrivateBusDir() {
+        try {
+            dir = std::make_unique<TempDir>();
+            mbusPortBusDirSet((dir->path() + "/bus").c_str());
+        } catch (const std::exception &) {
+            // Without a temporary directory the bus stays where the port puts it.
+        }
+    }
+};
+PrivateBusDir privateBusDir;
+}  // namespace
+
 // ------------------------------------------------------------------ Fixture
 
 void SwmgrTest::SetUp() {

@@ -1,0 +1,61 @@
+// Socket side of the host bus: where modules listen, how a message travels
+// and how a received one is checked. Used by the bus core only.
+#ifndef SWMGR_PORT_LINUX_MBUS_WIRE_H
+#define SWMGR_PORT_LINUX_MBUS_WIRE_H
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "osa_port.h"
+
+namespace mbuswire {
+
+using Bytes = std::vector<uint8_t>;
+
+// Directory of the sockets: an explicit setting, else the environment,
+// else the default.
+std::string busDir();
+void busDirSet(const char *dir);
+// "<dir>/mod-<module>.sock"; empty when it does not fit a socket address.
+std::string socketPath(int module);
+
+// Creates (or checks) the directory and binds a listening socket for the
+// module; a stale socket left by a dead process is replaced, a live one is
+// not. Returns the descriptor, or -1 with the reason in `err`.
+int listenSocket(int module, std::string &err);
+
+// Connects to the module's socket within `timeoutMs`. Returns the
+// descriptor, or a MBUS_PORT_ERR_* code with the reason in `err`.
+int connectModule(int module, int timeoutMs, std::string &err);
+
+// One whole message: header, data, aux. False when it could not be sent.
+bool sendMessage(int fd, const MbusMsgHeader &h, const void *data, size_t dataLen, const void *aux,
+                 size_t auxLen);
+
+// Reads one message into `buf` (at most MBUS_PORT_MSG_MAX + 1 bytes, so
+// an over-long one shows as such). Returns its length, 0 when the peer
+// closed, -1 on error or when nothing was there.
+ssize_t receiveMessage(int fd, Bytes &buf);
+
+// Checks a received message against its header: magic, the declared
+// lengths against the bytes received, the upper bound, and for a reply
+// its shape (no request flag, no data). Returns nullptr when good, else
+// why not.
+const char *checkMessage(const Bytes &buf, ssize_t n, bool reply);
+
+// Whether the peer of a connected socket runs as root or as our own user.
+bool peerAllowed(int fd);
+
+// Waits until fd is readable or `timeoutMs` passes (-1: no limit).
+bool waitReadable(int fd, int timeoutMs);
+
+MbusMsgHeader header(int src, int dst, int cmd, bool request, size_t dataLen, size_t auxLen,
+                     int result);
+
+}  // namespace mbuswire
+
+#endif

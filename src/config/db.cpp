@@ -1,0 +1,270 @@
+// The configuration database: the connection, the start-up load of the three
+// tables and the row-change events that arrive over the bus.
+#include <sqlite3.h>
+
+#include <cctype>
+#include <cstring>
+#include <memory>
+#include <vector>
+
+#include "common/text.h"
+#include "config/swconf.h"
+#include "platform/sqlite_helpers.h"
+#include "portvlan/portvlan.h"
+#include "service/swmgr.h"
+#include "switch/switch.h"
+
+extern "C" {
+sqlite3 *pDB = nullptr;
+}
+
+namespace {
+
+// The busy handler's user data; the helper library expects writable text.
+char busyHandlerTag[] = "swMgr";
+
+struct TableDeleter {
+    void operator()(char **t) const { sqlite3_free_table(t); }
+};
+using TableResult = std::unique_ptr<char *, TableDeleter>;
+
+struct SqlDeleter {
+    void operator()(char *s) const { sqlite3_free(s); }
+};
+using SqlText = std::unique_ptr<char, SqlDeleter>;
+
+using RowInsertFn = int (*)(char **, int, int);
+
+int loadTable(const char *fname, const char *sql, const char *listMsg, const char *rowMsg,
+              RowInsertFn insert) {
+    int nCols = 0;
+    int nRows = 0;
+    TableResult result(swMgrTableGet(sql, &nCols, &nRows));
+    if (!result) {
+        SWMGR_LOG_AS("", SW_LOG_ERR, fname, "%s", listMsg);
+        return SW_EINVAL;
+    }
+    for (int row = 0; row < nRows; ++row) {
+        int r = insert(result.get(), nCols, row);
+        if (r < 0) {
+            SWMGR_LOG_AS("", SW_LOG_ERR, fname, "%s", rowMsg);
+            return r;
+        }
+    }
+    return 0;
+}
+
+// A table name from the bus goes into SQL text; anything but a plain
+// identifier cannot name one of our tables and is not run.
+bool isIdentifier(const char *s) {
+    if (s == nullptr || *s == '\0') return false;
+    for (; *s != '\0'; ++s)
+        if (!std::isalnum(static_cast<unsigned char>(*s)) && *s != '_') return false;
+    return true;
+}
+
+int globalCfgTable(sqlite3 *, int opCode, int, int, char **result, int nCols, int, char **) {
+    return opCode == DB_OP_INSERT ? swGlobalCfgDBInsertHandler(result, nCols, 0) : -1;
+}
+
+int portCfgTable(sqlite3 *, int opCode, int, int, char **result, int nCols, int, char **) {
+    return opCode == DB_OP_INSERT ? swPortCfgDBInsertHandler(result, nCols, 0) : -1;
+}
+
+int vlanCfgTable(sqlite3 *, int opCode, int, int, char **result, int nCols, int, char **oldRow) {
+    switch (opCode) {
+        case DB_OP_INSERT: return swVlanCfgDBInsertHandler(result, nCols, 0);
+        case DB_OP_UPDATE: return swVlanCfgDBUpdateHandler(result, oldRow, nCols, 0);
+        case DB_OP_DELETE: return swVlanCfgDBDeleteHandler(oldRow, nCols, 0);
+        default: return -1;
+    }
+}
+
+constexpr DbTableHandler kTableHandlers[] = {
+    {"swGlobalCfg", globalCfgTable},
+    {"swPortConfig", portCfgTable},
+    {"vlanEncapIf", vlanCfgTable},
+    {nullptr, nullptr},
+};
+
+}  // namespace
+
+extern "C" int swMgrDBInit(char *filename) {
+    sqlite3 *db = nullptr;
+    if (filename == nullptr || sqlite3_open(filename, &db) != SQLITE_OK) {
+        sqlite3_close(db);  // sqlite3_open hands back a handle even when it fails
+        SWMGR_LOG("", SW_LOG_ERR, "Couldn't open database %s \n", filename != nullptr ? filename : "");
+        return -1;
+    }
+    pDB = db;
+    sqlite3_busy_handler(pDB, sqliteBusyHandler, busyHandlerTag);
+    return 0;
+}
+
+extern "C" int swMgrDBDeinit(void) {
+    if (pDB != nullptr) {
+        sqlite3_close(pDB);
+        // Cleared so that a second shutdown cannot close a freed handle.
+        pDB = nullptr;
+    }
+    return 0;
+}
+
+extern "C" char **swMgrTableGet(const char *sql, int *nCols, int *nRows) {
+    return sqlite3QueryResGet(pDB, 0, sql, nCols, nRows);
+}
+
+extern "C" int switchCfgLoad(void) {
+    return loadTable("switchCfgLoad", "SELECT * from swGlobalCfg",
+                     "failed to get list of switches from the database\n",
+                     "failed to load switch profile\n", swGlobalCfgDBInsertHandler);
+}
+
+extern "C" int switchPortCfgLoad(void) {
+    // Reports a failed row with the switch loader's text, as it always has.
+    return loadTable("switchPortCfgLoad", "SELECT * from swPortConfig",
+                     "failed to get list of switch ports from the database\n",
+                     "failed to load switch profile\n", swPortCfgDBInsertHandler);
+}
+
+extern "C" int switchVlanCfgLoad(void) {
+    return loadTable("switchVlanCfgLoad", "SELECT * from vlanEncapIf",
+                     "failed to get list of vlans from the database\n",
+                     "Failed to load the switch VLAN configuration\n", swVlanCfgDBInsertHandler);
+}
+
+extern "C" int swGlobalCfgDBInsertHandler(char **result, int nCols, int row) {
+    SwitchConf conf{};
+    int r = swGlobalCfgFromQueryResultRead(&conf, result, nCols, row);
+    if (r < 0) return r;
+    r = switchConfAdd(&conf);
+    if (r < 0) {
+        SWMGR_LOG("", SW_LOG_ERR, "Failed to create new switch profile \n");
+        return r;
+    }
+    return 0;
+}
+
+extern "C" int swPortCfgDBInsertHandler(char **result, int nCols, int row) {
+    SwitchPortConf conf{};
+    int r = swPortCfgFromQueryResultRead(&conf, result, nCols, row);
+    if (r < 0) return r;
+    r = switchPortConfAdd(&conf);
+    if (r < 0) {
+        SWMGR_LOG("", SW_LOG_ERR, "Failed to create new switch port profile \n");
+        return r;
+    }
+    return 0;
+}
+
+extern "C" int swVlanCfgDBInsertHandler(char **result, int nCols, int row) {
+    SwitchVlanConf conf{};
+    int r = swVlanCfgFromQueryResultRead(&conf, result, nCols, row);
+    if (r < 0) return r;
+    r = switchVlanConfAdd(&conf);
+    if (r < 0) {
+        SWMGR_LOG("", SW_LOG_ERR, "Failed to create new switch vlan profile \n");
+        return r;
+    }
+    return 0;
+}
+
+extern "C" int swVlanCfgDBUpdateHandler(char **result, char **oldRow, int nCols, int row) {
+    SwitchVlanConf newConf{};
+    SwitchVlanConf oldConf{};
+    int r = result != nullptr ? swVlanCfgFromQueryResultRead(&newConf, result, nCols, row) : 0;
+    if (r < 0) return r;
+    r = oldRow != nullptr ? swVlanCfgFromQueryResultRead(&oldConf, oldRow, nCols, row) : 0;
+    if (r < 0) return r;
+    r = switchVlanConfUpdate(&newConf, &oldConf);
+    if (r < 0) {
+        SWMGR_LOG("", SW_LOG_ERR, "Failed to update switch vlan profile \n");
+        return r;
+    }
+    return 0;
+}
+
+extern "C" int swVlanCfgDBDeleteHandler(char **oldRow, int nCols, int row) {
+    SwitchVlanConf conf{};
+    int r = oldRow != nullptr ? swVlanCfgFromQueryResultRead(&conf, oldRow, nCols, row) : 0;
+    if (r < 0) return r;
+    r = switchVlanConfDelete(&conf);
+    if (r < 0) {
+        SWMGR_LOG("", SW_LOG_ERR, "Failed to delete switch vlan profile \n");
+        return r;
+    }
+    return 0;
+}
+
+extern "C" int swMgrDBUpdateHandler(DbUpdateEvent *event, unsigned int eventLen, char *oldValues,
+                                    unsigned int oldLen) {
+    if (event == nullptr || eventLen != DB_UPDATE_EVENT_LEN) {
+        SWMGR_LOG("", SW_LOG_ERR, "incomplete DB update information \n");
+        return -1;
+    }
+    // The name field need not be terminated on the wire.
+    char table[sizeof event->tableName + 1] = {};
+    std::memcpy(table, event->tableName, sizeof event->tableName);
+    const int opCode = event->opCode;
+    const int rowId = event->rowId;
+    SWMGR_LOG("", SW_LOG_TRACE, "DBUpdate event: Table: %s opCode:%d rowId:%d\n", table, opCode, rowId);
+
+    // The old values are split into strings over a private copy, so that a
+    // block whose last string lacks its terminator is never read past.
+    std::vector<char> block;
+    std::vector<char *> strings;
+    if (oldValues != nullptr && oldLen != 0) {
+        block.assign(oldValues, oldValues + oldLen);
+        block.push_back('\0');
+    }
+    unsigned consumed = 0;
+    while (consumed < oldLen && !block.empty()) {
+        strings.push_back(block.data() + consumed);
+        consumed += static_cast<unsigned>(strnlen(block.data() + consumed, oldLen - consumed)) + 1;
+    }
+
+    auto handle = [&]() -> int {
+        int nCols = 0;
+        int nRows = 0;
+        TableResult result;
+        if (opCode != DB_OP_DELETE) {
+            if (!isIdentifier(table)) return -1;
+            SqlText sql(sqlite3_mprintf("SELECT * from %s WHERE rowid=%d", table, rowId));
+            if (sql) result.reset(sqlite3QueryResGet(pDB, 0, sql.get(), &nCols, &nRows));
+            if (!result) return -1;
+        } else {
+            if (strings.size() % 2 != 0) {
+                SWMGR_LOG_AS("", SW_LOG_ERR, "swMgrDBUpdateHandler",
+                             "old values result does not contain 2 rows.j=%d nCols=%d outLen=%d\n",
+                             static_cast<int>(consumed), static_cast<int>(strings.size()),
+                             static_cast<int>(oldLen));
+                return -1;
+            }
+            nCols = static_cast<int>(strings.size() / 2);
+            nRows = 1;
+        }
+
+        // Column names, then values; a short block leaves the missing values
+        // null rather than pointing past it.
+        std::vector<char *> oldRow;
+        if (!block.empty()) {
+            oldRow.assign(2 * static_cast<size_t>(nCols), nullptr);
+            for (size_t i = 0; i < oldRow.size() && i < strings.size(); ++i) oldRow[i] = strings[i];
+        }
+        if ((nRows == 0 || nCols == 0) && opCode != DB_OP_DELETE) return -1;
+
+        SWMGR_LOG_AS("", SW_LOG_INFO, "swMgrDBUpdateHandler",
+                     "DBUpdate event: Table: %s opCode:%d rowId:%d processing \n", table, opCode, rowId);
+        for (const DbTableHandler *h = kTableHandlers; h->tableName != nullptr; ++h) {
+            if (std::strcmp(h->tableName, table) == 0)
+                return h->handler(pDB, opCode, rowId, event->reserved1, result.get(), nCols, nRows,
+                                  oldRow.empty() ? nullptr : oldRow.data());
+        }
+        return 0;  // not a table of ours
+    };
+    const int status = handle();
+
+    SWMGR_LOG("", SW_LOG_INFO, "DBUpdate event: Table: %s opCode:%d rowId:%d status=%d\n", table,
+              opCode, rowId, status);
+    return status;
+}

@@ -1,0 +1,127 @@
+// Decoding rows of the three configuration tables, laid out as
+// sqlite3_get_table gives them, into configuration records by column name.
+#include <cstdlib>
+#include <cstring>
+
+#include "common/text.h"
+#include "config/swconf.h"
+
+namespace {
+
+// One row of a query result: column names first, row r's values at
+// nCols * (r + 1).
+class Row {
+public:
+    Row(char **result, int nCols, int row) : result_(result), nCols_(nCols), row_(row) {}
+
+    // Value of the first column named exactly `name`; null when no column
+    // has that name or the value is SQL NULL.
+    const char *value(const char *name) const {
+        if (result_ == nullptr || nCols_ <= 0 || row_ < 0) return nullptr;
+        for (int c = 0; c < nCols_; ++c) {
+            const char *col = result_[c];
+            if (col != nullptr && std::strcmp(col, name) == 0)
+                return result_[static_cast<long>(nCols_) * (row_ + 1) + c];
+        }
+        return nullptr;
+    }
+
+    void integer(int32_t &field, const char *name) const {
+        if (const char *v = value(name)) field = std::atoi(v);
+    }
+
+    template <std::size_t N>
+    void text(char (&field)[N], const char *name) const {
+        if (const char *v = value(name)) swmgr::copyText(field, v);
+    }
+
+private:
+    char **result_;
+    int nCols_;
+    int row_;
+};
+
+constexpr std::size_t kPortListScratchLen = 512;
+
+}  // namespace
+
+extern "C" uint32_t str2num(char *text) {
+    if (text == nullptr) return 0;
+    uint32_t map = 0;
+    const std::size_t len = std::strlen(text);
+    std::size_t pos = 0;
+    while (pos < len) {
+        while (pos < len && text[pos] == ',') ++pos;
+        if (pos >= len) break;
+        const std::size_t start = pos;
+        while (pos < len && text[pos] != ',') ++pos;
+        text[pos] = '\0';
+        const std::size_t tokenLen = pos - start;
+        const int n = std::atoi(text + start);
+        // Numbers with bit 5 set (32..63, negatives) name no port; larger
+        // ones wrap onto the low 32 bits, as the shift on the target does.
+        if ((n & 0x20) == 0) map |= 1u << (static_cast<unsigned>(n) & 31u);
+        // The token moves to the front of the text: what the text holds
+        // afterwards is the last token, and the VLAN decoder relies on that.
+        std::memmove(text, text + start, tokenLen + 1);
+        ++pos;
+    }
+    return map;
+}
+
+extern "C" int swGlobalCfgFromQueryResultRead(SwitchConf *conf, char **result, int nCols, int row) {
+    if (conf == nullptr) return 0;
+    const Row r(result, nCols, row);
+    r.text(conf->switchName, "switchName");
+    r.text(conf->switchDevice, "switchDevice");
+    r.integer(conf->numPorts, "numPorts");
+    r.integer(conf->vlanEnable, "vlanEnable");
+    r.integer(conf->qosEnable, "qosEnable");
+    r.integer(conf->pauseFrameEnable, "pauseFrameEnable");
+    r.integer(conf->igmpSnoopingEnable, "igmpSnoopingEnable");
+    r.integer(conf->mldSnoopingEnable, "mldSnoopingEnable");
+    r.integer(conf->switchLevel, "switchLevel");
+    return 0;
+}
+
+extern "C" int swPortCfgFromQueryResultRead(SwitchPortConf *conf, char **result, int nCols, int row) {
+    if (conf == nullptr) return 0;
+    const Row r(result, nCols, row);
+    r.integer(conf->portNumber, "portNumber");
+    r.integer(conf->portType, "portType");
+    r.text(conf->phyDevice, "phyDevice");
+    r.text(conf->switchName, "switchName");
+    r.text(conf->interfaceName, "interfaceName");
+    r.integer(conf->PVID, "PVID");
+    r.integer(conf->mirroring, "mirroring");
+    r.integer(conf->trustMode, "trustMode");
+    r.integer(conf->qos.rateLimit, "rateLimit");
+    r.integer(conf->qos.schedMode, "schedMode");
+    r.integer(conf->qos.numQueues, "numQueues");
+    r.integer(conf->qos.queue1Weight, "queue1Weight");
+    r.integer(conf->qos.queue2Weight, "queue2Weight");
+    r.integer(conf->qos.queue3Weight, "queue3Weight");
+    r.integer(conf->qos.queue4Weight, "queue4Weight");
+    return 0;
+}
+
+extern "C" int swVlanCfgFromQueryResultRead(SwitchVlanConf *conf, char **result, int nCols, int row) {
+    if (conf == nullptr) return 0;
+    const Row r(result, nCols, row);
+    r.integer(conf->vlanId, "vlanId");
+    r.integer(conf->inSwitchOnly, "inSwitchOnly");
+
+    // One scratch text serves both bitmaps and is not cleared in between:
+    // an absent untagMap converts whatever fwdMap's conversion left there.
+    char scratch[kPortListScratchLen] = {};
+    if (const char *v = r.value("fwdMap")) swmgr::copyText(scratch, v);
+    conf->fwdMap = str2num(scratch);
+    if (const char *v = r.value("untagMap")) swmgr::copyText(scratch, v);
+    conf->untagMap = str2num(scratch);
+
+    r.text(conf->ingressMap, "ingressMap");
+    r.text(conf->egressMap, "egressMap");
+    r.text(conf->interfaceName, "interfaceName");
+    r.text(conf->LogicalIfName, "LogicalIfName");
+    return 0;
+}

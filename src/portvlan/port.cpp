@@ -1,0 +1,226 @@
+// Switch ports: creation from a port row, the mapping of an upper-level port
+// onto lower-level ports, and the per-port commands.
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <string_view>
+
+#include "common/text.h"
+#include "portvlan/portvlan.h"
+#include "service/swmgr.h"
+#include "switch/command.h"
+
+namespace {
+
+uint32_t portSeqNo = 0;
+
+constexpr std::size_t kMapNameLen = 64;
+constexpr std::size_t kMapNumberLen = 32;
+
+void mappedPortsFree(SwitchPort *port) {
+    for (void *n = osaListFirst(&port->mappedPorts); n != nullptr;) {
+        void *next = osaListNext(n);
+        std::free(n);
+        n = next;
+    }
+    osaListInit(&port->mappedPorts);
+}
+
+template <std::size_t N>
+void copyView(char (&dst)[N], std::string_view src) {
+    const std::size_t n = src.size() < N - 1 ? src.size() : N - 1;
+    std::memcpy(dst, src.data(), n);
+    dst[n] = '\0';
+}
+
+// One "switch:port" entry of a mapping list.
+int portMapEntryAdd(SwitchPort *port, std::string_view entry) {
+    const std::size_t colon = entry.find(':');
+    if (colon == std::string_view::npos) return -1;
+    char name[kMapNameLen];
+    char number[kMapNumberLen];
+    copyView(name, entry.substr(0, colon));
+    copyView(number, entry.substr(colon + 1));
+    const int portNumber = std::atoi(number);
+
+    Switch *lowerSw = switchByNameGet(name);
+    if (lowerSw == nullptr) {
+        SWMGR_LOG_AS(swPortStrGet(port), SW_LOG_ERR, "switchPortMapInit",
+                     "Failed to get the switch entry for %s \n", name);
+        return -1;
+    }
+    SwitchPort *lower = switchPortByNumberGet(lowerSw, portNumber);
+    if (lower == nullptr) {
+        SWMGR_LOG_AS(swPortStrGet(port), SW_LOG_ERR, "switchPortMapInit",
+                     "Failed to get the switch port for %d in %s \n", portNumber, name);
+        return -1;
+    }
+    return switchPortMappedListAppend(port, lower);
+}
+
+}  // namespace
+
+extern "C" SwitchPort *switchPortCreate(SwitchPortConf *conf) {
+    if (conf == nullptr) return nullptr;
+    char swName[sizeof conf->switchName + 1];
+    swmgr::copyText(swName, conf->switchName);
+    SWMGR_LOG("", SW_LOG_TRACE, "Creating %d port in %s \n", conf->portNumber, swName);
+
+    Switch *sw = switchByNameGet(swName);
+    if (sw == nullptr) {
+        SWMGR_LOG("", SW_LOG_ERR, "%s switch is not yet created \n", swName);
+        return nullptr;
+    }
+    if (switchPortByNumberGet(sw, conf->portNumber) != nullptr) {
+        // The listed port stays as it is.
+        SWMGR_LOG(switchStrGet(sw), SW_LOG_ERR,
+                  "There is a switch port created already for this name\n");
+        return nullptr;
+    }
+
+    auto *port = static_cast<SwitchPort *>(std::calloc(1, sizeof(SwitchPort)));
+    if (port == nullptr) return nullptr;
+    port->sw = sw;
+    port->portNumber = conf->portNumber;
+    port->PVID = conf->PVID;
+    port->portType = conf->portType;
+    port->trustMode = conf->trustMode;
+    port->mirroring = conf->mirroring;
+    swmgr::copyText(port->interfaceName, conf->interfaceName);
+    port->qos = conf->qos;
+
+    // Parsed from a copy: the row's text stays as the caller gave it.
+    char phyDevice[sizeof conf->phyDevice + 1];
+    swmgr::copyText(phyDevice, conf->phyDevice);
+    if (switchPortMapInit(port, phyDevice) < 0) {
+        SWMGR_LOG(swPortStrGet(port), SW_LOG_ERR, "Failed to initiate port mappings \n");
+        mappedPortsFree(port);
+        std::free(port);
+        return nullptr;
+    }
+    return port;
+}
+
+extern "C" int switchPortConfAdd(SwitchPortConf *conf) {
+    SwitchPort *port = switchPortCreate(conf);
+    if (port == nullptr) {
+        SWMGR_LOG("", SW_LOG_ERR, "Failed to create switch port configuration \n");
+        return -1;
+    }
+    port->seqNo = ++portSeqNo;
+    osaListNodeAppend(&port->sw->portList, port);
+
+    int r = switchPortCfgApply(port->sw, port);
+    if (r < 0) {
+        SWMGR_LOG(swPortStrGet(port), SW_LOG_ERR, "Failed to apply switch port configuration \n");
+        return r;
+    }
+    SWMGR_LOG(swPortStrGet(port), SW_LOG_INFO, "Added switch port configuration.\n");
+    return 0;
+}
+
+extern "C" int switchPortMapInit(SwitchPort *port, char *text) {
+    if (port == nullptr) return -1;
+    // A list given again replaces the one the port had.
+    mappedPortsFree(port);
+    if (text == nullptr) return 0;
+
+    std::string_view rest(text);
+    while (!rest.empty()) {
+        const std::size_t comma = rest.find(',');
+        const std::string_view entry = rest.substr(0, comma);
+        rest = comma == std::string_view::npos ? std::string_view() : rest.substr(comma + 1);
+        if (entry.empty()) continue;
+        const int r = portMapEntryAdd(port, entry);
+        if (r < 0) {
+            SWMGR_LOG(swPortStrGet(port), SW_LOG_ERR,
+                      "Failed to update port mapping for port%d in %s \n", port->portNumber,
+                      port->sw != nullptr ? port->sw->switchName : "");
+            return r;
+        }
+    }
+    return 0;
+}
+
+extern "C" int switchPortMappedListAppend(SwitchPort *port, SwitchPort *lower) {
+    if (port == nullptr || lower == nullptr) return -1;
+    auto *entry = static_cast<SwitchPortMapEntry *>(std::calloc(1, sizeof(SwitchPortMapEntry)));
+    if (entry == nullptr) return SW_ENOMEM;
+    entry->port = lower;
+    SWMGR_LOG(swPortStrGet(port), SW_LOG_TRACE, "Mapping %s:%d to %s:%d \n",
+              lower->sw != nullptr ? lower->sw->switchName : "", lower->portNumber,
+              port->sw != nullptr ? port->sw->switchName : "", port->portNumber);
+    osaListNodeAppend(&port->mappedPorts, entry);
+    return switchLowerLvlSwitchListAppend(port->sw, lower->sw);
+}
+
+extern "C" int switchPortTrustModeConfigure(SwitchPort *port) {
+    if (port == nullptr) return SW_EINVAL;
+    SwitchTrustModeArg arg{port->portNumber, port->trustMode};
+    int r = swmgr::switchCommandSend(port->sw, SW_CMD_PORT_TRUST_MODE, &arg, SW_TRUST_MODE_ARG_LEN);
+    if (r < 0)
+        SWMGR_LOG(swPortStrGet(port), SW_LOG_ERR, "Failed to configure trustmode on port%d in %s\n",
+                  port->portNumber, port->sw != nullptr ? port->sw->switchName : "");
+    return r;
+}
+
+extern "C" int switchPortCfgApply(Switch *sw, SwitchPort *port) {
+    if (sw == nullptr) return SW_EINVAL;
+    for (auto *p = static_cast<SwitchPort *>(osaListFirst(&sw->portList)); p != nullptr;
+         p = static_cast<SwitchPort *>(osaListNext(p))) {
+        if (port != nullptr && p != port) continue;
+        int r = switchPortTrustModeConfigure(p);
+        if (r < 0) {
+            SWMGR_LOG(swPortStrGet(p), SW_LOG_ERR, "Failed to configure trust mode of port (%d)",
+                      p->portNumber);
+            return r;
+        }
+    }
+    return 0;
+}
+
+extern "C" int switchPortVlanInfoConfigure(Switch *sw, SwitchPort *port) {
+    if (sw == nullptr) return SW_EINVAL;
+    // A null port stands for all of the switch's ports.
+    int r = swmgr::switchCommandSend(sw, SW_CMD_PORT_CONFIG_SET, port, SW_PORT_REC_LEN);
+    if (r < 0)
+        SWMGR_LOG(switchStrGet(sw), SW_LOG_ERR, "Failed to configure port%d in %s\n",
+                  port != nullptr ? port->portNumber : -1, sw->switchName);
+    return r;
+}
+
+// Ports are never removed while the manager runs: this lookup finds the
+// port only to report it and hands nothing back.
+extern "C" SwitchPort *switchPortByNumberAndSwitchNameGet(const char *switchName, int portNumber) {
+    Switch *sw = switchByNameGet(switchName);
+    if (sw == nullptr) {
+        SWMGR_LOG("", SW_LOG_ERR, "%s switch is not yet created \n",
+                  switchName != nullptr ? switchName : "");
+        return nullptr;
+    }
+    if (switchPortByNumberGet(sw, portNumber) != nullptr)
+        SWMGR_LOG(switchStrGet(sw), SW_LOG_ERR,
+                  "There is a switch port created already for this name\n");
+    return nullptr;
+}
+
+extern "C" int switchPortDeinit(SwitchPortConf *conf) {
+    char swName[sizeof conf->switchName + 1] = {};
+    if (conf != nullptr) swmgr::copyText(swName, conf->switchName);
+    SwitchPort *port =
+        switchPortByNumberAndSwitchNameGet(swName, conf != nullptr ? conf->portNumber : 0);
+    if (port == nullptr) {
+        SWMGR_LOG("", SW_LOG_ERR, "Failed to find switch profile for %s \n", swName);
+        return SW_EINVAL;
+    }
+    int r = switchPortDestroy(port);
+    if (r < 0)
+        SWMGR_LOG(swPortStrGet(port), SW_LOG_ERR, "Failed to destroy the port %d in switch %s \n",
+                  port->portNumber, swName);
+    return r;
+}
+
+extern "C" int switchPortDestroy(SwitchPort *port) {
+    (void)port;
+    return 0;
+}

@@ -1,0 +1,40 @@
+// Uptime stamps: the system's uptime in whole seconds, kept in small text
+// files so that other programs can tell since when something exists.
+#include <cstdio>
+
+#include "platform/osa.h"
+#include "service/swmgr.h"
+
+namespace {
+constexpr const char *kUptimeSource = "/proc/uptime";
+
+// Closes the stream on every way out.
+struct FileCloser {
+    FILE *file;
+    ~FileCloser() {
+        if (file != nullptr) osaFileClose(file);
+    }
+};
+}  // namespace
+
+extern "C" int timeEventGet(uint32_t *seconds, const char *path) {
+    if (seconds == nullptr || path == nullptr) return -1;
+    *seconds = 0;
+    FileCloser in{osaFileOpen(path, "r")};
+    if (in.file == nullptr) return -1;
+    // "%u" stops at the decimal point, so "/proc/uptime" yields whole seconds.
+    // A file without a number leaves the zero in place.
+    unsigned value = 0;
+    if (std::fscanf(in.file, "%u\n", &value) == 1) *seconds = value;
+    return 0;
+}
+
+extern "C" int timeEventRecord(const char *path) {
+    if (path == nullptr) return -1;
+    uint32_t seconds = 0;
+    if (timeEventGet(&seconds, kUptimeSource) != 0) return -1;
+    FileCloser out{osaFileOpen(path, "w+")};
+    if (out.file == nullptr) return -1;
+    osaFilePrintf(out.file, "%u\n", static_cast<unsigned>(seconds));
+    return 0;
+}

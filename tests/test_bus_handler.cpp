@@ -1,0 +1,172 @@
+// The bus command handler: sorting by code, malformed requests, interface
+// events and the upstream rate limit, result mapping.
+#include <cstring>
+#include <vector>
+
+#include "config/swconf.h"
+#include "portvlan/portvlan.h"
+#include "swmgr_test.h"
+
+namespace {
+
+class BusHandler : public swtest::SwmgrTest {
+protected:
+    void SetUp() override {
+        SwmgrTest::SetUp();
+        rec = std::make_unique<swtest::RecordingDriver>();
+    }
+    void TearDown() override {
+        rec.reset();
+        SwmgrTest::TearDown();
+    }
+    Switch *addBound(const char *name, int level) {
+        Switch *sw = swtest::addSwitch(name, level);
+        EXPECT_EQ(switchConfigFuncRegister(sw), 0);
+        return sw;
+    }
+    static MbusMsgHeader request(uint32_t from = 9) {
+        MbusMsgHeader h{};
+        h.srcModule = from;
+        h.isRequest = 1;
+        return h;
+    }
+    int handle(int cmd, void *data, int len, void *aux = nullptr, int *auxLen = nullptr) {
+        MbusMsgHeader h = request();
+        return swMgrIoctlHandler(nullptr, &h, cmd, data, len, aux, auxLen);
+    }
+    int ifEvent(const char *ifName, uint32_t event, uint32_t total, uint32_t pct, bool withAux = true) {
+        std::vector<uint8_t> ev(SW_IFDEV_EVENT_LEN, 0);
+        std::strcpy(reinterpret_cast<char *>(ev.data()), ifName);
+        std::memcpy(ev.data() + 132, &event, 4);
+        SwIfBandwidth bw{};
+        bw.totalBandwidth = total;
+        bw.upstreamPercent = pct;
+        int auxLen = sizeof bw;
+        return handle(SW_CMD_IFDEV_EVENT, ev.data(), static_cast<int>(ev.size()), withAux ? &bw : nullptr,
+                      withAux ? &auxLen : nullptr);
+    }
+    std::unique_ptr<swtest::RecordingDriver> rec;
+};
+
+TEST_F(BusHandler, HeaderlessAndReplyMessages) {
+    EXPECT_EQ(swMgrIoctlHandler(nullptr, nullptr, 37, nullptr, 0, nullptr, nullptr), -1);
+    EXPECT_TRUE(cap->logs.empty());
+
+    MbusMsgHeader reply = request(20);
+    reply.isRequest = 0;
+    EXPECT_EQ(swMgrIoctlHandler(nullptr, &reply, 4, nullptr, 0, nullptr, nullptr), 0);
+    EXPECT_EQ(cap->rawLogs(), (std::vector<std::string>{"unexpected reply from 20 cmd=4 !\n"}));
+    EXPECT_EQ(cap->logs[0].level, 8);
+}
+
+TEST_F(BusHandler, MalformedEventsAreRefused) {
+    std::vector<uint8_t> ev(SW_IFDEV_EVENT_LEN - 1, 0);
+    EXPECT_EQ(handle(SW_CMD_IFDEV_EVENT, ev.data(), static_cast<int>(ev.size())), -1);
+    EXPECT_EQ(handle(SW_CMD_IFDEV_EVENT, nullptr, SW_IFDEV_EVENT_LEN), -1);
+    std::vector<uint8_t> db(DB_UPDATE_EVENT_LEN - 1, 0);
+    EXPECT_EQ(handle(SW_CMD_DB_EVENT, db.data(), static_cast<int>(db.size())), -1);
+    EXPECT_EQ(handle(SW_CMD_DB_EVENT, nullptr, DB_UPDATE_EVENT_LEN), -1);
+    EXPECT_EQ(cap->rawLogs(), (std::vector<std::string>{
+                                  "swMgrIoctlHandler: short ifDev event request!\n",
+                                  "swMgrIoctlHandler: short ifDev event request!\n",
+                                  "Invalid database event\n", "Invalid database event\n"}));
+    EXPECT_TRUE(rec->calls.empty());
+}
+
+TEST_F(BusHandler, BandwidthEventSetsTheUpstreamLimitOnPortOne) {
+    addBound("REC", 2);
+    EXPECT_EQ(ifEvent("eth1", 22, 100000, 80), 0);
+    ASSERT_EQ(rec->calls.size(), 1u);
+    EXPECT_EQ(rec->calls[0].cmd, SW_CMD_PORT_RATE_LIMIT);
+    EXPECT_EQ(rec->calls[0].argLen, 12);
+    SwitchRateLimitArg want{};
+    want.portNumber = 1;
+    want.action = 1;
+    want.rate = 80000;
+    EXPECT_EQ(rec->calls[0].arg, swtest::bytesOf(want));
+    EXPECT_EQ(cap->rawLogs(), (std::vector<std::string>{
+                                  "Received interface event=22 on eth1\n",
+                                  "Configure upstream bandwdith limit of eth1 to 80000 kbps (80% of "
+                                  "total bandwidth(100000))\n"}));
+    for (const auto &l : cap->logs) EXPECT_EQ(l.level, 64);
+
+    // Bandwidth 0 switches the limit off; events 25 and 26 are handled too.
+    rec->calls.clear();
+    EXPECT_EQ(ifEvent("eth0", 26, 0, 80), 0);
+    want.action = 0;
+    want.rate = 0;
+    ASSERT_EQ(rec->calls.size(), 1u);
+    EXPECT_EQ(rec->calls[0].arg, swtest::bytesOf(want));
+    EXPECT_EQ(ifEvent("eth0", 25, 1000, 50), 0);
+}
+
+TEST_F(BusHandler, LimitWrapsInUnsignedArithmetic) {
+    addBound("REC", 2);
+    // 100000000 * 80 wraps to 3705032704 before the division.
+    EXPECT_EQ(ifEvent("eth1", 22, 100000000u, 80), 0);
+    ASSERT_EQ(rec->calls.size(), 1u);
+    uint32_t rate = 0;
+    std::memcpy(&rate, rec->calls[0].arg.data() + 8, 4);
+    EXPECT_EQ(rate, 37050327u);
+}
+
+TEST_F(BusHandler, UnhandledEventAndMissingPiecesFail) {
+    addBound("REC", 2);
+    EXPECT_EQ(ifEvent("eth1", 23, 100000, 80), -122);
+    EXPECT_EQ(ifEvent("eth1", 27, 100000, 80), -122);
+    EXPECT_EQ(ifEvent("eth1", 22, 100000, 80, false), -1);
+    rec->results[SW_CMD_PORT_RATE_LIMIT] = -7;
+    EXPECT_EQ(ifEvent("eth1", 22, 100000, 80), -7);
+    EXPECT_EQ(cap->rawLogs(),
+              (std::vector<std::string>{
+                  "Received interface event=23 on eth1\n", "failed to handle interface events\n",
+                  "Received interface event=27 on eth1\n", "failed to handle interface events\n",
+                  "Received interface event=22 on eth1\n", "No bandwidth information provided in event\n",
+                  "failed to handle interface events\n", "Received interface event=22 on eth1\n",
+                  "Configure upstream bandwdith limit of eth1 to 80000 kbps (80% of total bandwidth(100000))\n",
+                  "Failed to configure rate limiting based on interface bandwidth change \n",
+                  "failed to handle interface events\n"}));
+}
+
+TEST_F(BusHandler, InterfaceEventWithoutSwitches) {
+    EXPECT_EQ(ifEvent("eth1", 22, 100000, 80), -1);
+    EXPECT_EQ(cap->findLog("No Switch is yet initialized\n"), 1);
+    EXPECT_EQ(cap->findLog("failed to handle interface events\n"), 2);
+}
+
+TEST_F(BusHandler, DriverCommandsGoToTheNamedSwitchWithResultsMapped) {
+    addBound("REC", 2);
+    char req[SW_BUS_NAME_LEN + SW_BUS_ARG_LEN] = "REC";
+    rec->results[37] = 5;
+    EXPECT_EQ(handle(37, req, sizeof req), 0) << "a positive driver result is answered with 0";
+    rec->results[37] = -3;
+    EXPECT_EQ(handle(37, req, sizeof req), -3);
+    EXPECT_EQ(handle(2, req, sizeof req), 0) << "codes below the bus's own go to drivers too";
+    EXPECT_EQ(rec->cmds(), (std::vector<int>{37, 37, 2}));
+
+    // A short request is padded, never read past; an unknown name fails.
+    EXPECT_EQ(handle(48, req, 4), 0);
+    char unknown[SW_BUS_NAME_LEN + SW_BUS_ARG_LEN] = "NONE";
+    EXPECT_EQ(handle(37, unknown, sizeof unknown), -1);
+    EXPECT_EQ(handle(37, nullptr, 0), -1);
+}
+
+TEST_F(BusHandler, VlanRequestsGoToTheTopLevelSwitch) {
+    char req[SW_BUS_NAME_LEN + SW_BUS_ARG_LEN] = "ignored";
+    EXPECT_EQ(handle(SW_CMD_VLAN_ADD, req, sizeof req), SW_EINVAL) << "no top-level switch yet";
+    EXPECT_TRUE(cap->logs.empty());
+
+    Switch *top = addBound("REC", 2);
+    SwitchVlanConf conf{};
+    conf.vlanId = 100;
+    std::strcpy(conf.interfaceName, "eth0");
+    conf.fwdMap = 0x3;
+    std::memcpy(req + SW_BUS_NAME_LEN, &conf, sizeof conf);
+    EXPECT_EQ(handle(SW_CMD_VLAN_ADD, req, sizeof req), 0);
+    ASSERT_NE(switchVlanByIdGet(top, 100), nullptr);
+    EXPECT_EQ(switchVlanByIdGet(top, 100)->fwdMap, 0x3u);
+    EXPECT_EQ(handle(SW_CMD_VLAN_DELETE, req, sizeof req), 0);
+    EXPECT_EQ(switchVlanByIdGet(top, 100), nullptr);
+}
+
+}  // namespace

@@ -1,0 +1,188 @@
+// Configuration loading and row-change events on a real database file.
+#include <sqlite3.h>
+
+#include <algorithm>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "config/swconf.h"
+#include "portvlan/portvlan.h"
+#include "swmgr_test.h"
+
+namespace {
+
+const char *kSchema =
+    "CREATE TABLE swGlobalCfg (switchName, switchDevice, vlanEnable, qosEnable, numPorts,"
+    " pauseFrameEnable, igmpSnoopingEnable, mldSnoopingEnable, switchLevel);"
+    "CREATE TABLE swPortConfig (switchName, portNumber, PVID, portType, mirroring, trustMode,"
+    " interfaceName, phyDevice, rateLimit, schedMode, numQueues, queue1Weight, queue2Weight,"
+    " queue3Weight, queue4Weight);"
+    "CREATE TABLE vlanEncapIf (vlanId, interfaceName, LogicalIfName, ingressMap, egressMap,"
+    " fwdMap, untagMap, inSwitchOnly);"
+    "INSERT INTO swGlobalCfg VALUES ('REC', '', 1, 0, 5, 0, 0, 0, 1);"
+    "INSERT INTO swPortConfig VALUES ('REC', 2, 1, 0, 0, 0, 'lan', '', 0, 0, 4, 1, 1, 1, 1);"
+    "INSERT INTO vlanEncapIf VALUES (10, 'eth0', 'br-lan', '', '', '0,1', '0', 0);";
+
+class DbEvents : public swtest::SwmgrTest {
+protected:
+    void SetUp() override {
+        SwmgrTest::SetUp();
+        rec = std::make_unique<swtest::RecordingDriver>();
+        path = root->file("config.db");
+        ASSERT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
+        ASSERT_EQ(sqlite3_exec(db, kSchema, nullptr, nullptr, nullptr), SQLITE_OK);
+        ASSERT_EQ(swMgrDBInit(const_cast<char *>(path.c_str())), 0);
+    }
+    void TearDown() override {
+        swMgrDBDeinit();
+        sqlite3_close(db);
+        rec.reset();
+        SwmgrTest::TearDown();
+    }
+    void exec(const std::string &sql) {
+        ASSERT_EQ(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK) << sql;
+    }
+    // Column names, then values, as NUL-terminated strings.
+    std::string oldValues(const std::string &table, int rowId) {
+        std::string block;
+        sqlite3_stmt *st = nullptr;
+        std::string sql = "SELECT * FROM " + table + " WHERE rowid=" + std::to_string(rowId);
+        EXPECT_EQ(sqlite3_prepare_v2(db, sql.c_str(), -1, &st, nullptr), SQLITE_OK);
+        EXPECT_EQ(sqlite3_step(st), SQLITE_ROW);
+        int n = sqlite3_column_count(st);
+        for (int i = 0; i < n; ++i) block += std::string(sqlite3_column_name(st, i)) + '\0';
+        for (int i = 0; i < n; ++i) {
+            const unsigned char *v = sqlite3_column_text(st, i);
+            block += std::string(v ? reinterpret_cast<const char *>(v) : "") + '\0';
+        }
+        sqlite3_finalize(st);
+        return block;
+    }
+    int event(const char *table, int rowId, int opCode, std::string old = "", unsigned len = 80) {
+        DbUpdateEvent ev{};
+        std::strncpy(ev.tableName, table, sizeof ev.tableName);
+        ev.rowId = rowId;
+        ev.opCode = opCode;
+        return swMgrDBUpdateHandler(&ev, len, old.empty() ? nullptr : old.data(),
+                                    static_cast<unsigned>(old.size()));
+    }
+    void loadAll() {
+        ASSERT_EQ(switchCfgLoad(), 0);
+        ASSERT_EQ(switchPortCfgLoad(), 0);
+        ASSERT_EQ(switchVlanCfgLoad(), 0);
+        sw = switchByNameGet("REC");
+        ASSERT_NE(sw, nullptr);
+        cap->clear();
+        rec->calls.clear();
+    }
+    std::unique_ptr<swtest::RecordingDriver> rec;
+    std::string path;
+    sqlite3 *db = nullptr;
+    Switch *sw = nullptr;
+};
+
+TEST_F(DbEvents, LoadsSwitchesPortsAndVlans) {
+    loadAll();
+    ASSERT_NE(switchPortByNumberGet(sw, 2), nullptr);
+    SwitchVlan *v = switchVlanByIdGet(sw, 10);
+    ASSERT_NE(v, nullptr);
+    EXPECT_EQ(v->fwdMap, 0x3u);
+    EXPECT_EQ(v->untagMap, 0x1u);
+    EXPECT_STREQ(v->LogicalIfName, "br-lan");
+}
+
+TEST_F(DbEvents, EmptyTablesLoadAndRefusedRowsStopTheLoad) {
+    exec("DELETE FROM vlanEncapIf;");
+    EXPECT_EQ(switchVlanCfgLoad(), 0);
+    exec("INSERT INTO swPortConfig VALUES ('NOPE', 1, 1, 0, 0, 0, '', '', 0, 0, 4, 1, 1, 1, 1);");
+    ASSERT_EQ(switchCfgLoad(), 0);
+    cap->clear();
+    EXPECT_LT(switchPortCfgLoad(), 0);
+    // A refused port row reports with the switch loader's words.
+    EXPECT_GE(cap->findLog("failed to load switch profile\n"), 0) << cap->dump();
+    exec("DROP TABLE vlanEncapIf;");
+    EXPECT_EQ(switchVlanCfgLoad(), -22);
+    EXPECT_GE(cap->findLog("failed to get list of vlans from the database\n"), 0);
+}
+
+TEST_F(DbEvents, VlanRowInsertUpdateDeleteFollowTheDatabase) {
+    loadAll();
+    exec("INSERT INTO vlanEncapIf VALUES (100, 'eth0', 'br-guest', '', '', '2', '2', 0);");
+    const int row = static_cast<int>(sqlite3_last_insert_rowid(db));
+    EXPECT_EQ(event("vlanEncapIf", row, 18), 0);
+    ASSERT_NE(switchVlanByIdGet(sw, 100), nullptr);
+    EXPECT_EQ(switchVlanByIdGet(sw, 100)->fwdMap, 0x4u);
+    EXPECT_EQ(cap->findLog("DBUpdate event: Table: vlanEncapIf opCode:18 rowId:" + std::to_string(row) +
+                           " processing \n"),
+              0)
+        << cap->dump();
+    EXPECT_EQ(cap->logs.back().raw,
+              "DBUpdate event: Table: vlanEncapIf opCode:18 rowId:" + std::to_string(row) + " status=0\n");
+    EXPECT_GE(std::count(cap->commands.begin(), cap->commands.end(), "vconfig add eth0 100"), 1);
+
+    // The update finds the VLAN by its old id and stores the new one.
+    std::string old = oldValues("vlanEncapIf", row);
+    exec("UPDATE vlanEncapIf SET vlanId=101, fwdMap='1,2' WHERE rowid=" + std::to_string(row));
+    EXPECT_EQ(event("vlanEncapIf", row, 23, old), 0);
+    EXPECT_EQ(switchVlanByIdGet(sw, 100), nullptr);
+    ASSERT_NE(switchVlanByIdGet(sw, 101), nullptr);
+    EXPECT_EQ(switchVlanByIdGet(sw, 101)->fwdMap, 0x6u);
+
+    cap->clear();
+    old = oldValues("vlanEncapIf", row);
+    exec("DELETE FROM vlanEncapIf WHERE rowid=" + std::to_string(row));
+    EXPECT_EQ(event("vlanEncapIf", row, 9, old), 0);
+    EXPECT_EQ(switchVlanByIdGet(sw, 101), nullptr);
+    EXPECT_EQ(cap->commands.front(), "vconfig rem eth0.101");
+}
+
+TEST_F(DbEvents, MalformedAndRefusedEvents) {
+    loadAll();
+    EXPECT_EQ(event("vlanEncapIf", 1, 18, "", 79), -1);
+    EXPECT_EQ(swMgrDBUpdateHandler(nullptr, 80, nullptr, 0), -1);
+    EXPECT_EQ(cap->rawLogs(), (std::vector<std::string>{"incomplete DB update information \n",
+                                                        "incomplete DB update information \n"}));
+
+    // Three strings cannot be names and values of one row.
+    cap->clear();
+    EXPECT_EQ(event("vlanEncapIf", 1, 9, std::string("vlanId\0eth0\0x\0", 14)), -1);
+    EXPECT_EQ(cap->rawLogs(), (std::vector<std::string>{
+                                  "old values result does not contain 2 rows.j=14 nCols=3 outLen=14\n",
+                                  "DBUpdate event: Table: vlanEncapIf opCode:9 rowId:1 status=-1\n"}));
+
+    // Switch and port rows only follow the database at start-up.
+    SwitchPort *port = switchPortByNumberGet(sw, 2);
+    exec("UPDATE swPortConfig SET trustMode=3 WHERE rowid=1");
+    EXPECT_EQ(event("swPortConfig", 1, 23, oldValues("swPortConfig", 1)), -1);
+    EXPECT_EQ(port->trustMode, 0);
+    EXPECT_EQ(event("swGlobalCfg", 1, 9, oldValues("swGlobalCfg", 1)), -1);
+    EXPECT_TRUE(rec->calls.empty());
+
+    // A row deleted before its update is read, and an unknown table.
+    cap->clear();
+    EXPECT_EQ(event("vlanEncapIf", 999, 23), -1);
+    EXPECT_EQ(cap->rawLogs(), (std::vector<std::string>{
+                                  "DBUpdate event: Table: vlanEncapIf opCode:23 rowId:999 status=-1\n"}));
+    EXPECT_EQ(event("SWGLOBALCFG", 1, 18), 0) << "names match exactly: ignored";
+    EXPECT_EQ(event("vlanEncapIf; DROP TABLE swGlobalCfg", 1, 18), -1);
+    EXPECT_EQ(sqlite3_exec(db, "SELECT * FROM swGlobalCfg", nullptr, nullptr, nullptr), SQLITE_OK)
+        << "a table name is never run as SQL";
+}
+
+TEST_F(DbEvents, OldValuesAreNeverReadPastTheirLength) {
+    loadAll();
+    // A 64-byte name without terminator and a block whose last string is cut.
+    DbUpdateEvent ev{};
+    std::memset(ev.tableName, 'v', sizeof ev.tableName);
+    ev.opCode = 9;
+    std::vector<char> cut = {'v', 'l', 'a', 'n', 'I', 'd', '\0', '1', '0'};
+    EXPECT_EQ(swMgrDBUpdateHandler(&ev, 80, cut.data(), static_cast<unsigned>(cut.size())), 0);
+
+    // An empty block passes with no columns and reaches the delete handler.
+    cap->clear();
+    EXPECT_EQ(event("vlanEncapIf", 5, 9), 0);
+    EXPECT_NE(switchVlanByIdGet(sw, 10), nullptr) << "nothing decoded, nothing deleted";
+}
+
+}  // namespace

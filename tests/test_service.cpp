@@ -1,0 +1,131 @@
+// Service start-up, main loop and shutdown against real database files.
+#include <sqlite3.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+#include "config/swconf.h"
+#include "swmgr_test.h"
+
+namespace {
+
+const char *kTables =
+    "CREATE TABLE swGlobalCfg (switchName, switchDevice, vlanEnable, qosEnable, numPorts,"
+    " pauseFrameEnable, igmpSnoopingEnable, mldSnoopingEnable, switchLevel);"
+    "CREATE TABLE swPortConfig (switchName, portNumber, PVID, portType, mirroring, trustMode,"
+    " interfaceName, phyDevice, rateLimit, schedMode, numQueues, queue1Weight, queue2Weight,"
+    " queue3Weight, queue4Weight);"
+    "CREATE TABLE vlanEncapIf (vlanId, interfaceName, LogicalIfName, ingressMap, egressMap,"
+    " fwdMap, untagMap, inSwitchOnly);";
+
+class Service : public swtest::SwmgrTest {
+protected:
+    std::string makeDb(const std::string &sql) {
+        std::string path = root->file("config.db");
+        sqlite3 *db = nullptr;
+        EXPECT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
+        EXPECT_EQ(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK) << sql;
+        sqlite3_close(db);
+        return path;
+    }
+    void TearDown() override {
+        swMgrDeinit();
+        SwmgrTest::TearDown();
+    }
+};
+
+TEST_F(Service, MissingTableIsLoggedAndTheServiceStillRuns) {
+    std::string db = makeDb("CREATE TABLE unrelated(x);");
+    ASSERT_EQ(swMgrInit(db.c_str()), 0);
+    EXPECT_EQ(swMgrInitialized, 1);
+    EXPECT_NE(pSwMgrMbusCtx, nullptr);
+    EXPECT_EQ(cap->rawLogs(), (std::vector<std::string>{
+                                  "failed to get list of switches from the database\n",
+                                  "Failed to load switch configuration \n"}));
+    for (const auto &l : cap->logs) EXPECT_EQ(l.level, 8);
+}
+
+TEST_F(Service, NoSwitchesMeansNothingToApply) {
+    std::string db = makeDb(kTables);
+    swMgrDevDebug = 1;
+    ASSERT_EQ(swMgrInit(db.c_str()), 0);
+    EXPECT_EQ(swMgrInitialized, 1);
+    ASSERT_EQ(cap->logs.size(), 2u) << cap->dump();
+    EXPECT_EQ(cap->logs[0].func, "swMgrCfgApply");
+    EXPECT_EQ(cap->logs[0].text, "Failed to find switch configuration to load. \n");
+    EXPECT_EQ(cap->logs[1].func, "swMgrCfgReload");
+    EXPECT_EQ(cap->logs[1].text, "Failed to apply switch configuration \n");
+}
+
+TEST_F(Service, StartsAndAppliesTheTopLevelSwitch) {
+    swtest::RecordingDriver rec;
+    std::string db = makeDb(std::string(kTables) +
+                            "INSERT INTO swGlobalCfg VALUES ('REC', '', 1, 0, 5, 1, 0, 0, 2);"
+                            "INSERT INTO swPortConfig VALUES ('REC', 3, 1, 0, 0, 2, 'eth0', '',"
+                            " 0, 0, 4, 1, 2, 4, 8);");
+    ASSERT_EQ(swMgrInit(db.c_str()), 0);
+    for (const auto &l : cap->logs) EXPECT_NE(l.level, 8) << l.raw;
+    // Settings when added, trust mode of the new port, then the whole apply:
+    // settings again, every port's trust mode, and the ports' VLAN info.
+    EXPECT_EQ(rec.cmds(), (std::vector<int>{33, 47, 49, 56, 57, 51, 33, 47, 49, 56, 57, 51, 41}));
+}
+
+TEST_F(Service, FailedRegistrationLeavesTheServiceDown) {
+    mbusPortFailRegister(1);
+    EXPECT_EQ(swMgrInit("/nonexistent.db"), -1);
+    mbusPortFailRegister(0);
+    EXPECT_TRUE(cap->logs.empty());
+    EXPECT_EQ(swMgrInitialized, 0);
+    EXPECT_EQ(swMgrRun(), 0) << "returns at once when the service is not up";
+}
+
+TEST_F(Service, UnopenableDatabaseUnregistersFromTheBus) {
+    const std::string path = root->file("no/such/dir/config.db");
+    EXPECT_EQ(swMgrInit(path.c_str()), -1);
+    EXPECT_EQ(cap->rawLogs(), (std::vector<std::string>{"Couldn't open database " + path + " \n",
+                                                        "failed to open database connection\n"}));
+    EXPECT_EQ(mbusPortCallbackGet(), nullptr);
+    EXPECT_EQ(swMgrInitialized, 0);
+    EXPECT_EQ(pDB, nullptr);
+    EXPECT_EQ(swMgrDeinit(), 0) << "the stale context may be unregistered again";
+}
+
+TEST_F(Service, DeinitTwiceIsHarmless) {
+    std::string db = makeDb(kTables);
+    ASSERT_EQ(swMgrInit(db.c_str()), 0);
+    EXPECT_EQ(swMgrDeinit(), 0);
+    EXPECT_EQ(swMgrInitialized, 0);
+    EXPECT_EQ(pSwMgrMbusCtx, nullptr);
+    EXPECT_EQ(mbusPortCallbackGet(), nullptr);
+    EXPECT_EQ(swMgrDeinit(), 0);
+}
+
+TEST_F(Service, RunServesRequestsUntilDeinit) {
+    swtest::RecordingDriver rec;
+    std::string db = makeDb(std::string(kTables) +
+                            "INSERT INTO swGlobalCfg VALUES ('REC', '', 1, 0, 5, 1, 0, 0, 2);");
+    ASSERT_EQ(swMgrInit(db.c_str()), 0);
+    rec.calls.clear();
+    std::atomic<bool> served{false};
+    rec.onCall = [&](Switch *, int, void *, int) {
+        served = true;
+        return 0;
+    };
+
+    char request[SW_BUS_NAME_LEN + SW_BUS_ARG_LEN] = "REC";
+    ASSERT_EQ(mbusPortPost(7, 48, request, sizeof request, nullptr, 0), 0);
+    std::thread stopper([&] {
+        // Stop once the request was served; the loop ends within a wait.
+        for (int i = 0; i < 500 && !served; ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        swMgrDeinit();
+    });
+    EXPECT_EQ(swMgrRun(), 0);
+    stopper.join();
+    ASSERT_EQ(rec.calls.size(), 1u);
+    EXPECT_EQ(rec.calls[0].cmd, 48);
+    EXPECT_EQ(rec.calls[0].argLen, 1300);
+}
+
+}  // namespace
