@@ -4,9 +4,6 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include "bcm_chip.h"
 #include "drivers/bcm/bcm.h"
@@ -49,6 +46,8 @@ protected:
         osaListNodeAppend(&sw->vlanList, v);
         return v;
     }
+    // A command through the driver's entry.
+    int config(int cmd, void *arg, int len) { return bcmSwitchConfig(sw, cmd, arg, len, nullptr, nullptr); }
 
     Logs logs() const {
         Logs out;

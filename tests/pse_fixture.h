@@ -3,10 +3,7 @@
 #ifndef SWMGR_TESTS_PSE_FIXTURE_H
 #define SWMGR_TESTS_PSE_FIXTURE_H
 
-#include <cstdio>
 #include <cstdlib>
-#include <string>
-#include <vector>
 
 #include "drivers/pse/pse.h"
 #include "portvlan/portvlan.h"
@@ -15,12 +12,15 @@
 
 namespace psetest {
 
+using Lines = std::vector<std::string>;
+
 class PseTest : public swtest::SwmgrTest {
 protected:
     void SetUp() override {
         SwmgrTest::SetUp();
         engine.attach();  // behind the capture, which records every line first
         pse = swtest::addSwitch("PSE", 2);
+        pse->lowerLvlForward = 0;  // tests that forward switch it on
         ASSERT_EQ(0, pseSwitchRegister(pse));
     }
     void TearDown() override {
@@ -28,26 +28,23 @@ protected:
         SwmgrTest::TearDown();
     }
 
-    static SwitchPort *addPort(Switch *sw, int number) {
+    // A port of `sw` standing for each of `lowers`, whose switch joins sw's lower-level list.
+    static SwitchPort *addPort(Switch *sw, int number, std::initializer_list<SwitchPort *> lowers = {}) {
         auto *p = static_cast<SwitchPort *>(std::calloc(1, sizeof(SwitchPort)));
         p->portNumber = number;
         p->sw = sw;
         osaListInit(&p->mappedPorts);
         osaListNodeAppend(&sw->portList, p);
+        for (SwitchPort *lower : lowers) {
+            auto *m = static_cast<SwitchPortMapEntry *>(std::calloc(1, sizeof(SwitchPortMapEntry)));
+            m->port = lower;
+            osaListNodeAppend(&p->mappedPorts, m);
+            switchLowerLvlSwitchListAppend(sw, lower->sw);
+        }
         return p;
     }
-    // `upper` stands for `lower`; the lower switch joins upper's switch's list.
-    static void mapPort(SwitchPort *upper, SwitchPort *lower) {
-        auto *m = static_cast<SwitchPortMapEntry *>(std::calloc(1, sizeof(SwitchPortMapEntry)));
-        m->port = lower;
-        osaListNodeAppend(&upper->mappedPorts, m);
-        switchLowerLvlSwitchListAppend(upper->sw, lower->sw);
-    }
     // Raw texts of the logs, for whole-sequence comparisons.
-    std::vector<std::string> logs() const { return cap->rawLogs(); }
-    static std::string cmdLine(const std::string &cmd, int status) {
-        return "cmd (" + cmd + ") returned (" + std::to_string(status) + ").\n";
-    }
+    Lines logs() const { return cap->rawLogs(); }
 
     swsim::PseEngine engine;
     Switch *pse = nullptr;

@@ -48,18 +48,11 @@ protected:
     std::unique_ptr<swtest::RecordingDriver> rec;
 };
 
-TEST_F(BusHandler, HeaderlessAndReplyMessages) {
+TEST_F(BusHandler, MalformedRequestsAndRepliesAreRefused) {
     EXPECT_EQ(swMgrIoctlHandler(nullptr, nullptr, 37, nullptr, 0, nullptr, nullptr), -1);
-    EXPECT_TRUE(cap->logs.empty());
-
     MbusMsgHeader reply = request(20);
     reply.isRequest = 0;
     EXPECT_EQ(swMgrIoctlHandler(nullptr, &reply, 4, nullptr, 0, nullptr, nullptr), 0);
-    EXPECT_EQ(cap->rawLogs(), (std::vector<std::string>{"unexpected reply from 20 cmd=4 !\n"}));
-    EXPECT_EQ(cap->logs[0].level, 8);
-}
-
-TEST_F(BusHandler, MalformedEventsAreRefused) {
     std::vector<uint8_t> ev(SW_IFDEV_EVENT_LEN - 1, 0);
     EXPECT_EQ(handle(SW_CMD_IFDEV_EVENT, ev.data(), static_cast<int>(ev.size())), -1);
     EXPECT_EQ(handle(SW_CMD_IFDEV_EVENT, nullptr, SW_IFDEV_EVENT_LEN), -1);
@@ -67,9 +60,11 @@ TEST_F(BusHandler, MalformedEventsAreRefused) {
     EXPECT_EQ(handle(SW_CMD_DB_EVENT, db.data(), static_cast<int>(db.size())), -1);
     EXPECT_EQ(handle(SW_CMD_DB_EVENT, nullptr, DB_UPDATE_EVENT_LEN), -1);
     EXPECT_EQ(cap->rawLogs(), (std::vector<std::string>{
+                                  "unexpected reply from 20 cmd=4 !\n",
                                   "swMgrIoctlHandler: short ifDev event request!\n",
                                   "swMgrIoctlHandler: short ifDev event request!\n",
                                   "Invalid database event\n", "Invalid database event\n"}));
+    for (const auto &l : cap->logs) EXPECT_EQ(l.level, 8);
     EXPECT_TRUE(rec->calls.empty());
 }
 
@@ -98,19 +93,20 @@ TEST_F(BusHandler, BandwidthEventSetsTheUpstreamLimitOnPortOne) {
     ASSERT_EQ(rec->calls.size(), 1u);
     EXPECT_EQ(rec->calls[0].arg, swtest::bytesOf(want));
     EXPECT_EQ(ifEvent("eth0", 25, 1000, 50), 0);
-}
 
-TEST_F(BusHandler, LimitWrapsInUnsignedArithmetic) {
-    addBound("REC", 2);
-    // 100000000 * 80 wraps to 3705032704 before the division.
+    // Unsigned 32-bit: 100000000 * 80 wraps to 3705032704 before dividing.
     EXPECT_EQ(ifEvent("eth1", 22, 100000000u, 80), 0);
-    ASSERT_EQ(rec->calls.size(), 1u);
     uint32_t rate = 0;
-    std::memcpy(&rate, rec->calls[0].arg.data() + 8, 4);
+    std::memcpy(&rate, rec->calls.back().arg.data() + 8, 4);
     EXPECT_EQ(rate, 37050327u);
 }
 
 TEST_F(BusHandler, UnhandledEventAndMissingPiecesFail) {
+    EXPECT_EQ(ifEvent("eth1", 22, 100000, 80), -1);
+    EXPECT_EQ(cap->findLog("No Switch is yet initialized\n"), 1);
+    EXPECT_EQ(cap->findLog("failed to handle interface events\n"), 2);
+    cap->clear();
+
     addBound("REC", 2);
     EXPECT_EQ(ifEvent("eth1", 23, 100000, 80), -122);
     EXPECT_EQ(ifEvent("eth1", 27, 100000, 80), -122);
@@ -126,12 +122,6 @@ TEST_F(BusHandler, UnhandledEventAndMissingPiecesFail) {
                   "Configure upstream bandwdith limit of eth1 to 80000 kbps (80% of total bandwidth(100000))\n",
                   "Failed to configure rate limiting based on interface bandwidth change \n",
                   "failed to handle interface events\n"}));
-}
-
-TEST_F(BusHandler, InterfaceEventWithoutSwitches) {
-    EXPECT_EQ(ifEvent("eth1", 22, 100000, 80), -1);
-    EXPECT_EQ(cap->findLog("No Switch is yet initialized\n"), 1);
-    EXPECT_EQ(cap->findLog("failed to handle interface events\n"), 2);
 }
 
 TEST_F(BusHandler, DriverCommandsGoToTheNamedSwitchWithResultsMapped) {
@@ -151,22 +141,11 @@ TEST_F(BusHandler, DriverCommandsGoToTheNamedSwitchWithResultsMapped) {
     EXPECT_EQ(handle(37, nullptr, 0), -1);
 }
 
-TEST_F(BusHandler, VlanRequestsGoToTheTopLevelSwitch) {
+TEST_F(BusHandler, VlanRequestWithoutATopLevelSwitchIsRefusedQuietly) {
     char req[SW_BUS_NAME_LEN + SW_BUS_ARG_LEN] = "ignored";
-    EXPECT_EQ(handle(SW_CMD_VLAN_ADD, req, sizeof req), SW_EINVAL) << "no top-level switch yet";
+    EXPECT_EQ(handle(SW_CMD_VLAN_ADD, req, sizeof req), SW_EINVAL);
+    EXPECT_EQ(handle(SW_CMD_VLAN_DELETE, req, sizeof req), SW_EINVAL);
     EXPECT_TRUE(cap->logs.empty());
-
-    Switch *top = addBound("REC", 2);
-    SwitchVlanConf conf{};
-    conf.vlanId = 100;
-    std::strcpy(conf.interfaceName, "eth0");
-    conf.fwdMap = 0x3;
-    std::memcpy(req + SW_BUS_NAME_LEN, &conf, sizeof conf);
-    EXPECT_EQ(handle(SW_CMD_VLAN_ADD, req, sizeof req), 0);
-    ASSERT_NE(switchVlanByIdGet(top, 100), nullptr);
-    EXPECT_EQ(switchVlanByIdGet(top, 100)->fwdMap, 0x3u);
-    EXPECT_EQ(handle(SW_CMD_VLAN_DELETE, req, sizeof req), 0);
-    EXPECT_EQ(switchVlanByIdGet(top, 100), nullptr);
 }
 
 }  // namespace

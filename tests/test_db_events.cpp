@@ -12,14 +12,7 @@
 
 namespace {
 
-const char *kSchema =
-    "CREATE TABLE swGlobalCfg (switchName, switchDevice, vlanEnable, qosEnable, numPorts,"
-    " pauseFrameEnable, igmpSnoopingEnable, mldSnoopingEnable, switchLevel);"
-    "CREATE TABLE swPortConfig (switchName, portNumber, PVID, portType, mirroring, trustMode,"
-    " interfaceName, phyDevice, rateLimit, schedMode, numQueues, queue1Weight, queue2Weight,"
-    " queue3Weight, queue4Weight);"
-    "CREATE TABLE vlanEncapIf (vlanId, interfaceName, LogicalIfName, ingressMap, egressMap,"
-    " fwdMap, untagMap, inSwitchOnly);"
+const std::string kSchema = std::string(swtest::kConfigSchema) +
     "INSERT INTO swGlobalCfg VALUES ('REC', '', 1, 0, 5, 0, 0, 0, 1);"
     "INSERT INTO swPortConfig VALUES ('REC', 2, 1, 0, 0, 0, 'lan', '', 0, 0, 4, 1, 1, 1, 1);"
     "INSERT INTO vlanEncapIf VALUES (10, 'eth0', 'br-lan', '', '', '0,1', '0', 0);";
@@ -31,7 +24,7 @@ protected:
         rec = std::make_unique<swtest::RecordingDriver>();
         path = root->file("config.db");
         ASSERT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
-        ASSERT_EQ(sqlite3_exec(db, kSchema, nullptr, nullptr, nullptr), SQLITE_OK);
+        ASSERT_EQ(sqlite3_exec(db, kSchema.c_str(), nullptr, nullptr, nullptr), SQLITE_OK);
         ASSERT_EQ(swMgrDBInit(const_cast<char *>(path.c_str())), 0);
     }
     void TearDown() override {
@@ -43,22 +36,7 @@ protected:
     void exec(const std::string &sql) {
         ASSERT_EQ(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK) << sql;
     }
-    // Column names, then values, as NUL-terminated strings.
-    std::string oldValues(const std::string &table, int rowId) {
-        std::string block;
-        sqlite3_stmt *st = nullptr;
-        std::string sql = "SELECT * FROM " + table + " WHERE rowid=" + std::to_string(rowId);
-        EXPECT_EQ(sqlite3_prepare_v2(db, sql.c_str(), -1, &st, nullptr), SQLITE_OK);
-        EXPECT_EQ(sqlite3_step(st), SQLITE_ROW);
-        int n = sqlite3_column_count(st);
-        for (int i = 0; i < n; ++i) block += std::string(sqlite3_column_name(st, i)) + '\0';
-        for (int i = 0; i < n; ++i) {
-            const unsigned char *v = sqlite3_column_text(st, i);
-            block += std::string(v ? reinterpret_cast<const char *>(v) : "") + '\0';
-        }
-        sqlite3_finalize(st);
-        return block;
-    }
+    std::string oldValues(const std::string &table, int rowId) { return swtest::rowValuesBlock(db, table, rowId); }
     int event(const char *table, int rowId, int opCode, std::string old = "", unsigned len = 80) {
         DbUpdateEvent ev{};
         std::strncpy(ev.tableName, table, sizeof ev.tableName);
@@ -81,16 +59,6 @@ protected:
     sqlite3 *db = nullptr;
     Switch *sw = nullptr;
 };
-
-TEST_F(DbEvents, LoadsSwitchesPortsAndVlans) {
-    loadAll();
-    ASSERT_NE(switchPortByNumberGet(sw, 2), nullptr);
-    SwitchVlan *v = switchVlanByIdGet(sw, 10);
-    ASSERT_NE(v, nullptr);
-    EXPECT_EQ(v->fwdMap, 0x3u);
-    EXPECT_EQ(v->untagMap, 0x1u);
-    EXPECT_STREQ(v->LogicalIfName, "br-lan");
-}
 
 TEST_F(DbEvents, EmptyTablesLoadAndRefusedRowsStopTheLoad) {
     exec("DELETE FROM vlanEncapIf;");

@@ -1,4 +1,5 @@
-// Switch registry: lookups by name and level, lower-level references, prefixes.
+// Switch registry: lookups by name, lower-level references, prefixes. The
+// top-level lookup is exercised with the switch lifecycle.
 #include <cstring>
 #include <string>
 
@@ -18,22 +19,6 @@ TEST_F(Registry, NameLookupIsExactAndFirstMatchWins) {
     EXPECT_EQ(switchByNameGet("bcm"), nullptr);
     EXPECT_EQ(switchByNameGet("BCM "), nullptr);
     EXPECT_EQ(switchByNameGet(nullptr), nullptr);
-}
-
-TEST_F(Registry, TopLevelIsFirstSwitchAtTheHighestLevel) {
-    EXPECT_EQ(switchAtTopLevelGet(), nullptr);
-    swtest::addSwitch("A", 1);
-    Switch *first2 = swtest::addSwitch("B", 2);
-    swtest::addSwitch("C", 2);
-    EXPECT_EQ(switchMaxLevel, 2);
-    EXPECT_EQ(switchAtTopLevelGet(), first2);
-}
-
-TEST_F(Registry, StaleMaximumLevelLeavesNoTopLevelSwitch) {
-    switchMaxLevel = 5;  // a level-5 switch was seen and later forgotten
-    swtest::addSwitch("A", 1);
-    swtest::addSwitch("B", 1);
-    EXPECT_EQ(switchAtTopLevelGet(), nullptr);
 }
 
 TEST_F(Registry, LowerLevelSwitchIsReferencedOnce) {

@@ -10,25 +10,9 @@
 
 namespace {
 
-const char *kTables =
-    "CREATE TABLE swGlobalCfg (switchName, switchDevice, vlanEnable, qosEnable, numPorts,"
-    " pauseFrameEnable, igmpSnoopingEnable, mldSnoopingEnable, switchLevel);"
-    "CREATE TABLE swPortConfig (switchName, portNumber, PVID, portType, mirroring, trustMode,"
-    " interfaceName, phyDevice, rateLimit, schedMode, numQueues, queue1Weight, queue2Weight,"
-    " queue3Weight, queue4Weight);"
-    "CREATE TABLE vlanEncapIf (vlanId, interfaceName, LogicalIfName, ingressMap, egressMap,"
-    " fwdMap, untagMap, inSwitchOnly);";
-
 class Service : public swtest::SwmgrTest {
 protected:
-    std::string makeDb(const std::string &sql) {
-        std::string path = root->file("config.db");
-        sqlite3 *db = nullptr;
-        EXPECT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
-        EXPECT_EQ(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK) << sql;
-        sqlite3_close(db);
-        return path;
-    }
+    std::string makeDb(const std::string &sql) { return swtest::makeDb(root->file("config.db"), sql); }
     void TearDown() override {
         swMgrDeinit();
         SwmgrTest::TearDown();
@@ -46,8 +30,8 @@ TEST_F(Service, MissingTableIsLoggedAndTheServiceStillRuns) {
     for (const auto &l : cap->logs) EXPECT_EQ(l.level, 8);
 }
 
-TEST_F(Service, NoSwitchesMeansNothingToApply) {
-    std::string db = makeDb(kTables);
+TEST_F(Service, NoSwitchesMeansNothingToApplyAndDeinitTwiceIsHarmless) {
+    std::string db = makeDb(swtest::kConfigSchema);
     swMgrDevDebug = 1;
     ASSERT_EQ(swMgrInit(db.c_str()), 0);
     EXPECT_EQ(swMgrInitialized, 1);
@@ -56,11 +40,17 @@ TEST_F(Service, NoSwitchesMeansNothingToApply) {
     EXPECT_EQ(cap->logs[0].text, "Failed to find switch configuration to load. \n");
     EXPECT_EQ(cap->logs[1].func, "swMgrCfgReload");
     EXPECT_EQ(cap->logs[1].text, "Failed to apply switch configuration \n");
+
+    EXPECT_EQ(swMgrDeinit(), 0);
+    EXPECT_EQ(swMgrInitialized, 0);
+    EXPECT_EQ(pSwMgrMbusCtx, nullptr);
+    EXPECT_EQ(mbusPortCallbackGet(), nullptr);
+    EXPECT_EQ(swMgrDeinit(), 0);
 }
 
 TEST_F(Service, StartsAndAppliesTheTopLevelSwitch) {
     swtest::RecordingDriver rec;
-    std::string db = makeDb(std::string(kTables) +
+    std::string db = makeDb(std::string(swtest::kConfigSchema) +
                             "INSERT INTO swGlobalCfg VALUES ('REC', '', 1, 0, 5, 1, 0, 0, 2);"
                             "INSERT INTO swPortConfig VALUES ('REC', 3, 1, 0, 0, 2, 'eth0', '',"
                             " 0, 0, 4, 1, 2, 4, 8);");
@@ -71,16 +61,13 @@ TEST_F(Service, StartsAndAppliesTheTopLevelSwitch) {
     EXPECT_EQ(rec.cmds(), (std::vector<int>{33, 47, 49, 56, 57, 51, 33, 47, 49, 56, 57, 51, 41}));
 }
 
-TEST_F(Service, FailedRegistrationLeavesTheServiceDown) {
+TEST_F(Service, FailedRegistrationOrUnopenableDatabaseLeavesTheServiceDown) {
     mbusPortFailRegister(1);
     EXPECT_EQ(swMgrInit("/nonexistent.db"), -1);
     mbusPortFailRegister(0);
     EXPECT_TRUE(cap->logs.empty());
-    EXPECT_EQ(swMgrInitialized, 0);
     EXPECT_EQ(swMgrRun(), 0) << "returns at once when the service is not up";
-}
 
-TEST_F(Service, UnopenableDatabaseUnregistersFromTheBus) {
     const std::string path = root->file("no/such/dir/config.db");
     EXPECT_EQ(swMgrInit(path.c_str()), -1);
     EXPECT_EQ(cap->rawLogs(), (std::vector<std::string>{"Couldn't open database " + path + " \n",
@@ -91,19 +78,9 @@ TEST_F(Service, UnopenableDatabaseUnregistersFromTheBus) {
     EXPECT_EQ(swMgrDeinit(), 0) << "the stale context may be unregistered again";
 }
 
-TEST_F(Service, DeinitTwiceIsHarmless) {
-    std::string db = makeDb(kTables);
-    ASSERT_EQ(swMgrInit(db.c_str()), 0);
-    EXPECT_EQ(swMgrDeinit(), 0);
-    EXPECT_EQ(swMgrInitialized, 0);
-    EXPECT_EQ(pSwMgrMbusCtx, nullptr);
-    EXPECT_EQ(mbusPortCallbackGet(), nullptr);
-    EXPECT_EQ(swMgrDeinit(), 0);
-}
-
 TEST_F(Service, RunServesRequestsUntilDeinit) {
     swtest::RecordingDriver rec;
-    std::string db = makeDb(std::string(kTables) +
+    std::string db = makeDb(std::string(swtest::kConfigSchema) +
                             "INSERT INTO swGlobalCfg VALUES ('REC', '', 1, 0, 5, 1, 0, 0, 2);");
     ASSERT_EQ(swMgrInit(db.c_str()), 0);
     rec.calls.clear();

@@ -11,6 +11,8 @@
 #include <regex>
 #include <sstream>
 
+#include <sqlite3.h>
+
 #include "portvlan/portvlan.h"
 
 namespace swtest {
@@ -205,10 +207,10 @@ size_t recordBytes(int cmd, int argLen) {
 }
 }  // namespace
 
-int RecordingDriver::config(Switch *sw, int cmd, void *arg, int argLen, void *, int *replyLen) {
+int RecordingDriver::config(Switch *sw, int cmd, void *arg, int argLen, void *, int *) {
     RecordingDriver *self = current_;
     if (self == nullptr) return -1;
-    Call c{sw, cmd, argLen, arg, {}, replyLen != nullptr && *replyLen == 0};
+    Call c{sw, cmd, argLen, arg, {}};
     if (arg != nullptr) {
         const auto *p = static_cast<const uint8_t *>(arg);
         c.arg.assign(p, p + recordBytes(cmd, argLen));
@@ -237,12 +239,22 @@ TempDir::~TempDir() {
         FTW_DEPTH | FTW_PHYS);
 }
 
-std::string TempDir::read(const std::string &name) const {
-    std::ifstream in(file(name));
+std::string TempDir::read(const std::string &name) const { return readFile(file(name)); }
+
+std::string readFile(const std::string &path) {
+    std::ifstream in(path);
     if (!in) return "";
     std::ostringstream os;
     os << in.rdbuf();
     return os.str();
+}
+
+std::string makeDb(const std::string &path, const std::string &sql) {
+    sqlite3 *db = nullptr;
+    EXPECT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK) << path;
+    EXPECT_EQ(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK) << sql;
+    sqlite3_close(db);
+    return path;
 }
 
 void TempDir::write(const std::string &name, const std::string &content) const {
@@ -256,33 +268,26 @@ bool TempDir::exists(const std::string &name) const { return ::access(file(name)
 
 // ----------------------------------------------------------------- Registry
 
-void resetRegistry() {
-    auto *sw = static_cast<Switch *>(osaListFirst(&switchTbl));
-    while (sw != nullptr) {
-        auto *next = static_cast<Switch *>(osaListNext(sw));
-        for (void *n = osaListFirst(&sw->lowerLvlSwitchList); n != nullptr;) {
-            void *after = osaListNext(n);
-            std::free(n);
-            n = after;
-        }
-        for (auto *p = static_cast<SwitchPort *>(osaListFirst(&sw->portList)); p != nullptr;) {
-            auto *after = static_cast<SwitchPort *>(osaListNext(p));
-            for (void *m = osaListFirst(&p->mappedPorts); m != nullptr;) {
-                void *mNext = osaListNext(m);
-                std::free(m);
-                m = mNext;
-            }
-            std::free(p);
-            p = after;
-        }
-        for (void *v = osaListFirst(&sw->vlanList); v != nullptr;) {
-            void *after = osaListNext(v);
-            std::free(v);
-            v = after;
-        }
-        std::free(sw);
-        sw = next;
+namespace {
+// Frees every record of a list whose nodes start with their linkage.
+template <typename Each>
+void freeAll(OsaList *list, Each each) {
+    for (void *n = osaListFirst(list); n != nullptr;) {
+        void *next = osaListNext(n);
+        each(n);
+        std::free(n);
+        n = next;
     }
+}
+}  // namespace
+
+void resetRegistry() {
+    freeAll(&switchTbl, [](void *s) {
+        auto *sw = static_cast<Switch *>(s);
+        freeAll(&sw->lowerLvlSwitchList, [](void *) {});
+        freeAll(&sw->portList, [](void *p) { freeAll(&static_cast<SwitchPort *>(p)->mappedPorts, [](void *) {}); });
+        freeAll(&sw->vlanList, [](void *) {});
+    });
     osaListInit(&switchTbl);
     switchMaxLevel = 0;
     switchCount = 0;
@@ -341,6 +346,22 @@ void SwmgrTest::TearDown() {
     root.reset();
     swMgrDevDebug = 0;
     swMgrForeground = 0;
+}
+
+std::string rowValuesBlock(sqlite3 *db, const std::string &table, int rowId) {
+    std::string block;
+    sqlite3_stmt *st = nullptr;
+    std::string sql = "SELECT * FROM " + table + " WHERE rowid=" + std::to_string(rowId);
+    EXPECT_EQ(sqlite3_prepare_v2(db, sql.c_str(), -1, &st, nullptr), SQLITE_OK) << sql;
+    EXPECT_EQ(sqlite3_step(st), SQLITE_ROW) << sql;
+    int n = sqlite3_column_count(st);
+    for (int i = 0; i < n; ++i) block += std::string(sqlite3_column_name(st, i)) + '\0';
+    for (int i = 0; i < n; ++i) {
+        const unsigned char *v = sqlite3_column_text(st, i);
+        block += std::string(v ? reinterpret_cast<const char *>(v) : "") + '\0';
+    }
+    sqlite3_finalize(st);
+    return block;
 }
 
 Bytes le32(uint32_t v) {

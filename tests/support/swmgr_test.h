@@ -5,6 +5,7 @@
 #define SWMGR_TESTS_SUPPORT_SWMGR_TEST_H
 
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 
 #include <cstdint>
 #include <functional>
@@ -101,7 +102,6 @@ public:
         int argLen;
         const void *argPtr;
         Bytes arg;  // the bytes the command's record holds (at most argLen)
-        bool replyLenZero;
     };
     explicit RecordingDriver(const char *name = "REC");
     ~RecordingDriver();
@@ -162,6 +162,26 @@ Bytes bytesOf(const T &v) {
 }
 
 Bytes le32(uint32_t v);
+
+// The three configuration tables, without rows.
+inline constexpr const char *kConfigSchema =
+    "CREATE TABLE swGlobalCfg (switchName, switchDevice, vlanEnable, qosEnable, numPorts,"
+    " pauseFrameEnable, igmpSnoopingEnable, mldSnoopingEnable, switchLevel);"
+    "CREATE TABLE swPortConfig (switchName, portNumber, PVID, portType, mirroring, trustMode,"
+    " interfaceName, phyDevice, rateLimit, schedMode, numQueues, queue1Weight, queue2Weight,"
+    " queue3Weight, queue4Weight);"
+    "CREATE TABLE vlanEncapIf (vlanId, interfaceName, LogicalIfName, ingressMap, egressMap,"
+    " fwdMap, untagMap, inSwitchOnly);";
+
+// Whole contents of a file, "" when absent.
+std::string readFile(const std::string &path);
+
+// Creates (or extends) the database at `path` with `sql`; returns `path`.
+std::string makeDb(const std::string &path, const std::string &sql);
+
+// A row's old-values block as a change event carries it: the column names,
+// then the values, each a NUL-terminated string.
+std::string rowValuesBlock(sqlite3 *db, const std::string &table, int rowId);
 
 }  // namespace swtest
 
