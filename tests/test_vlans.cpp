@@ -205,26 +205,15 @@ TEST_F(Vlans, BusCodesAddDeleteAndNothingElse) {
     EXPECT_TRUE(ids(low).empty());
 }
 
-TEST_F(Vlans, HostModelFollowsAddUpdateAndDelete) {
+// The end-to-end tests follow the host's interfaces through add, update and
+// delete; here only what the model tells apart from the command sequence.
+TEST_F(Vlans, APositiveHostToolStatusStillCountsAsAdded) {
     swsim::HostVlanModel host;
     host.attach();
-    const std::string none = "eth0 up\neth1 up\n";
-    const std::string with100 =
-        "eth0 up\neth0.100 vlan 100 on eth0 up ingress 0:0 1:1 2:2 3:3 4:4 5:5 6:6 7:7 "
-        "egress 0:0 1:1 2:2 3:3 4:4 5:5 6:6 7:7\neth1 up\n";
-    SwitchVlanConf c = vlanConf(100);
-    ASSERT_EQ(switchVlanConfAdd(&c), 0);
-    EXPECT_EQ(host.dump(), with100);
-    SwitchVlanConf next = vlanConf(100, 0xff, 0x0);
-    ASSERT_EQ(switchVlanConfUpdate(&next, &c), 0);
-    EXPECT_EQ(host.dump(), with100);
-    ASSERT_EQ(switchVlanConfDelete(&next), 0);
-    EXPECT_EQ(host.dump(), none);
-
-    // A parent the host lacks: the tool's status is positive, so the VLAN still counts as added.
+    const std::string before = host.dump();
     SwitchVlanConf other = vlanConf(7);
-    std::snprintf(other.interfaceName, sizeof other.interfaceName, "eth9");
+    std::snprintf(other.interfaceName, sizeof other.interfaceName, "eth9");  // a parent the host lacks
     EXPECT_EQ(switchVlanConfAdd(&other), 0);
-    EXPECT_EQ(host.dump(), none);
+    EXPECT_EQ(host.dump(), before);
     EXPECT_EQ(ids(top), Ints{7});
 }
