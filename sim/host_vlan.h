@@ -56,7 +56,6 @@ public:
     // Answers SIOCGIFHWADDR for the model's interfaces (ENODEV for others).
     void enableHwAddr();
     void disableHwAddr();
-    bool hwAddrEnabled() const { return hwAddr_; }
 
     // Parents get 02:00:00:00:00:<n> by list position (from 1); a
     // sub-interface shares its parent's address, as on Linux. setMac

@@ -352,11 +352,6 @@ const PseEngine::RateLimit *PseEngine::rateLimit(int port) const {
     return it != rateLimits_.end() ? &it->second : nullptr;
 }
 
-const PseEngine::QueueWeights *PseEngine::queueWeight(int port) const {
-    auto it = weights_.find(port);
-    return it != weights_.end() ? &it->second : nullptr;
-}
-
 const PseEngine::TrustFlags *PseEngine::trust(int port) const {
     auto it = trust_.find(port);
     return it != trust_.end() ? &it->second : nullptr;

@@ -96,7 +96,6 @@ public:
     const std::map<int, RateLimit> &rateLimits() const { return rateLimits_; }
     const RateLimit *rateLimit(int port) const;
     const std::map<int, QueueWeights> &queueWeights() const { return weights_; }
-    const QueueWeights *queueWeight(int port) const;
     const std::map<int, TrustFlags> &trustFlags() const { return trust_; }
     const TrustFlags *trust(int port) const;
     uint32_t reg(uint32_t addr) const;

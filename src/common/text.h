@@ -10,19 +10,7 @@
 
 namespace swmgr {
 
-// Copies at most N-1 bytes and always terminates.
-template <std::size_t N>
-inline void copyText(char (&dst)[N], const char *src) {
-    std::size_t n = 0;
-    if (src != nullptr) {
-        while (n + 1 < N && src[n] != '\0') {
-            dst[n] = src[n];
-            ++n;
-        }
-    }
-    dst[n] = '\0';
-}
-
+// Copies at most cap-1 bytes and always terminates.
 inline void copyText(char *dst, std::size_t cap, const char *src) {
     if (cap == 0) return;
     std::size_t n = 0;
@@ -33,6 +21,11 @@ inline void copyText(char *dst, std::size_t cap, const char *src) {
         }
     }
     dst[n] = '\0';
+}
+
+template <std::size_t N>
+inline void copyText(char (&dst)[N], const char *src) {
+    copyText(dst, N, src);
 }
 
 // Clears the whole buffer first, then prints into it; the text is cut at N-1.

@@ -105,15 +105,13 @@ extern "C" int switchVlanConfParamsAssign(SwitchVlan *vlan, SwitchVlanConf *conf
     vlan->fwdMap = conf->fwdMap;
     vlan->untagMap = conf->untagMap;
     vlan->inSwitchOnly = conf->inSwitchOnly;
-    char name[sizeof conf->vlanName + 1];
-    swmgr::copyText(name, conf->vlanName);
-    swmgr::copyText(vlan->vlanName, name);
-    char ifName[sizeof conf->interfaceName + 1];
-    swmgr::copyText(ifName, conf->interfaceName);
-    swmgr::copyText(vlan->interfaceName, ifName);
-    char logical[sizeof conf->LogicalIfName + 1];
-    swmgr::copyText(logical, conf->LogicalIfName);
-    swmgr::copyText(vlan->LogicalIfName, logical);
+    // Same-sized fields: the bounded copy never reads past the source.
+    static_assert(sizeof vlan->vlanName == sizeof conf->vlanName);
+    static_assert(sizeof vlan->interfaceName == sizeof conf->interfaceName);
+    static_assert(sizeof vlan->LogicalIfName == sizeof conf->LogicalIfName);
+    swmgr::copyText(vlan->vlanName, conf->vlanName);
+    swmgr::copyText(vlan->interfaceName, conf->interfaceName);
+    swmgr::copyText(vlan->LogicalIfName, conf->LogicalIfName);
     return 0;
 }
 
