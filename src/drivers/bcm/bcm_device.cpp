@@ -19,39 +19,32 @@ bool isBcm(const Switch *sw) {
 }
 constexpr int kOpenReadWrite = 2;
 
-// A command the driver serves: its progress line and the exact size of its
-// argument record.
+// A command the driver serves: its progress line, the exact size of its
+// argument record and its handler.
 struct Served {
     int cmd;
     const char *progress;
     int argLen;
+    int (*handler)(Switch *sw, void *arg);
 };
 constexpr Served kServed[] = {
-    {SW_CMD_VLAN_ENABLE, "Processing vlan enable update request (%d)\n", SW_VLAN_ENABLE_ARG_LEN},
+    {SW_CMD_VLAN_ENABLE, "Processing vlan enable update request (%d)\n", SW_VLAN_ENABLE_ARG_LEN,
+     [](Switch *, void *arg) -> int {
+         if (arg == nullptr) return SW_EINVAL;
+         int32_t enable = 0;
+         std::memcpy(&enable, arg, sizeof enable);
+         return bcmVlanEnable(enable);
+     }},
     {SW_CMD_VLAN_MEMBERSHIP_UPDATE, "Processing vlan membership update request (%d)\n",
-     SW_VLAN_REC_LEN},
+     SW_VLAN_REC_LEN,
+     [](Switch *sw, void *arg) { return bcmVlanMembershipUpdate(sw, static_cast<SwitchVlan *>(arg)); }},
     {SW_CMD_VLAN_MEMBERSHIP_APPLY, "Processing vlan membership apply request (%d)\n",
-     SW_VLAN_REC_LEN},
+     SW_VLAN_REC_LEN,
+     [](Switch *sw, void *arg) { return bcmVlanMembershipSet(sw, static_cast<SwitchVlan *>(arg)); }},
     {SW_CMD_PORT_CONFIG_SET, "Processing switch port configuration set request (%d)\n",
-     SW_PORT_REC_LEN},
+     SW_PORT_REC_LEN,
+     [](Switch *sw, void *arg) { return bcmSwitchPortConfigure(sw, static_cast<SwitchPort *>(arg)); }},
 };
-
-int runServed(Switch *sw, int cmd, void *arg) {
-    switch (cmd) {
-        case SW_CMD_VLAN_ENABLE: {
-            if (arg == nullptr) return SW_EINVAL;
-            int32_t enable = 0;
-            std::memcpy(&enable, arg, sizeof enable);
-            return bcmVlanEnable(enable);
-        }
-        case SW_CMD_VLAN_MEMBERSHIP_UPDATE:
-            return bcmVlanMembershipUpdate(sw, static_cast<SwitchVlan *>(arg));
-        case SW_CMD_VLAN_MEMBERSHIP_APPLY:
-            return bcmVlanMembershipSet(sw, static_cast<SwitchVlan *>(arg));
-        default:
-            return bcmSwitchPortConfigure(sw, static_cast<SwitchPort *>(arg));
-    }
-}
 
 // Answer of a membership query: only 0 and 1 are answers.
 int membershipAnswer(unsigned code, int port, int vlanId) {
@@ -107,7 +100,7 @@ extern "C" int bcmSwitchConfig(Switch *sw, int cmd, void *arg, int argLen, void 
             SWMGR_LOG(switchStrGet(sw), SW_LOG_ERR, "(%d) processing returned %d \n", cmd, SW_EINVAL);
             return SW_EINVAL;
         }
-        return runServed(sw, cmd, arg);
+        return s.handler(sw, arg);
     }
     // Unknown commands are reported but succeed: the framework sends codes
     // that only other drivers serve.

@@ -90,15 +90,15 @@ extern "C" int pseQoSConfigure(Switch *sw, const uint32_t *enable) {
     if (enable == nullptr) return -1;
     SWMGR_LOG(switchStrGet(sw), SW_LOG_INFO, "Configuring QoS [Status:%d] \n",
               static_cast<int>(*enable));
-    const char *action = nullptr;
+    const char *line = nullptr;
     if (*enable == 0)
-        action = "disable";
+        line = "sppe_ioctl rl disable";
     else if (*enable == 1)
-        action = "enable";
+        line = "sppe_ioctl rl enable";
     else
         return -1;
     char cmd[PSE_CMD_LEN];
-    swmgr::formatText(cmd, "sppe_ioctl rl %s", action);
+    swmgr::formatText(cmd, "%s", line);
     int status = engineCommandRun(__func__, cmd);
     SWMGR_LOG(switchStrGet(sw), SW_LOG_INFO, "QoS configuration (%s) \n", outcome(status));
     return status;
