@@ -22,13 +22,6 @@ TEST_F(Diagnostics, PlainFormIsOneLogRecordOfModule103) {
     EXPECT_EQ(l.header, header);
 }
 
-TEST_F(Diagnostics, DeveloperFormCarriesFunctionAndLineAfterPrefix) {
-    swMgrDebug("(switch=BCM) ", 256, "bcmSwitchConfig", 412, "Invalid command (%d)\n", 36);
-    ASSERT_EQ(cap->logs.size(), 1u);
-    EXPECT_EQ(cap->logs[0].raw, "(switch=BCM) bcmSwitchConfig:412:Invalid command (36)\n");
-    EXPECT_EQ(cap->logs[0].level, 256);
-}
-
 TEST_F(Diagnostics, CallSitesSwitchFormWithDeveloperMode) {
     swtest::RecordingDriver rec;
     Switch *sw = swtest::addSwitch("REC", 1);

@@ -1,8 +1,6 @@
 // Driver table binding and command routing by switch name.
 #include <cstring>
 
-#include "drivers/bcm/bcm.h"
-#include "drivers/pse/pse.h"
 #include "swmgr_test.h"
 
 namespace {
@@ -25,17 +23,6 @@ TEST_F(Dispatch, BindingFollowsTheTableByExactName) {
     EXPECT_NE(r->switchConfigFunc, nullptr);
     EXPECT_EQ(switchConfigFuncUnRegister(r), 0);
     EXPECT_EQ(r->switchConfigFunc, nullptr);
-
-    // The two real drivers sit in the table under their exact names.
-    Switch *pse = swtest::addSwitch("PSE", 2);
-    ASSERT_EQ(switchConfigFuncRegister(pse), 0);
-    EXPECT_EQ(pse->switchConfigFunc, pseSwitchConfig);
-    EXPECT_EQ(pse->driverPriv, pseConfTransfer);
-    Switch *bcm = swtest::addSwitch("BCM", 1);
-    std::strcpy(bcm->switchDevice, "/nonexistent/bcm");
-    EXPECT_EQ(switchConfigFuncRegister(bcm), SW_EINVAL);
-    EXPECT_EQ(bcm->switchConfigFunc, bcmSwitchConfig);
-    fd = 0;
 }
 
 TEST_F(Dispatch, RoutedCommandCarriesTheWholeBusArgumentArea) {
