@@ -150,17 +150,28 @@ TEST(BusSocket, ModulesServeOtherProcessesUntilTheyUnregister) {
     EXPECT_GE(Clock::now() - t0, milliseconds(95));
     EXPECT_LT(Clock::now() - t0, milliseconds(400));
 
-    // Unregistering wakes the listener and removes the socket.
-    std::thread stopper([ctx] {
-        std::this_thread::sleep_for(milliseconds(50));
-        mbusUnRegister(ctx);
-    });
+    // A watched descriptor's callback runs inside the wait; unregistering
+    // there ends it at once and removes the socket. The context stays
+    // recognisable as gone: nothing sent through it is delivered.
+    int wake[2];
+    ASSERT_EQ(::pipe(wake), 0);
+    ASSERT_EQ(::write(wake[1], "x", 1), 1);
+    static MbusCtx *stopping;
+    stopping = ctx;
+    ASSERT_EQ(mbusPortWatch(wake[0], [](void *, int) { mbusUnRegister(stopping); }, nullptr), 0);
+    EXPECT_EQ(mbusPortWatch(wake[0], [](void *, int) {}, nullptr), -1) << "one callback per descriptor";
     t0 = Clock::now();
-    EXPECT_EQ(mbusListen(ctx, 5000000), 0);
+    EXPECT_EQ(mbusListen(ctx, 5000000), 1);
     EXPECT_LT(Clock::now() - t0, milliseconds(1000));
-    stopper.join();
+    EXPECT_EQ(mbusPortUnwatch(wake[0]), 0);
+    EXPECT_EQ(mbusPortUnwatch(wake[0]), -1);
+    ::close(wake[0]);
+    ::close(wake[1]);
     EXPECT_NE(::access(socketPath(201).c_str(), F_OK), 0);
     EXPECT_EQ(mbusListen(ctx, 1000), -1);
+    EXPECT_EQ(mbusUnRegister(ctx), -1);
+    EXPECT_EQ(mbusIoctl(ctx, 201, kEcho, nullptr, 0, nullptr, nullptr, 0, 0, 0), MBUS_PORT_ERR_BADCTX);
+    EXPECT_STREQ(mbusPortLastError(), "sending through an unregistered context");
 }
 
 TEST(BusSocket, LogRecordsWithNobodyServingTheLogGoToStandardError) {

@@ -1,9 +1,9 @@
 // Service start-up, main loop and shutdown against real database files.
 #include <sqlite3.h>
 
+#include <unistd.h>
+
 #include <atomic>
-#include <chrono>
-#include <thread>
 
 #include "config/swconf.h"
 #include "swmgr_test.h"
@@ -92,14 +92,18 @@ TEST_F(Service, RunServesRequestsUntilDeinit) {
 
     char request[SW_BUS_NAME_LEN + SW_BUS_ARG_LEN] = "REC";
     ASSERT_EQ(mbusPortPost(7, 48, request, sizeof request, nullptr, 0), 0);
-    std::thread stopper([&] {
-        // Stop once the request was served; the loop ends within a wait.
-        for (int i = 0; i < 500 && !served; ++i)
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
-        swMgrDeinit();
-    });
+    // A stop event already waiting: the posted request is served first,
+    // then the event stops the service from inside the loop, on this thread.
+    int stop[2];
+    ASSERT_EQ(::pipe(stop), 0);
+    ASSERT_EQ(::write(stop[1], "x", 1), 1);
+    ASSERT_EQ(mbusPortWatch(stop[0], [](void *, int) { swMgrDeinit(); }, nullptr), 0);
     EXPECT_EQ(swMgrRun(), 0);
-    stopper.join();
+    mbusPortUnwatch(stop[0]);
+    ::close(stop[0]);
+    ::close(stop[1]);
+    EXPECT_TRUE(served);
+    EXPECT_EQ(swMgrInitialized, 0);
     ASSERT_EQ(rec.calls.size(), 1u);
     EXPECT_EQ(rec.calls[0].cmd, 48);
     EXPECT_EQ(rec.calls[0].argLen, 1300);

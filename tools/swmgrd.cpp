@@ -1,17 +1,19 @@
 // swmgrd: the host daemon of the switch manager. Starts the service on a
 // configuration database, serves the message bus until SIGINT or SIGTERM,
-// and stops it. With --sim the hardware is simulated and its state served
-// on the bus for swmgrctl.
-#include <pthread.h>
+// and stops it, all on one thread: the stop signals arrive through a
+// signalfd that the bus loop watches. With --sim the hardware is simulated
+// and its state served on the bus for swmgrctl.
 #include <signal.h>
+#include <sys/signalfd.h>
+#include <sys/statfs.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
-#include <atomic>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <string>
-#include <thread>
 
 #include "config/swconf.h"
 #include "service/swmgr.h"
@@ -21,15 +23,30 @@
 namespace {
 
 swtool::SimHost *simHost = nullptr;
+int stopSignal = 0;
+
+// Runs in the bus loop, between requests, on the only thread.
+void onStopSignal(void *, int fd) {
+    signalfd_siginfo info{};
+    if (::read(fd, &info, sizeof info) != static_cast<ssize_t>(sizeof info)) return;
+    stopSignal = static_cast<int>(info.ssi_signo);
+    swMgrDeinit();  // unregisters, so the listening wait returns and swMgrRun ends
+}
+
+std::string daemonStateText() {
+    return "daemon: " + std::to_string(mbusPortLogDropped()) + " log records dropped\n";
+}
 
 int stateRequest(MbusCtx *, const MbusMsgHeader *, int cmd, void *, int, void *aux, int *auxLen) {
     if (simHost == nullptr || aux == nullptr || auxLen == nullptr || *auxLen <= 0) return -22;
     std::string out;
-    if (cmd == swtool::kSimStateText)
-        out = simHost->text();
-    else if (cmd == swtool::kSimStateJson)
-        out = simHost->json().dump();
-    else
+    if (cmd == swtool::kSimStateText) {
+        out = simHost->text() + daemonStateText();
+    } else if (cmd == swtool::kSimStateJson) {
+        auto j = simHost->json();
+        j["daemon"]["logDropped"] = mbusPortLogDropped();
+        out = j.dump();
+    } else
         return -22;
     const size_t cap = static_cast<size_t>(*auxLen);
     const size_t n = std::min(out.size(), cap - 1);
@@ -48,6 +65,29 @@ std::string initFailure(int r) {
     return "the switch list could not be initialised";
 }
 
+bool onRamFs(const std::string &dir) {
+    struct statfs fs {};
+    constexpr decltype(fs.f_type) kTmpfs = 0x01021994;  // TMPFS_MAGIC; ramfs is 0x858458f6
+    return ::statfs(dir.c_str(), &fs) == 0 && (fs.f_type == kTmpfs || fs.f_type == 0x858458f6);
+}
+
+// The simulated system's files are rewritten on every VLAN change; on the
+// device they live in RAM (/var), so here too when a RAM file system is at
+// hand: below the bus directory if that is one, else a private directory
+// under the first that is. Returns the directory and whether it was made
+// for this run (and so goes with it).
+std::pair<std::string, bool> simStateDir() {
+    const std::string bus = mbusPortBusDirGet();
+    if (onRamFs(bus)) return {bus + "/sim", false};
+    const char *xdg = std::getenv("XDG_RUNTIME_DIR");
+    for (std::string ram : {std::string(xdg != nullptr ? xdg : ""), std::string("/dev/shm"), std::string("/run")}) {
+        if (ram.empty() || ram[0] != '/' || !onRamFs(ram)) continue;
+        std::string tmpl = ram + "/swmgrd-sim-XXXXXX";
+        if (::mkdtemp(tmpl.data()) != nullptr) return {tmpl, true};
+    }
+    return {bus + "/sim", false};
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
@@ -55,18 +95,29 @@ int main(int argc, char **argv) {
                  "Loads the switch, port and VLAN configuration from an SQLite database, programs the\n"
                  "switches and serves requests on the message bus until SIGINT or SIGTERM.",
                  "swmgrd"};
-    std::string db, busDir, stateDir;
+    std::string db, busDir, stateDir, logTo = "bus";
     bool foreground = false, debug = false, sim = false;
+    int busyMs = SQLITE_PORT_BUSY_MS;
+    app.footer("swmgrd never forks: it runs in the foreground of whoever started it (a supervisor or a shell).");
     app.add_option("--db", db, "configuration database (SQLite file)")->required();
-    app.add_flag("--foreground", foreground,
-                 "diagnostics to standard error (default: to the bus's log service, see swmgrctl log)");
+    app.add_option("--log", logTo,
+                   "where diagnostics go: bus (the bus's log service, see swmgrctl log), stderr, or syslog;\n"
+                   "a log reader that is behind loses records (counted) rather than holding the daemon up")
+        ->check(CLI::IsMember({"bus", "stderr", "syslog"}));
+    app.add_flag("--foreground", foreground, "the same as --log stderr");
     app.add_flag("--debug", debug, "developer diagnostics: every message with its function name and line");
+    app.add_option("--db-busy-ms", busyMs,
+                   "how long a query may wait in all on a database that another program holds locked;\n"
+                   "after that the request fails and the next one is served")
+        ->check(CLI::Range(0, 600000));
     app.add_flag("--sim", sim,
                  "simulate the hardware: switch chip at the BCM switch's device path, packet engine\n"
                  "tools, host VLAN interfaces; files go below the state directory; state for swmgrctl state");
     app.add_option("--bus-dir", busDir,
                    "directory of the bus sockets (default: $" MBUS_PORT_DIR_ENV " or " MBUS_PORT_DEFAULT_DIR ")");
-    app.add_option("--state-dir", stateDir, "with --sim: where the simulated system's files go (default: BUS-DIR/sim)");
+    app.add_option("--state-dir", stateDir,
+                   "with --sim: where the simulated system's files go (default: on a RAM file system when\n"
+                   "there is one: BUS-DIR/sim, else a new directory under $XDG_RUNTIME_DIR or /dev/shm)");
     CLI11_PARSE(app, argc, argv);
 
     if (!busDir.empty()) mbusPortBusDirSet(busDir.c_str());
@@ -75,17 +126,39 @@ int main(int argc, char **argv) {
         return 1;
     }
 
-    // The signals are taken by a thread of their own (below), never by a
-    // handler that could interrupt the service in the middle of a request.
+    if (foreground) logTo = "stderr";
+    mbusPortLogTargetSet(logTo == "stderr" ? MBUS_PORT_LOG_STDERR
+                                           : logTo == "syslog" ? MBUS_PORT_LOG_SYSLOG : MBUS_PORT_LOG_BUS,
+                         nullptr);
+    sqlitePortBusyTimeoutSet(busyMs);
+
+    // The stop signals never interrupt anything: blocked here, they wait in
+    // a signalfd until the bus loop is between requests.
     sigset_t stopSignals;
     sigemptyset(&stopSignals);
     sigaddset(&stopSignals, SIGINT);
     sigaddset(&stopSignals, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+    sigprocmask(SIG_BLOCK, &stopSignals, nullptr);
+    int stopFd = ::signalfd(-1, &stopSignals, SFD_CLOEXEC | SFD_NONBLOCK);
+    if (stopFd < 0 || mbusPortWatch(stopFd, onStopSignal, nullptr) != 0) {
+        std::fprintf(stderr, "swmgrd: cannot watch the stop signals: %s\n", std::strerror(errno));
+        return 1;
+    }
 
+    struct MadeDir {  // a state directory made for this run goes with it, after the simulation
+        std::string path;
+        ~MadeDir() {
+            std::error_code ec;
+            if (!path.empty()) std::filesystem::remove_all(path, ec);
+        }
+    } madeDir;
     swtool::SimHost host;
     if (sim) {
-        if (stateDir.empty()) stateDir = std::string(mbusPortBusDirGet()) + "/sim";
+        if (stateDir.empty()) {
+            bool made = false;
+            std::tie(stateDir, made) = simStateDir();
+            if (made) madeDir.path = stateDir;
+        }
         std::string err;
         if (!host.start(db, stateDir, err)) {
             std::fprintf(stderr, "swmgrd: cannot set up the simulation: %s\n", err.c_str());
@@ -94,7 +167,7 @@ int main(int argc, char **argv) {
         simHost = &host;
     }
 
-    swMgrForeground = foreground ? 1 : 0;
+    swMgrForeground = logTo == "stderr" ? 1 : 0;
     swMgrDevDebug = debug ? 1 : 0;
     int r = swMgrInit(db.c_str());
     if (r != 0) {
@@ -114,26 +187,16 @@ int main(int argc, char **argv) {
         }
     }
 
-    std::atomic<int> stopSignal{0};
-    std::thread stopper([&] {
-        int sig = 0;
-        while (sigwait(&stopSignals, &sig) != 0) {
-        }
-        stopSignal = sig;
-        // Ends swMgrRun: the running wait returns once the request in hand
-        // is done, and the loop sees the service stopped.
-        swMgrDeinit();
-    });
-
-    std::fprintf(stderr, "swmgrd: serving %s on %s%s\n", db.c_str(), mbusPortBusDirGet(),
-                 sim ? " (simulated hardware)" : "");
+    std::fprintf(stderr, "swmgrd: serving %s on %s%s%s\n", db.c_str(), mbusPortBusDirGet(),
+                 sim ? " (simulated hardware, state in " : "", sim ? (stateDir + ")").c_str() : "");
     swMgrRun();
+    swMgrDeinit();  // already done when a signal stopped the loop; then harmless
 
-    if (stopSignal == 0) pthread_kill(stopper.native_handle(), SIGTERM);
-    stopper.join();
     if (stateCtx != nullptr) mbusUnRegister(stateCtx);
     simHost = nullptr;
     host.stop();
+    mbusPortUnwatch(stopFd);
+    ::close(stopFd);
     std::fprintf(stderr, "swmgrd: stopped (%s)\n", stopSignal == SIGINT ? "SIGINT" : "SIGTERM");
     return 0;
 }

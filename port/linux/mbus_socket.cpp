@@ -196,21 +196,22 @@ int connectModule(int module, int timeoutMs, std::string &err) {
 }
 
 bool sendMessage(int fd, const MbusMsgHeader &h, const void *data, size_t dataLen, const void *aux,
-                 size_t auxLen) {
+                 size_t auxLen, int timeoutMs) {
     iovec iov[3] = {{const_cast<MbusMsgHeader *>(&h), sizeof h},
                     {const_cast<void *>(data), data != nullptr ? dataLen : 0},
                     {const_cast<void *>(aux), aux != nullptr ? auxLen : 0}};
     msghdr msg{};
     msg.msg_iov = iov;
     msg.msg_iovlen = 3;
-    for (int tries = 0; tries < 100; ++tries) {
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    for (;;) {
         if (::sendmsg(fd, &msg, MSG_NOSIGNAL | MSG_DONTWAIT) >= 0) return true;
         if (errno == EINTR) continue;
-        if (errno != EAGAIN) return false;
+        int left = deadlineLeftMs(deadline);
+        if (errno != EAGAIN || left <= 0) return false;
         pollfd p{fd, POLLOUT, 0};
-        ::poll(&p, 1, 10);
+        ::poll(&p, 1, left);
     }
-    return false;
 }
 
 ssize_t receiveMessage(int fd, Bytes &buf) {

@@ -1,5 +1,6 @@
-// Socket side of the host bus: where modules listen, how a message travels
-// and how a received one is checked. Used by the bus core only.
+// Internals of the host bus shared by its files: where modules listen, how
+// a message travels and how a received one is checked (mbus_socket.cpp),
+// the registered contexts (mbus_core.cpp) and the log path (mbus_log.cpp).
 #ifndef SWMGR_PORT_LINUX_MBUS_WIRE_H
 #define SWMGR_PORT_LINUX_MBUS_WIRE_H
 
@@ -28,13 +29,15 @@ std::string socketPath(int module);
 // not. Returns the descriptor, or -1 with the reason in `err`.
 int listenSocket(int module, std::string &err);
 
-// Connects to the module's socket within `timeoutMs`. Returns the
-// descriptor, or a MBUS_PORT_ERR_* code with the reason in `err`.
+// Connects to the module's socket within `timeoutMs` (0: only if its
+// backlog has room now). Returns the descriptor, or a MBUS_PORT_ERR_* code
+// with the reason in `err`.
 int connectModule(int module, int timeoutMs, std::string &err);
 
-// One whole message: header, data, aux. False when it could not be sent.
+// One whole message: header, data, aux, waiting at most `timeoutMs` for
+// room (0: not at all). False when it could not be sent, errno telling why.
 bool sendMessage(int fd, const MbusMsgHeader &h, const void *data, size_t dataLen, const void *aux,
-                 size_t auxLen);
+                 size_t auxLen, int timeoutMs);
 
 // Reads one message into `buf` (at most MBUS_PORT_MSG_MAX + 1 bytes, so
 // an over-long one shows as such). Returns its length, 0 when the peer
@@ -55,6 +58,24 @@ bool waitReadable(int fd, int timeoutMs);
 
 MbusMsgHeader header(int src, int dst, int cmd, bool request, size_t dataLen, size_t auxLen,
                      int result);
+
+// --- Contexts (mbus_core.cpp) ---
+// Whether ctx is a registered context. Never dereferences one that is not:
+// unregistered contexts are kept, dead, for the life of the process.
+bool live(const MbusCtx *ctx);
+int moduleOf(const MbusCtx *ctx);
+// The live context of `module` in this process, or nullptr.
+MbusCtx *localModule(int module);
+// Hands a request straight to a context's callback.
+int callLocal(MbusCtx *to, const MbusCtx *from, int cmd, void *data, int dataLen, void *aux, int *auxLen);
+void setError(std::string why);
+
+// --- Log path (mbus_log.cpp) ---
+// Delivers one log record without waiting (see osa_port.h).
+void logRecord(int src, const void *data, int dataLen, const void *aux, int auxLen);
+// A diagnostic of the port itself, sent as a log record with `tag`.
+void diag(const char *tag, const char *format, ...) __attribute__((format(printf, 2, 3)));
+void logClose();
 
 }  // namespace mbuswire
 

@@ -4,6 +4,8 @@
 #ifndef SWMGR_PORT_LINUX_OSA_PORT_H
 #define SWMGR_PORT_LINUX_OSA_PORT_H
 
+#include <stdint.h>
+
 #include "platform/mbus.h"
 #include "platform/osa.h"
 
@@ -71,7 +73,7 @@ int mbusPortSendHookAdd(MbusSendHook hook, void *ctx);
 int mbusPortSendHookRemove(MbusSendHook hook, void *ctx);
 
 /* Queues a request for the registered module; mbusListen dispatches it.
- * Safe to call from another thread. */
+ * Call it on the thread that listens (the bus takes no locks). */
 int mbusPortPost(int srcModule, int cmd, const void *data, int dataLen, const void *aux, int auxLen);
 /* Makes the next mbusRegister calls fail (non-zero) or succeed (0). */
 void mbusPortFailRegister(int fail);
@@ -96,6 +98,7 @@ MbusRequestCb mbusPortCallbackGet(void);
 enum {
     MBUS_PORT_ERR_NOMODULE = -2, /* no listener for the module */
     MBUS_PORT_ERR_IO = -5,       /* connection lost before the reply */
+    MBUS_PORT_ERR_BADCTX = -9,   /* the sender's context was unregistered */
     MBUS_PORT_ERR_REFUSED = -13, /* the peer's user may not use the bus */
     MBUS_PORT_ERR_BADMSG = -74,  /* malformed message (refused by either end) */
     MBUS_PORT_ERR_TOOBIG = -90,  /* message above MBUS_PORT_MSG_MAX */
@@ -116,6 +119,42 @@ int mbusPortListenAlong(MbusCtx *ctx, MbusCtx *host);
 /* Why the calling thread's last mbusRegister or mbusIoctl failed ("" when
  * nothing failed). */
 const char *mbusPortLastError(void);
+
+/* --- The listening loop ----------------------------------------------
+ * mbusListen is one poll over the listening sockets, every accepted
+ * connection and the watched descriptors, on the calling thread. A peer's
+ * user is checked when it connects (root or this process's own user; any
+ * other is closed at once). Each module keeps at most this many
+ * connections (default MBUS_PORT_CONN_LIMIT); past it, the one idle the
+ * longest is closed. */
+#define MBUS_PORT_CONN_LIMIT 256
+int mbusPortConnLimitSet(int limit);
+/* While watched, a readable `fd` makes mbusListen call `ready` on its own
+ * thread, between requests, and then return (a daemon's stop signals come
+ * in this way, through a signalfd). One callback per descriptor. */
+typedef void (*MbusWatchCb)(void *ctx, int fd);
+int mbusPortWatch(int fd, MbusWatchCb ready, void *ctx);
+int mbusPortUnwatch(int fd);
+
+/* --- Log records -----------------------------------------------------
+ * Records to the log service (module MBUS_MODULE_LOG, MBUS_LOG_CMD) never
+ * wait: they go over one kept connection, sent only when it has room.
+ * With the service absent a record goes to standard error; when it is not
+ * reading, the record is dropped and counted, and the count is reported
+ * in a record of its own once one gets through. The target may instead be
+ * standard error, or the system log (a datagram socket, `syslogPath` or
+ * "/dev/log" when NULL, with the same rule for a reader that is behind). */
+enum { MBUS_PORT_LOG_BUS = 0, MBUS_PORT_LOG_STDERR = 1, MBUS_PORT_LOG_SYSLOG = 2 };
+int mbusPortLogTargetSet(int target, const char *syslogPath);
+/* Records dropped so far because their reader was not keeping up. */
+uint64_t mbusPortLogDropped(void);
+
+/* --- Database --------------------------------------------------------
+ * The most a query waits, in all, on a database someone else holds (busy
+ * handler and retries together); then it fails with a log record saying
+ * so. Default SQLITE_PORT_BUSY_MS. */
+#define SQLITE_PORT_BUSY_MS 2000
+int sqlitePortBusyTimeoutSet(int ms);
 
 #ifdef __cplusplus
 }

@@ -93,7 +93,7 @@ protected:
     }
 
     void startDaemon() {
-        daemon_ = spawn(std::string(SWMGRD_PATH) + " --db " + quote(db_) + " --sim --bus-dir " + quote(bus_) +
+        daemon_ = spawn(std::string(SWMGRD_PATH) + " --db " + quote(db_) + " --sim --bus-dir " + quote(bus_) + " --state-dir " + quote(bus_ + "/sim") +
                         " >/dev/null 2>" + quote(dir_ + "/daemon.err"));
         for (int i = 0; i < 250; ++i) {
             if (ctl("state").status == 0) return;

@@ -1,0 +1,127 @@
+// Sending on the host bus: mbusIoctl reaches a module of this process
+// directly and another one through a connection of its own, opened for the
+// request and closed with its reply. Log records take the log path instead
+// (mbus_log.cpp), which never waits.
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <vector>
+
+#include "mbus_wire.h"
+
+namespace {
+struct SendHookEntry {
+    MbusSendHook hook;
+    void *ctx;
+};
+
+std::vector<SendHookEntry> &hooks() {
+    static std::vector<SendHookEntry> h;
+    return h;
+}
+
+int fail(int code, std::string why) {
+    mbuswire::setError(std::move(why));
+    return code;
+}
+
+// Reads the reply to a request sent on fd into aux (cap bytes).
+int awaitReply(int fd, int module, int timeout, void *aux, int *auxLen, size_t cap) {
+    if (!mbuswire::waitReadable(fd, timeout))
+        return fail(MBUS_PORT_ERR_TIMEOUT, "no reply from module " + std::to_string(module) + " within " +
+                                               std::to_string(timeout) + " ms");
+    mbuswire::Bytes buf;
+    ssize_t n = mbuswire::receiveMessage(fd, buf);
+    if (n <= 0) return fail(MBUS_PORT_ERR_IO, "module " + std::to_string(module) + " closed without a reply");
+    const char *why = mbuswire::checkMessage(buf, n, true);
+    MbusMsgHeader r{};
+    std::memcpy(&r, buf.data(), std::min(sizeof r, static_cast<size_t>(n)));
+    if (why == nullptr && r.auxLen > cap) why = "reply larger than the request's aux buffer";
+    if (why != nullptr) return fail(MBUS_PORT_ERR_BADMSG, std::string("malformed reply: ") + why);
+    if (r.result == MBUS_PORT_ERR_REFUSED) mbuswire::setError("module " + std::to_string(module) + " refused our user");
+    if (cap > 0) {
+        std::memcpy(aux, buf.data() + sizeof r, r.auxLen);
+        *auxLen = static_cast<int>(r.auxLen);
+    }
+    return r.result;
+}
+}  // namespace
+
+extern "C" int mbusIoctl(MbusCtx *ctx, int module, int cmd, void *data, int dataLen, void *aux,
+                         int *auxLen, int flags, int timeoutMs, int reserved) {
+    (void)reserved;
+    // By index: a hook may remove itself.
+    for (size_t i = 0; i < hooks().size(); ++i) {
+        SendHookEntry h = hooks()[i];
+        int result = 0;
+        if (h.hook(h.ctx, module, cmd, data, dataLen, aux, auxLen, &result)) return result;
+    }
+    mbuswire::setError("");
+    const bool isLog = module == MBUS_MODULE_LOG && cmd == MBUS_LOG_CMD;
+    if (ctx != nullptr && !mbuswire::live(ctx)) {
+        // The sender is gone; its last words still reach somebody.
+        if (isLog) mbuswire::logRecord(0, data, dataLen, aux, auxLen != nullptr ? *auxLen : 0);
+        return fail(MBUS_PORT_ERR_BADCTX, "sending through an unregistered context");
+    }
+    if (MbusCtx *self = mbuswire::localModule(module))
+        return mbuswire::callLocal(self, ctx, cmd, data, dataLen, aux, auxLen);
+
+    if (dataLen < 0 || (dataLen > 0 && data == nullptr) || (auxLen != nullptr && *auxLen < 0))
+        return fail(MBUS_PORT_ERR_BADMSG, "invalid request buffers");
+    size_t cap = aux != nullptr && auxLen != nullptr ? static_cast<size_t>(*auxLen) : 0;
+    if (sizeof(MbusMsgHeader) + static_cast<size_t>(dataLen) + cap > MBUS_PORT_MSG_MAX)
+        return fail(MBUS_PORT_ERR_TOOBIG, "request larger than the bus allows");
+    if (isLog) {
+        mbuswire::logRecord(mbuswire::moduleOf(ctx), data, dataLen, aux, static_cast<int>(cap));
+        return 0;
+    }
+
+    const int timeout = timeoutMs > 0 ? timeoutMs : MBUS_PORT_TIMEOUT_MS;
+    std::string err;
+    int fd = mbuswire::connectModule(module, timeout, err);
+    if (fd < 0) return fail(fd, err);
+    MbusMsgHeader h = mbuswire::header(mbuswire::moduleOf(ctx), module, cmd, true, static_cast<size_t>(dataLen),
+                                       cap, 0);
+    int result = 0;
+    if (mbuswire::sendMessage(fd, h, data, static_cast<size_t>(dataLen), aux, cap, timeout))
+        result = (flags & MBUS_FLAG_NOREPLY) != 0 ? 0 : awaitReply(fd, module, timeout, aux, auxLen, cap);
+    else if (mbuswire::waitReadable(fd, 0))
+        result = awaitReply(fd, module, 0, aux, auxLen, cap);  // told why before it closed on us
+    else
+        result = fail(MBUS_PORT_ERR_IO, std::string("cannot send to module ") + std::to_string(module));
+    ::close(fd);
+    return result;
+}
+
+extern "C" int mbusPortSendHookAdd(MbusSendHook hook, void *ctx) {
+    if (hook == nullptr) return -1;
+    hooks().push_back({hook, ctx});
+    return 0;
+}
+
+extern "C" int mbusPortSendHookRemove(MbusSendHook hook, void *ctx) {
+    auto &h = hooks();
+    auto it = std::find_if(h.begin(), h.end(), [&](const SendHookEntry &e) { return e.hook == hook && e.ctx == ctx; });
+    if (it == h.end()) return -1;
+    h.erase(it);
+    return 0;
+}
+
+extern "C" int mbusPortBusDirSet(const char *dir) {
+    mbuswire::busDirSet(dir);
+    return 0;
+}
+
+extern "C" const char *mbusPortBusDirGet(void) {
+    static thread_local std::string dir;
+    dir = mbuswire::busDir();
+    return dir.c_str();
+}
+
+extern "C" int mbusPortSocketPath(int module, char *out, int cap) {
+    std::string path = mbuswire::socketPath(module);
+    if (out == nullptr || path.empty() || cap <= 0 || path.size() >= static_cast<size_t>(cap)) return -1;
+    std::memcpy(out, path.c_str(), path.size() + 1);
+    return 0;
+}

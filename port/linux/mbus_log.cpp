@@ -1,0 +1,204 @@
+// The log path: records for the log service go over one kept connection and
+// are sent only when it has room, so a log reader that stalls (a paused
+// pager) costs the sender nothing but the records it loses. Those are
+// counted and the count is reported once records get through again.
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <syslog.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cinttypes>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+
+#include "mbus_wire.h"
+
+namespace {
+// The record's header as the service sends it: module, level, tag.
+struct LogHeader {
+    uint32_t module;
+    uint32_t level;
+    char tag[32];
+};
+static_assert(sizeof(LogHeader) == 40, "log record header layout");
+
+constexpr uint32_t kLevelErr = 8;
+constexpr uint32_t kLevelDev = 256;
+constexpr size_t kTextMax = 1024;
+
+// A record as given: header bytes and text bytes, sent on the bus as they are.
+struct Record {
+    int src;
+    const void *data;
+    size_t dataLen;
+    const void *aux;
+    size_t auxLen;
+    LogHeader h;
+    std::string_view text;
+};
+
+struct LogPath {
+    int target = MBUS_PORT_LOG_BUS;
+    std::string syslogPath = "/dev/log";
+    int fd = -1;
+    uint64_t dropped = 0;
+    uint64_t reported = 0;
+};
+
+LogPath &path() {
+    static LogPath p;
+    return p;
+}
+
+// The text of a record, up to its NUL and at most its length.
+std::string_view textOf(const void *aux, int auxLen) {
+    if (aux == nullptr || auxLen <= 0) return {};
+    const char *t = static_cast<const char *>(aux);
+    return {t, strnlen(t, static_cast<size_t>(auxLen))};
+}
+
+void toStderr(const char *prefix, uint32_t level, std::string_view text) {
+    if (prefix != nullptr)
+        std::fprintf(stderr, "%s %u] %.*s", prefix, level, static_cast<int>(text.size()), text.data());
+    else
+        std::fprintf(stderr, "%.*s", static_cast<int>(text.size()), text.data());
+}
+
+int connectSyslog() {
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    if (path().syslogPath.size() >= sizeof addr.sun_path) return -1;
+    std::memcpy(addr.sun_path, path().syslogPath.data(), path().syslogPath.size());
+    int fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (fd >= 0 && ::connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0) {
+        ::close(fd);
+        fd = -1;
+    }
+    return fd;
+}
+
+int connectService() {
+    std::string err;
+    int fd = mbuswire::connectModule(MBUS_MODULE_LOG, 0, err);
+    return fd >= 0 ? fd : -1;
+}
+
+// Replies to earlier records are of no interest; read them so they never
+// fill the connection. False when the service has gone.
+bool drainReplies(int fd) {
+    char scrap[sizeof(MbusMsgHeader)];
+    for (;;) {
+        ssize_t n = ::recv(fd, scrap, sizeof scrap, MSG_DONTWAIT | MSG_TRUNC);
+        if (n > 0) continue;
+        return n < 0 && (errno == EAGAIN || errno == EINTR);
+    }
+}
+
+int syslogSeverity(uint32_t level) {
+    if (level == kLevelErr) return LOG_ERR;
+    if (level >= kLevelDev) return LOG_DEBUG;
+    return LOG_INFO;
+}
+
+// One try at sending a record on the kept descriptor; errno tells why not.
+bool sendOnce(int fd, const Record &r) {
+    if (path().target == MBUS_PORT_LOG_SYSLOG) {
+        char stamp[32] = "";
+        time_t now = ::time(nullptr);
+        tm local{};
+        if (::localtime_r(&now, &local) != nullptr) std::strftime(stamp, sizeof stamp, "%b %e %H:%M:%S", &local);
+        std::string_view text = r.text;
+        if (!text.empty() && text.back() == '\n') text.remove_suffix(1);
+        char line[kTextMax + 128];
+        int n = std::snprintf(line, sizeof line, "<%d>%s %s[%d]: %.*s", LOG_DAEMON | syslogSeverity(r.h.level), stamp,
+                              program_invocation_short_name, static_cast<int>(::getpid()),
+                              static_cast<int>(std::min(text.size(), kTextMax)), text.data());
+        size_t len = std::min(static_cast<size_t>(std::max(n, 0)), sizeof line - 1);
+        return ::send(fd, line, len, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0;
+    }
+    if (!drainReplies(fd)) {
+        errno = EPIPE;
+        return false;
+    }
+    MbusMsgHeader m = mbuswire::header(r.src, MBUS_MODULE_LOG, MBUS_LOG_CMD, true, r.dataLen, r.auxLen, 0);
+    return mbuswire::sendMessage(fd, m, r.data, r.dataLen, r.aux, r.auxLen, 0);
+}
+
+// Sends over the kept descriptor, opening it (again) once when there is
+// none or the reader went away. 1: sent; 0: reader behind; -1: no reader.
+int deliver(const Record &r) {
+    LogPath &p = path();
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        if (p.fd < 0) p.fd = p.target == MBUS_PORT_LOG_SYSLOG ? connectSyslog() : connectService();
+        if (p.fd < 0) return -1;
+        if (sendOnce(p.fd, r)) return 1;
+        if (errno == EAGAIN || errno == ENOBUFS) return 0;
+        ::close(p.fd);
+        p.fd = -1;
+    }
+    return -1;
+}
+}  // namespace
+
+namespace mbuswire {
+
+void logRecord(int src, const void *data, int dataLen, const void *aux, int auxLen) {
+    Record r{src, data, data != nullptr && dataLen > 0 ? static_cast<size_t>(dataLen) : 0, aux,
+             aux != nullptr && auxLen > 0 ? static_cast<size_t>(auxLen) : 0, {}, textOf(aux, auxLen)};
+    if (r.dataLen > 0) std::memcpy(&r.h, data, std::min(r.dataLen, sizeof r.h));
+    LogPath &p = path();
+    if (p.target == MBUS_PORT_LOG_STDERR) {
+        toStderr(nullptr, r.h.level, r.text);
+        return;
+    }
+    if (p.dropped > p.reported) {
+        char note[96];
+        int len = std::snprintf(note, sizeof note, "%" PRIu64 " log records dropped while the log reader was behind\n",
+                                p.dropped - p.reported);
+        LogHeader h{r.h.module, kLevelErr, "mbus"};
+        Record n{src, &h, sizeof h, note, static_cast<size_t>(len) + 1, h, note};
+        int sent = deliver(n);
+        if (sent == 0) {
+            ++p.dropped;
+            return;
+        }
+        if (sent > 0) p.reported = p.dropped;
+    }
+    int sent = deliver(r);
+    if (sent == 0) ++p.dropped;
+    if (sent < 0) toStderr("[log", r.h.level, r.text);
+}
+
+void diag(const char *tag, const char *format, ...) {
+    char text[kTextMax];
+    va_list ap;
+    va_start(ap, format);
+    std::vsnprintf(text, sizeof text, format, ap);
+    va_end(ap);
+    // Said on behalf of the service when it is the one here.
+    LogHeader h{localModule(MBUS_MODULE_SWMGR) != nullptr ? MBUS_MODULE_SWMGR : 0u, kLevelErr, {}};
+    std::snprintf(h.tag, sizeof h.tag, "%s", tag);
+    int len = static_cast<int>(std::strlen(text)) + 1;
+    mbusIoctl(nullptr, MBUS_MODULE_LOG, MBUS_LOG_CMD, &h, sizeof h, text, &len, MBUS_FLAG_NOREPLY, 0, 0);
+}
+
+void logClose() {
+    if (path().fd >= 0) ::close(path().fd);
+    path().fd = -1;
+}
+
+}  // namespace mbuswire
+
+extern "C" int mbusPortLogTargetSet(int target, const char *syslogPath) {
+    if (target != MBUS_PORT_LOG_BUS && target != MBUS_PORT_LOG_STDERR && target != MBUS_PORT_LOG_SYSLOG) return -1;
+    mbuswire::logClose();
+    path().target = target;
+    path().syslogPath = syslogPath != nullptr ? syslogPath : "/dev/log";
+    return 0;
+}
+
+extern "C" uint64_t mbusPortLogDropped(void) { return path().dropped; }
