@@ -96,6 +96,21 @@ int sendRaw(int module, const std::vector<uint8_t> &bytes) {
     return result;
 }
 
+int rawConnect(int module) {
+    int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", socketPath(module).c_str());
+    if (::connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0) ::close(fd);
+    return fd;
+}
+
+// Whether the listener closed a connection (without waiting for it).
+bool closedByPeer(int fd) {
+    char c;
+    return ::recv(fd, &c, 1, MSG_DONTWAIT) == 0;
+}
+
 int count(int module) { return mbusIoctl(nullptr, module, kCount, nullptr, 0, nullptr, nullptr, 0, 2000, 0); }
 
 int inProcess(MbusCtx *, const MbusMsgHeader *h, int cmd, void *, int, void *, int *) {
@@ -224,6 +239,110 @@ TEST(BusSocket, PeersOfAnotherUserAreRefused) {
     ASSERT_EQ(::waitpid(pid, &status, 0), pid);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
     EXPECT_EQ(count(206), 0) << "the refused request never reached the module";
+}
+
+TEST(BusSocket, PastTheConnectionLimitTheConnectionIdleLongestIsClosed) {
+    MbusCtx *ctx = mbusRegister(207, 2, inProcess, nullptr);
+    ASSERT_NE(ctx, nullptr) << mbusPortLastError();
+    ASSERT_EQ(mbusPortConnLimitSet(3), 0);
+    int c[5];
+    for (int i = 0; i < 4; ++i) c[i] = rawConnect(207);
+    EXPECT_EQ(mbusListen(ctx, 20000), 0) << "connections alone run nothing";
+    std::vector<uint8_t> req = frame(MBUS_MSG_MAGIC, 207, 4, 4);
+    ASSERT_EQ(::send(c[1], req.data(), req.size(), 0), static_cast<ssize_t>(req.size()));
+    EXPECT_EQ(mbusListen(ctx, 20000), 1);
+    MbusMsgHeader r{};
+    EXPECT_EQ(::recv(c[1], &r, sizeof r, MSG_DONTWAIT), static_cast<ssize_t>(sizeof r));
+    EXPECT_EQ(r.result, 0 * 100 + kEcho) << "answered, and the connection kept";
+    c[4] = rawConnect(207);  // the one idle longest now is c[2]
+    EXPECT_EQ(mbusListen(ctx, 20000), 0);
+    bool closed[5];
+    for (int i = 0; i < 5; ++i) closed[i] = closedByPeer(c[i]);
+    EXPECT_EQ(std::vector<bool>(closed, closed + 5), (std::vector<bool>{true, false, true, false, false}));
+    for (int fd : c) ::close(fd);
+    mbusPortConnLimitSet(MBUS_PORT_CONN_LIMIT);
+    EXPECT_EQ(mbusPortConnLimitSet(0), -1);
+    mbusUnRegister(ctx);
+}
+
+// A log service that never takes its connection: the sender goes on, and
+// counts what it could not send; the service, once reading, is told.
+TEST(BusSocket, LogRecordsNeverWaitForTheirReader) {
+    int lsn = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", socketPath(MBUS_MODULE_LOG).c_str());
+    ::unlink(addr.sun_path);
+    ASSERT_EQ(::bind(lsn, reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
+    ASSERT_EQ(::listen(lsn, 4), 0);
+    SwLogRecordHeader hdr{103, 64, {}};
+    char text[200];
+    std::memset(text, 'r', sizeof text);
+    text[sizeof text - 1] = '\0';
+    const uint64_t before = mbusPortLogDropped();
+    int sent = 0;
+    for (; sent < 100000 && mbusPortLogDropped() < before + 3; ++sent) {
+        int len = sizeof text;
+        ASSERT_EQ(mbusIoctl(nullptr, MBUS_MODULE_LOG, MBUS_LOG_CMD, &hdr, SW_LOG_HEADER_LEN, text, &len,
+                            MBUS_FLAG_NOREPLY, 0, 0),
+                  0);
+    }
+    ASSERT_EQ(mbusPortLogDropped(), before + 3);
+    int conn = ::accept(lsn, nullptr, nullptr);
+    ASSERT_GE(conn, 0);
+    std::vector<uint8_t> buf(2048);
+    int queued = 0;
+    while (::recv(conn, buf.data(), buf.size(), MSG_DONTWAIT) == static_cast<ssize_t>(32 + 40 + sizeof text))
+        ++queued;
+    EXPECT_EQ(queued, sent - 3) << "every record not counted as dropped arrived whole";
+    char last[] = "back\n";
+    int len = sizeof last;
+    mbusIoctl(nullptr, MBUS_MODULE_LOG, MBUS_LOG_CMD, &hdr, SW_LOG_HEADER_LEN, last, &len, MBUS_FLAG_NOREPLY, 0, 0);
+    std::string got;
+    for (ssize_t n; (n = ::recv(conn, buf.data(), buf.size(), MSG_DONTWAIT)) > 72;) {
+        SwLogRecordHeader h;
+        std::memcpy(&h, buf.data() + 32, sizeof h);
+        got += std::to_string(h.module) + "/" + std::to_string(h.level) + "/" + h.tag + ": " +
+               std::string(reinterpret_cast<char *>(buf.data()) + 72);
+    }
+    EXPECT_EQ(got, "103/8/mbus: 3 log records dropped while the log reader was behind\n103/64/: back\n");
+    ::close(conn);
+    ::close(lsn);
+    ::unlink(addr.sun_path);
+}
+
+TEST(BusSocket, LogRecordsToStandardErrorOrTheSystemLog) {
+    SwLogRecordHeader hdr{103, 8, {}};
+    char text[] = "Invalid database event\n";
+    auto logOnce = [&] {
+        int len = sizeof text;
+        return mbusIoctl(nullptr, MBUS_MODULE_LOG, MBUS_LOG_CMD, &hdr, SW_LOG_HEADER_LEN, text, &len,
+                         MBUS_FLAG_NOREPLY, 0, 0);
+    };
+    ASSERT_EQ(mbusPortLogTargetSet(MBUS_PORT_LOG_STDERR, nullptr), 0);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(logOnce(), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "Invalid database event\n");
+
+    const std::string dev = std::string(mbusPortBusDirGet()) + "/syslog";
+    int sys = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", dev.c_str());
+    ASSERT_EQ(::bind(sys, reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
+    ASSERT_EQ(mbusPortLogTargetSet(MBUS_PORT_LOG_SYSLOG, dev.c_str()), 0);
+    EXPECT_EQ(logOnce(), 0);
+    char line[512] = {};
+    ASSERT_GT(::recv(sys, line, sizeof line - 1, MSG_DONTWAIT), 0);
+    // "<daemon.err>Mmm dd hh:mm:ss program[pid]: text" without its newline
+    const std::string tail = std::string(" ") + program_invocation_short_name + "[" + std::to_string(::getpid()) +
+                             "]: Invalid database event";
+    EXPECT_EQ(std::string(line).substr(0, 4), "<27>");
+    EXPECT_EQ(std::string(line).substr(4 + 15), tail);
+    EXPECT_EQ(mbusPortLogTargetSet(7, nullptr), -1);
+    mbusPortLogTargetSet(MBUS_PORT_LOG_BUS, nullptr);
+    ::close(sys);
+    ::unlink(dev.c_str());
 }
 
 }  // namespace

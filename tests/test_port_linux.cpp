@@ -163,6 +163,22 @@ TEST(SqliteHelper, ReturnsTheTableLayoutAndWaitsOutAWriter) {
     EXPECT_NE(r, nullptr);
     sqlite3_free_table(r);
     EXPECT_EQ(sqliteBusyHandler(nullptr, 1 << 20), 0) << "retrying is bounded";
+
+    // Held for good: the busy handler and the helper's retries share one
+    // bound (each alone would have waited it out again), then the query
+    // fails and says so.
+    ASSERT_EQ(sqlite3_busy_handler(db, sqliteBusyHandler, nullptr), SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(writer, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr), SQLITE_OK);
+    ASSERT_EQ(sqlitePortBusyTimeoutSet(300), 0);
+    EXPECT_EQ(sqlitePortBusyTimeoutSet(-1), -1);
+    swtest::Capture cap;
+    auto t0 = std::chrono::steady_clock::now();
+    EXPECT_EQ(sqlite3QueryResGet(db, 0, "SELECT * from t", &nCols, &nRows), nullptr);
+    EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::milliseconds(1500));
+    EXPECT_EQ(cap.rawLogs(),
+              std::vector<std::string>{"sqlite: database still locked after 300 ms, query given up: SELECT * from t\n"});
+    sqlitePortBusyTimeoutSet(SQLITE_PORT_BUSY_MS);
+    sqlite3_exec(writer, "COMMIT", nullptr, nullptr, nullptr);
     sqlite3_close(writer);
     sqlite3_close(db);
 }

@@ -3,8 +3,11 @@
 // simulated hardware is read back after each step.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sqlite3.h>
 #include <stdlib.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -15,6 +18,9 @@
 #include <nlohmann/json.hpp>
 #include <string>
 #include <thread>
+#include <vector>
+
+#include "platform/mbus.h"
 
 namespace {
 
@@ -92,8 +98,8 @@ protected:
         if (!dir_.empty()) sh("rm -rf " + quote(dir_));
     }
 
-    void startDaemon() {
-        daemon_ = spawn(std::string(SWMGRD_PATH) + " --db " + quote(db_) + " --sim --bus-dir " + quote(bus_) + " --state-dir " + quote(bus_ + "/sim") +
+    void startDaemon(const std::string &options = "") {
+        daemon_ = spawn(std::string(SWMGRD_PATH) + " " + options + " --db " + quote(db_) + " --sim --bus-dir " + quote(bus_) + " --state-dir " + quote(bus_ + "/sim") +
                         " >/dev/null 2>" + quote(dir_ + "/daemon.err"));
         for (int i = 0; i < 250; ++i) {
             if (ctl("state").status == 0) return;
@@ -130,6 +136,25 @@ protected:
         return false;
     }
     std::string uptimeFile(int vlan) { return bus_ + "/sim/root/var/VLAN." + std::to_string(vlan) + ".Uptime"; }
+
+    // A bare connection to a module's socket, never sending anything.
+    int connectTo(int module) {
+        int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+        sockaddr_un addr{};
+        addr.sun_family = AF_UNIX;
+        std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s/mod-%d.sock", bus_.c_str(), module);
+        if (::connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0) {
+            ::close(fd);
+            return -1;
+        }
+        return fd;
+    }
+    // Runs swmgrctl and says how long it took.
+    std::pair<Proc, milliseconds> timedCtl(const std::string &args) {
+        auto t0 = Clock::now();
+        Proc r = ctl(args);
+        return {r, std::chrono::duration_cast<milliseconds>(Clock::now() - t0)};
+    }
 
     std::string dir_, db_, bus_;
     pid_t daemon_ = -1, logger_ = -1;
@@ -206,6 +231,87 @@ TEST_F(E2e, StopSignalsEndTheDaemonAndStartupFailuresGiveTheReason) {
     EXPECT_EQ(unsafe.status, 1);
     EXPECT_EQ(unsafe.out, "swmgrd: start-up failed (-1): cannot register on the bus: bus directory is writable by "
                           "others: " + dir_ + "\n");
+}
+
+TEST_F(E2e, IdleConnectionsAndAStalledLogReaderDoNotHoldRequestsUp) {
+    std::vector<int> idle;
+    for (int i = 0; i < 100; ++i) idle.push_back(connectTo(103));
+    ASSERT_TRUE(std::none_of(idle.begin(), idle.end(), [](int fd) { return fd < 0; }));
+    auto [added, took] = timedCtl("vlan add --id 300 --ports 0,1 --untagged 0");
+    EXPECT_EQ(added.out, "vlan add 300: result 0 (ok)\n");
+    EXPECT_LT(took, milliseconds(1000));
+    for (int fd : idle) ::close(fd);
+
+    // The log reader stops reading (a paused pager): requests go on at the
+    // usual pace, the records it cannot take are counted, and once it reads
+    // again it is told how many it lost.
+    ASSERT_EQ(::kill(daemon_, SIGTERM), 0);
+    ASSERT_NE(reap(daemon_, milliseconds(5000)), -1);
+    startDaemon("--debug");  // many records per request, so the reader's queue fills
+    ASSERT_EQ(::kill(logger_, SIGSTOP), 0);
+    for (int i = 0; i < 40; ++i) {
+        auto [r, t] = timedCtl("vlan " + std::string(i % 2 == 0 ? "add" : "del") + " --id 400 --ports 0,1");
+        ASSERT_EQ(r.status, 0) << r.out;
+        ASSERT_LT(t, milliseconds(1000)) << "request " << i;
+    }
+    Proc st = ctl("state");
+    const auto at = st.out.find("daemon: ");
+    ASSERT_NE(at, std::string::npos) << st.out;
+    EXPECT_GT(std::stoul(st.out.substr(at + 8)), 0u) << st.out.substr(at);
+    ASSERT_EQ(::kill(logger_, SIGCONT), 0);
+    EXPECT_EQ(ctl("vlan add --id 401 --ports 0").status, 0);
+    EXPECT_TRUE(logHas("log records dropped while the log reader was behind\n"));
+}
+
+TEST_F(E2e, ALockedDatabaseFailsTheRequestInBoundedTimeAndSigtermWaitsForIt) {
+    sqlite3 *holder = nullptr;
+    ASSERT_EQ(sqlite3_open(db_.c_str(), &holder), SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(holder, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr), SQLITE_OK);
+    auto [failed, took] = timedCtl("dbevent vlanEncapIf 1 update");
+    EXPECT_EQ(failed.out, "vlanEncapIf row 1 update: result -1 (failed)\n");
+    EXPECT_LT(took, milliseconds(3000));
+    EXPECT_EQ(ctl("state").status, 0) << "the next request is answered";
+    EXPECT_TRUE(logHas("sqlite: database still locked after 2000 ms, query given up: SELECT * from vlanEncapIf"));
+
+    // SIGTERM while a request waits on the database: the request is
+    // answered, then the daemon stops.
+    pid_t request = spawn(std::string(SWMGRCTL_PATH) + " --bus-dir " + quote(bus_) +
+                          " dbevent vlanEncapIf 1 update >" + quote(dir_ + "/request.out"));
+    const std::string wchan = "/proc/" + std::to_string(daemon_) + "/wchan";
+    for (int i = 0; i < 300 && readFile(wchan).find("nanosleep") == std::string::npos; ++i)
+        std::this_thread::sleep_for(milliseconds(10));
+    ASSERT_EQ(::kill(daemon_, SIGTERM), 0);
+    int st = reap(daemon_, milliseconds(5000));
+    daemon_ = -1;
+    EXPECT_TRUE(WIFEXITED(st) && WEXITSTATUS(st) == 0) << st;
+    EXPECT_NE(readFile(dir_ + "/daemon.err").find("swmgrd: stopped (SIGTERM)\n"), std::string::npos);
+    EXPECT_NE(reap(request, milliseconds(5000)), -1);
+    EXPECT_EQ(readFile(dir_ + "/request.out"), "vlanEncapIf row 1 update: result -1 (failed)\n");
+    sqlite3_exec(holder, "COMMIT", nullptr, nullptr, nullptr);
+    sqlite3_close(holder);
+}
+
+TEST_F(E2e, AnotherUsersConnectionIsClosedBeforeItCanSend) {
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root to connect as another user";
+    struct stat st {};
+    ASSERT_EQ(::stat(bus_.c_str(), &st), 0);
+    ASSERT_EQ(::chmod(dir_.c_str(), 0711), 0);
+    pid_t pid = ::fork();
+    if (pid == 0) {
+        // In the bus directory's group, so the socket is reachable; the user
+        // is what gets it closed.
+        if (::setgid(st.st_gid) != 0 || ::setuid(65534) != 0) ::_exit(2);
+        int fd = connectTo(103);
+        if (fd < 0) ::_exit(3);
+        MbusMsgHeader h{};
+        timeval tv{2, 0};
+        ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+        bool refused = ::recv(fd, &h, sizeof h, 0) == static_cast<ssize_t>(sizeof h) && h.result == -13;
+        ::_exit(refused && ::recv(fd, &h, sizeof h, 0) == 0 ? 0 : 4);
+    }
+    int status = reap(pid, milliseconds(5000));
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    EXPECT_EQ(ctl("state").status, 0);
 }
 
 }  // namespace
