@@ -25,6 +25,7 @@ inline std::string resultName(int r) {
         case -122: return "not supported";
         case MBUS_PORT_ERR_NOMODULE: return "no such module";
         case MBUS_PORT_ERR_IO: return "connection lost";
+        case MBUS_PORT_ERR_BADCTX: return "sender no longer registered";
         case MBUS_PORT_ERR_REFUSED: return "refused: not allowed";
         case MBUS_PORT_ERR_BADMSG: return "refused: malformed message";
         case MBUS_PORT_ERR_TOOBIG: return "message too large";
