@@ -117,7 +117,7 @@ int main(int argc, char **argv) {
                    "directory of the bus sockets (default: $" MBUS_PORT_DIR_ENV " or " MBUS_PORT_DEFAULT_DIR ")");
     app.add_option("--state-dir", stateDir,
                    "with --sim: where the simulated system's files go (default: on a RAM file system when\n"
-                   "there is one: BUS-DIR/sim, else a new directory under $XDG_RUNTIME_DIR or /dev/shm)");
+                   "there is one: BUS-DIR/sim, else a new directory under $XDG_RUNTIME_DIR, /dev/shm or /run)");
     CLI11_PARSE(app, argc, argv);
 
     if (!busDir.empty()) mbusPortBusDirSet(busDir.c_str());
