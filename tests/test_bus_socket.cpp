@@ -215,6 +215,21 @@ TEST(BusSocket, MalformedMessagesAreRefusedAndTheListenerServesOn) {
     std::vector<char> big(MBUS_PORT_MSG_MAX, 'b');
     EXPECT_EQ(mbusIoctl(nullptr, 204, kEcho, big.data(), static_cast<int>(big.size()), nullptr, nullptr, 0, 0, 0),
               MBUS_PORT_ERR_TOOBIG);
+    EXPECT_EQ(count(204), 2);
+    EXPECT_STREQ(mbusPortLastError(), "") << "a delivered request leaves no reason behind";
+
+    // A send hook takes what it answers, and only until it is removed.
+    static int taken;
+    MbusSendHook hook = [](void *, int module, int, const void *, int, void *, int *, int *result) {
+        *result = 77;
+        return module == 204 ? ++taken : 0;
+    };
+    ASSERT_EQ(mbusPortSendHookAdd(hook, &taken), 0);
+    EXPECT_EQ(count(204), 77);
+    EXPECT_EQ(mbusPortSendHookRemove(hook, nullptr), -1) << "another context's hook";
+    EXPECT_EQ(mbusPortSendHookRemove(hook, &taken), 0);
+    EXPECT_EQ(count(204), 3);
+    EXPECT_EQ(taken, 1);
 }
 
 TEST(BusSocket, PeersOfAnotherUserAreRefused) {
