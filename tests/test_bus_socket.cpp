@@ -159,6 +159,10 @@ TEST(BusSocket, ModulesServeOtherProcessesUntilTheyUnregister) {
     MbusCtx *ctx = mbusRegister(201, 2, inProcess, nullptr);
     ASSERT_NE(ctx, nullptr) << mbusPortLastError();
 
+    // A posted request is served without waiting for anything else.
+    ASSERT_EQ(mbusPortPost(5, kEcho, "x", 1, nullptr, 0), 0);
+    EXPECT_EQ(mbusListen(ctx, 100000), 1);
+
     // With nothing to serve, listening lasts its time-out.
     t0 = Clock::now();
     EXPECT_EQ(mbusListen(ctx, 100000), 0);
