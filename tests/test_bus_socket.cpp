@@ -1,5 +1,6 @@
 // The bus between processes: a module served by a forked child, reached
 // through its socket, and what the listener refuses.
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -325,6 +326,18 @@ TEST(BusSocket, LogRecordsNeverWaitForTheirReader) {
                std::string(reinterpret_cast<char *>(buf.data()) + 72);
     }
     EXPECT_EQ(got, "103/8/mbus: 3 log records dropped while the log reader was behind\n103/64/: back\n");
+
+    // The service restarts: the next record finds the new one.
+    ::close(conn);
+    ::close(lsn);
+    ::unlink(addr.sun_path);
+    lsn = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    ASSERT_EQ(::bind(lsn, reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
+    ASSERT_EQ(::listen(lsn, 4), 0);
+    len = sizeof last;
+    mbusIoctl(nullptr, MBUS_MODULE_LOG, MBUS_LOG_CMD, &hdr, SW_LOG_HEADER_LEN, last, &len, MBUS_FLAG_NOREPLY, 0, 0);
+    conn = ::accept4(lsn, nullptr, nullptr, SOCK_NONBLOCK);
+    EXPECT_EQ(::recv(conn, buf.data(), buf.size(), 0), 72 + static_cast<ssize_t>(sizeof last));
     ::close(conn);
     ::close(lsn);
     ::unlink(addr.sun_path);
@@ -358,6 +371,13 @@ TEST(BusSocket, LogRecordsToStandardErrorOrTheSystemLog) {
                              "]: Invalid database event";
     EXPECT_EQ(std::string(line).substr(0, 4), "<27>");
     EXPECT_EQ(std::string(line).substr(4 + 15), tail);
+    // No system log to be had: standard error, as for the bus, and no
+    // descriptor of anybody else's touched on the way.
+    ASSERT_EQ(mbusPortLogTargetSet(MBUS_PORT_LOG_SYSLOG, (dev + ".none").c_str()), 0);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(logOnce(), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "[log 8] Invalid database event\n");
+    EXPECT_NE(::fcntl(STDIN_FILENO, F_GETFD), -1);
     EXPECT_EQ(mbusPortLogTargetSet(7, nullptr), -1);
     mbusPortLogTargetSet(MBUS_PORT_LOG_BUS, nullptr);
     ::close(sys);
