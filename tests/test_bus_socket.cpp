@@ -292,6 +292,7 @@ TEST(BusSocket, PastTheConnectionLimitTheConnectionIdleLongestIsClosed) {
 // A log service that never takes its connection: the sender goes on, and
 // counts what it could not send; the service, once reading, is told.
 TEST(BusSocket, LogRecordsNeverWaitForTheirReader) {
+    ::mkdir(mbusPortBusDirGet(), 0750);
     int lsn = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
     sockaddr_un addr{};
     addr.sun_family = AF_UNIX;
