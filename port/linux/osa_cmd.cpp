@@ -1,4 +1,9 @@
-// Shell commands: /bin/sh -c through posix_spawn, unless a hook takes them.
+// Shell commands, unless a hook takes them: a line without shell syntax is
+// split on blanks and spawned as it stands (PATH lookup); any other line,
+// and one whose program cannot be spawned, runs with /bin/sh -c. A simple
+// line so costs one process instead of two, and what fails is reported by
+// the shell itself, with its own exit status (127 not found, 126 not
+// executable).
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -6,6 +11,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <vector>
 
 #include "osa_port.h"
@@ -32,6 +38,57 @@ int waitStatus(pid_t pid) {
     if (WIFSIGNALED(st)) return 128 + WTERMSIG(st);
     return -1;
 }
+
+// Words a shell would take as its own (reserved words, builtins without a
+// program of the same name, assignments) keep a line in the shell.
+bool shellWord(const char *word, std::size_t len) {
+    static const char *const kWords[] = {
+        "!",      "{",       "}",     "[[",       "]]",     ".",      ":",     "alias",
+        "bg",     "break",   "case",  "cd",       "command", "continue", "do",  "done",
+        "elif",   "else",    "esac",  "eval",     "exec",   "exit",   "export", "fc",
+        "fg",     "fi",      "for",   "function", "getopts", "hash",  "if",    "in",
+        "jobs",   "local",   "read",  "readonly", "return", "select", "set",   "shift",
+        "then",   "time",    "times", "trap",     "type",   "ulimit", "umask", "unalias",
+        "unset",  "until",   "wait",  "while"};
+    if (std::memchr(word, '=', len) != nullptr) return true;
+    for (const char *w : kWords)
+        if (std::strlen(w) == len && std::memcmp(w, word, len) == 0) return true;
+    return false;
+}
+
+constexpr std::size_t kDirectLineMax = 1024;
+constexpr std::size_t kDirectArgsMax = 64;
+
+// A command line split for a direct spawn: words in `text`, argv into it.
+struct DirectLine {
+    char text[kDirectLineMax];
+    char *argv[kDirectArgsMax + 1];
+};
+
+// Splits `command` into `out` when nothing in it needs a shell; false
+// sends the line to the shell.
+bool directSplit(const char *command, DirectLine &out) {
+    static constexpr char kShellChars[] = "\"'`$;&|<>(){}[]*?~#\\";
+    std::size_t len = 0;
+    for (; command[len] != '\0'; ++len) {
+        const auto c = static_cast<unsigned char>(command[len]);
+        if (len + 1 >= sizeof out.text || c < 0x20 || c == 0x7f || std::strchr(kShellChars, c) != nullptr)
+            return false;
+    }
+    std::memcpy(out.text, command, len + 1);
+    std::size_t argc = 0;
+    for (char *p = out.text; *p != '\0';) {
+        if (*p == ' ') {
+            *p++ = '\0';
+            continue;
+        }
+        if (argc == kDirectArgsMax) return false;
+        out.argv[argc++] = p;
+        while (*p != '\0' && *p != ' ') ++p;
+    }
+    out.argv[argc] = nullptr;
+    return argc > 0 && !shellWord(out.argv[0], std::strlen(out.argv[0]));
+}
 }  // namespace
 
 extern "C" int osaPortCmdHookAdd(OsaCmdHook hook, void *ctx) {
@@ -56,13 +113,17 @@ extern "C" int osaPortCmdFallbackSet(OsaCmdHook hook, void *ctx) {
 
 extern "C" int osaCmdExec(const char *command, char *output, int outputLen) {
     if (command == nullptr) return -1;
-    auto hooks = cmdHooks();
-    for (const auto &h : hooks) {
+    // Walked in place: a hook may remove itself (or another) while called,
+    // and the entry at `i` is then already the next one.
+    auto &hooks = cmdHooks();
+    for (std::size_t i = 0; i < hooks.size();) {
+        const CmdHookEntry h = hooks[i];
         int status = 0;
         if (h.hook(h.ctx, command, &status)) {
             if (output != nullptr && outputLen > 0) output[0] = '\0';
             return status;
         }
+        if (i < hooks.size() && hooks[i].hook == h.hook && hooks[i].ctx == h.ctx) ++i;
     }
     if (fallback.hook != nullptr) {
         int status = 0;
@@ -80,11 +141,17 @@ extern "C" int osaCmdExec(const char *command, char *output, int outputLen) {
     posix_spawn_file_actions_init(&actions);
     if (capture) posix_spawn_file_actions_adddup2(&actions, pipeFd[1], STDOUT_FILENO);
 
-    char sh[] = "/bin/sh";
-    char dashC[] = "-c";
-    char *argv[] = {sh, dashC, const_cast<char *>(command), nullptr};
     pid_t pid = 0;
-    int rc = ::posix_spawn(&pid, "/bin/sh", &actions, nullptr, argv, environ);
+    int rc = -1;
+    DirectLine line;
+    if (directSplit(command, line))
+        rc = ::posix_spawnp(&pid, line.argv[0], &actions, nullptr, line.argv, environ);
+    if (rc != 0) {
+        char sh[] = "/bin/sh";
+        char dashC[] = "-c";
+        char *argv[] = {sh, dashC, const_cast<char *>(command), nullptr};
+        rc = ::posix_spawn(&pid, "/bin/sh", &actions, nullptr, argv, environ);
+    }
     posix_spawn_file_actions_destroy(&actions);
 
     if (capture) {

@@ -3,9 +3,9 @@
 #include <sqlite3.h>
 
 #include <cctype>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <vector>
 
 #include "common/text.h"
 #include "config/swconf.h"
@@ -32,6 +32,18 @@ struct SqlDeleter {
     void operator()(char *s) const { sqlite3_free(s); }
 };
 using SqlText = std::unique_ptr<char, SqlDeleter>;
+
+// The library stays off the C++ run-time's allocator: buffers come from the
+// C library and go back to it.
+struct FreeDeleter {
+    void operator()(void *p) const { std::free(p); }
+};
+template <typename T>
+using HeapArray = std::unique_ptr<T[], FreeDeleter>;
+template <typename T>
+HeapArray<T> heapArray(std::size_t n) {
+    return HeapArray<T>(static_cast<T *>(std::calloc(n != 0 ? n : 1, sizeof(T))));
+}
 
 using RowInsertFn = int (*)(char **, int, int);
 
@@ -211,16 +223,25 @@ extern "C" int swMgrDBUpdateHandler(DbUpdateEvent *event, unsigned int eventLen,
 
     // The old values are split into strings over a private copy, so that a
     // block whose last string lacks its terminator is never read past.
-    std::vector<char> block;
-    std::vector<char *> strings;
-    if (oldValues != nullptr && oldLen != 0) {
-        block.assign(oldValues, oldValues + oldLen);
-        block.push_back('\0');
+    const bool haveBlock = oldValues != nullptr && oldLen != 0;
+    HeapArray<char> block;
+    // One string per byte at most.
+    HeapArray<char *> strings;
+    std::size_t nStrings = 0;
+    if (haveBlock) {
+        block = heapArray<char>(std::size_t{oldLen} + 1);
+        strings = heapArray<char *>(oldLen);
+        if (!block || !strings) {
+            SWMGR_LOG("", SW_LOG_ERR, "DBUpdate event: Table: %s opCode:%d rowId:%d status=%d\n",
+                      table, opCode, rowId, SW_ENOMEM);
+            return SW_ENOMEM;
+        }
+        std::memcpy(block.get(), oldValues, oldLen);
     }
     unsigned consumed = 0;
-    while (consumed < oldLen && !block.empty()) {
-        strings.push_back(block.data() + consumed);
-        consumed += static_cast<unsigned>(strnlen(block.data() + consumed, oldLen - consumed)) + 1;
+    while (consumed < oldLen && haveBlock) {
+        strings[nStrings++] = block.get() + consumed;
+        consumed += static_cast<unsigned>(strnlen(block.get() + consumed, oldLen - consumed)) + 1;
     }
 
     auto handle = [&]() -> int {
@@ -233,23 +254,25 @@ extern "C" int swMgrDBUpdateHandler(DbUpdateEvent *event, unsigned int eventLen,
             if (sql) result.reset(sqlite3QueryResGet(pDB, 0, sql.get(), &nCols, &nRows));
             if (!result) return -1;
         } else {
-            if (strings.size() % 2 != 0) {
+            if (nStrings % 2 != 0) {
                 SWMGR_LOG_AS("", SW_LOG_ERR, "swMgrDBUpdateHandler",
                              "old values result does not contain 2 rows.j=%d nCols=%d outLen=%d\n",
-                             static_cast<int>(consumed), static_cast<int>(strings.size()),
+                             static_cast<int>(consumed), static_cast<int>(nStrings),
                              static_cast<int>(oldLen));
                 return -1;
             }
-            nCols = static_cast<int>(strings.size() / 2);
+            nCols = static_cast<int>(nStrings / 2);
             nRows = 1;
         }
 
         // Column names, then values; a short block leaves the missing values
         // null rather than pointing past it.
-        std::vector<char *> oldRow;
-        if (!block.empty()) {
-            oldRow.assign(2 * static_cast<size_t>(nCols), nullptr);
-            for (size_t i = 0; i < oldRow.size() && i < strings.size(); ++i) oldRow[i] = strings[i];
+        HeapArray<char *> oldRow;
+        const std::size_t oldRowLen = haveBlock && nCols > 0 ? 2 * static_cast<size_t>(nCols) : 0;
+        if (oldRowLen != 0) {
+            oldRow = heapArray<char *>(oldRowLen);
+            if (!oldRow) return SW_ENOMEM;
+            for (size_t i = 0; i < oldRowLen && i < nStrings; ++i) oldRow[i] = strings[i];
         }
         if ((nRows == 0 || nCols == 0) && opCode != DB_OP_DELETE) return -1;
 
@@ -258,7 +281,7 @@ extern "C" int swMgrDBUpdateHandler(DbUpdateEvent *event, unsigned int eventLen,
         for (const DbTableHandler *h = kTableHandlers; h->tableName != nullptr; ++h) {
             if (std::strcmp(h->tableName, table) == 0)
                 return h->handler(pDB, opCode, rowId, event->reserved1, result.get(), nCols, nRows,
-                                  oldRow.empty() ? nullptr : oldRow.data());
+                                  oldRow.get());
         }
         return 0;  // not a table of ours
     };

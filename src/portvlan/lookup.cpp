@@ -1,8 +1,10 @@
 // Lookups of ports and VLANs within a switch, and their log prefixes.
 #include <cstring>
 
+#include "common/list.h"
 #include "common/text.h"
 #include "portvlan/portvlan.h"
+#include "portvlan/vlan_index.h"
 
 extern "C" {
 char swPortStr[SW_STR_LEN];
@@ -16,28 +18,19 @@ const char *nameOf(const Switch *sw) { return sw != nullptr ? sw->switchName : "
 
 extern "C" SwitchPort *switchPortByNumberGet(Switch *sw, int portNumber) {
     if (sw == nullptr) return nullptr;
-    for (auto *p = static_cast<SwitchPort *>(osaListFirst(&sw->portList)); p != nullptr;
-         p = static_cast<SwitchPort *>(osaListNext(p))) {
+    for (auto *p : swmgr::listEntries<SwitchPort>(sw->portList))
         if (p->portNumber == portNumber) return p;
-    }
     return nullptr;
 }
 
 extern "C" SwitchVlan *switchVlanByIdGet(Switch *sw, int vlanId) {
-    if (sw == nullptr) return nullptr;
-    for (auto *v = static_cast<SwitchVlan *>(osaListFirst(&sw->vlanList)); v != nullptr;
-         v = static_cast<SwitchVlan *>(osaListNext(v))) {
-        if (v->vlanId == vlanId) return v;
-    }
-    return nullptr;
+    return swmgr::vlanIndexFind(sw, vlanId);
 }
 
 extern "C" SwitchVlan *switchVlanByNameGet(Switch *sw, const char *name) {
     if (sw == nullptr || name == nullptr) return nullptr;
-    for (auto *v = static_cast<SwitchVlan *>(osaListFirst(&sw->vlanList)); v != nullptr;
-         v = static_cast<SwitchVlan *>(osaListNext(v))) {
+    for (auto *v : swmgr::listEntries<SwitchVlan>(sw->vlanList))
         if (std::strncmp(v->vlanName, name, sizeof v->vlanName) == 0) return v;
-    }
     return nullptr;
 }
 

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "common/list.h"
 #include "common/text.h"
 #include "portvlan/portvlan.h"
 #include "service/swmgr.h"
@@ -18,11 +19,7 @@ constexpr std::size_t kMapNameLen = 64;
 constexpr std::size_t kMapNumberLen = 32;
 
 void mappedPortsFree(SwitchPort *port) {
-    for (void *n = osaListFirst(&port->mappedPorts); n != nullptr;) {
-        void *next = osaListNext(n);
-        std::free(n);
-        n = next;
-    }
+    for (auto *m : swmgr::listEntriesSafe<SwitchPortMapEntry>(port->mappedPorts)) std::free(m);
     osaListInit(&port->mappedPorts);
 }
 
@@ -33,14 +30,23 @@ void copyView(char (&dst)[N], std::string_view src) {
     dst[n] = '\0';
 }
 
+// The text before / after position `at` (which find gave, so it is in
+// range): substr would check again and bring in the C++ run-time's throw.
+std::string_view before(std::string_view s, std::size_t at) {
+    return {s.data(), at < s.size() ? at : s.size()};
+}
+std::string_view after(std::string_view s, std::size_t at) {
+    return at < s.size() ? std::string_view{s.data() + at + 1, s.size() - at - 1} : std::string_view{};
+}
+
 // One "switch:port" entry of a mapping list.
 int portMapEntryAdd(SwitchPort *port, std::string_view entry) {
     const std::size_t colon = entry.find(':');
     if (colon == std::string_view::npos) return -1;
     char name[kMapNameLen];
     char number[kMapNumberLen];
-    copyView(name, entry.substr(0, colon));
-    copyView(number, entry.substr(colon + 1));
+    copyView(name, before(entry, colon));
+    copyView(number, after(entry, colon));
     const int portNumber = std::atoi(number);
 
     Switch *lowerSw = switchByNameGet(name);
@@ -128,8 +134,8 @@ extern "C" int switchPortMapInit(SwitchPort *port, char *text) {
     std::string_view rest(text);
     while (!rest.empty()) {
         const std::size_t comma = rest.find(',');
-        const std::string_view entry = rest.substr(0, comma);
-        rest = comma == std::string_view::npos ? std::string_view() : rest.substr(comma + 1);
+        const std::string_view entry = before(rest, comma);
+        rest = after(rest, comma);
         if (entry.empty()) continue;
         const int r = portMapEntryAdd(port, entry);
         if (r < 0) {
@@ -166,8 +172,7 @@ extern "C" int switchPortTrustModeConfigure(SwitchPort *port) {
 
 extern "C" int switchPortCfgApply(Switch *sw, SwitchPort *port) {
     if (sw == nullptr) return SW_EINVAL;
-    for (auto *p = static_cast<SwitchPort *>(osaListFirst(&sw->portList)); p != nullptr;
-         p = static_cast<SwitchPort *>(osaListNext(p))) {
+    for (auto *p : swmgr::listEntries<SwitchPort>(sw->portList)) {
         if (port != nullptr && p != port) continue;
         int r = switchPortTrustModeConfigure(p);
         if (r < 0) {

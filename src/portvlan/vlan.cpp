@@ -4,8 +4,10 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "common/list.h"
 #include "common/text.h"
 #include "portvlan/portvlan.h"
+#include "portvlan/vlan_index.h"
 #include "service/swmgr.h"
 #include "switch/command.h"
 
@@ -84,16 +86,14 @@ extern "C" int switchVlanCfgApply(Switch *sw, SwitchVlan *vlan) {
         SWMGR_LOG(switchStrGet(sw), SW_LOG_ERR, "Failed to configure ports in %s\n", sw->switchName);
         return r;
     }
-    for (auto *v = static_cast<SwitchVlan *>(osaListFirst(&sw->vlanList)); v != nullptr;
-         v = static_cast<SwitchVlan *>(osaListNext(v))) {
-        if (v != vlan) continue;
-        SWMGR_LOG(swVlanStrGet(v), SW_LOG_RESULT, "Applying VLAN Configuration.\n");
-        r = vlanCommandSend(v, SW_CMD_VLAN_MEMBERSHIP_APPLY);
-        if (r < 0) {
-            SWMGR_LOG(swVlanStrGet(v), SW_LOG_ERR, "Failed to apply configuration in %s\n",
-                      sw->switchName);
-            return r;
-        }
+    // Only the given record is applied, and only while it is listed here.
+    if (!swmgr::vlanIndexListed(sw, vlan)) return 0;
+    SWMGR_LOG(swVlanStrGet(vlan), SW_LOG_RESULT, "Applying VLAN Configuration.\n");
+    r = vlanCommandSend(vlan, SW_CMD_VLAN_MEMBERSHIP_APPLY);
+    if (r < 0) {
+        SWMGR_LOG(swVlanStrGet(vlan), SW_LOG_ERR, "Failed to apply configuration in %s\n",
+                  sw->switchName);
+        return r;
     }
     return 0;
 }
@@ -138,7 +138,7 @@ extern "C" int switchVlanCreate(Switch *sw, SwitchVlan *proto) {
         std::free(vlan);
         return r;
     }
-    osaListNodeAppend(&sw->vlanList, vlan);
+    swmgr::vlanIndexAppend(sw, vlan);
     if (vlan->inSwitchOnly) switchPortVlanConfigure(vlan, SW_CMD_VLAN_ADD);
 
     // A failed apply leaves the VLAN listed: it exists on the switch and a
@@ -168,8 +168,7 @@ extern "C" int switchVlanByConfCreate(Switch *sw, SwitchVlanConf *conf) {
 extern "C" int switchVlanConfAdd(SwitchVlanConf *conf) {
     if (conf == nullptr) return -1;
     conf->vlanIndex = switchNextVlanIndexGet();
-    for (auto *sw = static_cast<Switch *>(osaListFirst(&switchTbl)); sw != nullptr;
-         sw = static_cast<Switch *>(osaListNext(sw))) {
+    for (auto *sw : swmgr::listEntries<Switch>(switchTbl)) {
         int r;
         {
             ForwardingPaused paused(sw);
@@ -204,9 +203,9 @@ extern "C" int switchVlanUpdate(SwitchVlan *vlan, SwitchVlan *newVals) {
     }
     SWMGR_LOG(swVlanStrGet(&next), SW_LOG_INFO, "updated membership of vlan ID=%d\n", next.vlanId);
 
-    osaListNodeRemove(&sw->vlanList, vlan);
+    swmgr::vlanIndexRemove(sw, vlan);
     *vlan = next;
-    osaListNodeAppend(&sw->vlanList, vlan);
+    swmgr::vlanIndexAppend(sw, vlan);
     if (vlan->inSwitchOnly) switchPortVlanConfigure(vlan, SW_CMD_VLAN_ADD);
 
     r = switchVlanCfgApply(sw, vlan);
@@ -221,8 +220,7 @@ extern "C" int switchVlanUpdate(SwitchVlan *vlan, SwitchVlan *newVals) {
 
 extern "C" int switchVlanConfUpdate(SwitchVlanConf *newConf, SwitchVlanConf *oldConf) {
     if (newConf == nullptr || oldConf == nullptr) return -1;
-    for (auto *sw = static_cast<Switch *>(osaListFirst(&switchTbl)); sw != nullptr;
-         sw = static_cast<Switch *>(osaListNext(sw))) {
+    for (auto *sw : swmgr::listEntries<Switch>(switchTbl)) {
         // A switch without the VLAN is left with forwarding off; later
         // commands to it see it so.
         sw->lowerLvlForward = 0;
@@ -242,40 +240,51 @@ extern "C" int switchVlanConfUpdate(SwitchVlanConf *newConf, SwitchVlanConf *old
     return 0;
 }
 
+namespace {
+int vlanDisableOne(Switch *sw, SwitchVlan *v, int vlanId) {
+    SWMGR_LOG(swVlanStrGet(v), SW_LOG_ERR, "Disabling Vlan%d in %s\n", vlanId, sw->switchName);
+    v->fwdMap = 0;
+    v->untagMap = 0;
+    ForwardingPaused paused(sw);
+    int r = vlanCommandSend(v, SW_CMD_VLAN_MEMBERSHIP_UPDATE);
+    if (r < 0) {
+        SWMGR_LOG(swVlanStrGet(v), SW_LOG_ERR, "Failed to update vlan membership in %s for ID=%d\n",
+                  sw->switchName, vlanId);
+        return r;
+    }
+    r = vlanCommandSend(v, SW_CMD_VLAN_MEMBERSHIP_APPLY);
+    if (r < 0) {
+        SWMGR_LOG(swVlanStrGet(v), SW_LOG_ERR,
+                  "Failed to configure vlan membership in %s for ID=%d\n", sw->switchName, vlanId);
+        return r;
+    }
+    return 0;
+}
+}  // namespace
+
 extern "C" int switchVlanDisable(SwitchVlan *vlan) {
     if (vlan == nullptr || vlan->sw == nullptr) return SW_EINVAL;
     Switch *sw = vlan->sw;
     const int vlanId = vlan->vlanId;
     if (vlan->inSwitchOnly) switchPortVlanConfigure(vlan, SW_CMD_VLAN_DELETE);
 
-    for (auto *v = static_cast<SwitchVlan *>(osaListFirst(&sw->vlanList)); v != nullptr;
-         v = static_cast<SwitchVlan *>(osaListNext(v))) {
+    // Every listed record with the id is disabled; with ids unique that is
+    // the indexed one alone.
+    if (swmgr::vlanIndexIdUnique(sw, vlanId)) {
+        SwitchVlan *v = swmgr::vlanIndexFind(sw, vlanId);
+        return v != nullptr ? vlanDisableOne(sw, v, vlanId) : 0;
+    }
+    for (auto *v : swmgr::listEntries<SwitchVlan>(sw->vlanList)) {
         if (v->vlanId != vlanId) continue;
-        SWMGR_LOG(swVlanStrGet(v), SW_LOG_ERR, "Disabling Vlan%d in %s\n", vlanId, sw->switchName);
-        v->fwdMap = 0;
-        v->untagMap = 0;
-        ForwardingPaused paused(sw);
-        int r = vlanCommandSend(v, SW_CMD_VLAN_MEMBERSHIP_UPDATE);
-        if (r < 0) {
-            SWMGR_LOG(swVlanStrGet(v), SW_LOG_ERR, "Failed to update vlan membership in %s for ID=%d\n",
-                      sw->switchName, vlanId);
-            return r;
-        }
-        r = vlanCommandSend(v, SW_CMD_VLAN_MEMBERSHIP_APPLY);
-        if (r < 0) {
-            SWMGR_LOG(swVlanStrGet(v), SW_LOG_ERR,
-                      "Failed to configure vlan membership in %s for ID=%d\n", sw->switchName, vlanId);
-            return r;
-        }
+        int r = vlanDisableOne(sw, v, vlanId);
+        if (r < 0) return r;
     }
     return 0;
 }
 
 extern "C" int switchAllVlansDisable(Switch *sw) {
     if (sw == nullptr) return SW_EINVAL;
-    for (auto *v = static_cast<SwitchVlan *>(osaListFirst(&sw->vlanList)); v != nullptr;
-         v = static_cast<SwitchVlan *>(osaListNext(v)))
-        switchVlanDisable(v);
+    for (auto *v : swmgr::listEntries<SwitchVlan>(sw->vlanList)) switchVlanDisable(v);
     return 0;
 }
 
@@ -292,15 +301,14 @@ extern "C" int switchVlanDelete(SwitchVlan *vlan) {
         SWMGR_LOG(swVlanStrGet(vlan), SW_LOG_ERR, "Failed to apply switch vlan configuration \n");
         return r;
     }
-    osaListNodeRemove(&sw->vlanList, vlan);
+    swmgr::vlanIndexRemove(sw, vlan);
     std::free(vlan);
     return 0;
 }
 
 extern "C" int switchVlanConfDelete(SwitchVlanConf *conf) {
     if (conf == nullptr) return -1;
-    for (auto *sw = static_cast<Switch *>(osaListFirst(&switchTbl)); sw != nullptr;
-         sw = static_cast<Switch *>(osaListNext(sw))) {
+    for (auto *sw : swmgr::listEntries<Switch>(switchTbl)) {
         // As with updates, a switch without the VLAN keeps forwarding off.
         sw->lowerLvlForward = 0;
         SwitchVlan *vlan = switchVlanByIdGet(sw, conf->vlanId);

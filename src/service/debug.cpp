@@ -11,7 +11,9 @@ extern "C" int swMgrDebug(const char *prefix, int level, const char *func, int l
                           const char *format, ...) {
     if (level < 0) return 0;
 
-    char text[SW_LOG_TEXT_LEN] = {};
+    // Only the terminated text is sent, so the buffer needs no clearing.
+    char text[SW_LOG_TEXT_LEN];
+    text[0] = '\0';
     size_t used = 0;
     auto room = [&] { return used < sizeof text ? sizeof text - used : 0; };
     auto advance = [&](int n) {

@@ -61,9 +61,14 @@ typedef struct SwLogRecordHeader {
 SWMGR_EXTERN_C_END
 
 /* Every message has two forms: the plain level without function and line,
- * or, in developer mode, level 256 with the function's name and line. */
+ * or, in developer mode, level 256 with the function's name and line.
+ * swMgrDebug drops negative levels unread, so outside developer mode such a
+ * line evaluates none of its arguments: trace lines sit in per-port and
+ * per-VLAN loops, and their description texts would otherwise be
+ * formatted only to be thrown away. */
 #define SWMGR_LOG_AS(prefix, level, fname, ...)                                          \
     (swMgrDevDebug ? swMgrDebug((prefix), 256, (fname), __LINE__, __VA_ARGS__)           \
+     : (level) < 0 ? 0                                                                   \
                    : swMgrDebug((prefix), (level), NULL, 0, __VA_ARGS__))
 #define SWMGR_LOG(prefix, level, ...) SWMGR_LOG_AS(prefix, level, __func__, __VA_ARGS__)
 

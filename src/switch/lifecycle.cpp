@@ -7,6 +7,7 @@
 #include "common/text.h"
 #include "config/swconf.h"
 #include "portvlan/portvlan.h"
+#include "portvlan/vlan_index.h"
 #include "service/swmgr.h"
 #include "switch/command.h"
 #include "switch/switch.h"
@@ -14,6 +15,7 @@
 extern "C" int switchLibInit(void) {
     // Records listed before are forgotten, not freed: nothing frees switches.
     osaListInit(&switchTbl);
+    swmgr::vlanIndexReset();
     switchCount = 0;
     return 0;
 }

@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "common/list.h"
 #include "common/text.h"
 #include "service/swmgr.h"
 #include "switch/switch.h"
@@ -16,16 +17,14 @@ char switchStr[SW_STR_LEN];
 
 extern "C" Switch *switchByNameGet(const char *name) {
     if (name == nullptr) return nullptr;
-    for (auto *sw = static_cast<Switch *>(osaListFirst(&switchTbl)); sw != nullptr;
-         sw = static_cast<Switch *>(osaListNext(sw))) {
+    for (auto *sw : swmgr::listEntries<Switch>(switchTbl)) {
         if (std::strncmp(sw->switchName, name, sizeof sw->switchName) == 0) return sw;
     }
     return nullptr;
 }
 
 extern "C" Switch *switchAtTopLevelGet(void) {
-    for (auto *sw = static_cast<Switch *>(osaListFirst(&switchTbl)); sw != nullptr;
-         sw = static_cast<Switch *>(osaListNext(sw))) {
+    for (auto *sw : swmgr::listEntries<Switch>(switchTbl)) {
         if (sw->switchLevel == switchMaxLevel) return sw;
     }
     return nullptr;
@@ -33,8 +32,7 @@ extern "C" Switch *switchAtTopLevelGet(void) {
 
 extern "C" Switch *switchLowerLvlSwitchByNameGet(Switch *sw, const char *name) {
     if (sw == nullptr || name == nullptr) return nullptr;
-    for (auto *ref = static_cast<SwitchLowerRef *>(osaListFirst(&sw->lowerLvlSwitchList));
-         ref != nullptr; ref = static_cast<SwitchLowerRef *>(osaListNext(ref))) {
+    for (auto *ref : swmgr::listEntries<SwitchLowerRef>(sw->lowerLvlSwitchList)) {
         if (ref->sw != nullptr && std::strncmp(ref->sw->switchName, name, SW_NAME_LEN) == 0)
             return ref->sw;
     }

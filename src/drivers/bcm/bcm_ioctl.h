@@ -11,6 +11,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "common/list.h"
 #include "drivers/bcm/bcm.h"
 #include "platform/osa.h"
 
@@ -178,15 +179,7 @@ inline uint32_t portBit(int32_t port) {
     return port >= 0 && port < 32 ? (1u << port) : 0u;
 }
 
-// Typed walks over the switch's port and VLAN lists.
-template <typename T>
-T *first(OsaList &list) {
-    return static_cast<T *>(osaListFirst(&list));
-}
-template <typename T>
-T *next(T *node) {
-    return static_cast<T *>(osaListNext(node));
-}
+using swmgr::listEntries;
 
 // The chip's ports, for the loops that run over all of them.
 constexpr int kChipPorts = 5;

@@ -94,7 +94,7 @@ extern "C" int bcmQueueSchedConfigure(Switch *sw, void *arg) {
     if (sw == nullptr || arg == nullptr) return -1;
     const auto requested = static_cast<int32_t>(word(arg, 0));
     int result = -1;
-    for (auto *p = first<SwitchPort>(sw->portList); p != nullptr; p = next(p)) {
+    for (auto *p : listEntries<SwitchPort>(sw->portList)) {
         if (!portMatches(requested, p)) continue;
         QueueSchedRec rec{};
         putLe16(rec.port, static_cast<uint32_t>(p->portNumber));
@@ -116,7 +116,7 @@ extern "C" int bcmCosQueueMapConfigure(Switch *sw, void *arg) {
     if (sw == nullptr || arg == nullptr) return -1;
     const auto requested = static_cast<int32_t>(word(arg, 0));
     int result = -1;
-    for (auto *p = first<SwitchPort>(sw->portList); p != nullptr; p = next(p)) {
+    for (auto *p : listEntries<SwitchPort>(sw->portList)) {
         if (!portMatches(requested, p)) continue;
         CosMapRec rec{};
         putLe16(rec.port, static_cast<uint32_t>(p->portNumber));

@@ -74,7 +74,7 @@ extern "C" int bcmVlanMembershipConfigure(int vlanId, uint32_t fwdMap, uint32_t 
 extern "C" int bcmVlanMembershipSet(Switch *sw, SwitchVlan *vlan) {
     if (vlan != nullptr) return applyOne(vlan);
     if (sw == nullptr) return SW_EINVAL;
-    for (auto *v = first<SwitchVlan>(sw->vlanList); v != nullptr; v = next(v)) {
+    for (auto *v : listEntries<SwitchVlan>(sw->vlanList)) {
         int r = applyOne(v);
         if (r < 0) return r;
     }
@@ -87,7 +87,7 @@ extern "C" int bcmVlanMembershipUpdate(Switch *sw, SwitchVlan *vlan) {
     const uint32_t fwdMap = vlan->fwdMap;
     const uint32_t untagMap = vlan->untagMap;
     // A port sends untagged frames of one VLAN only: the last one updated.
-    for (auto *v = first<SwitchVlan>(sw->vlanList); v != nullptr; v = next(v)) {
+    for (auto *v : listEntries<SwitchVlan>(sw->vlanList)) {
         if (v->vlanId == id) {
             v->untagMap = untagMap;
             v->fwdMap = fwdMap;
@@ -127,30 +127,33 @@ extern "C" int bcmNon8021qFramesStateChange(int port, int state) {
 extern "C" int bcmSwitchPortConfigure(Switch *sw, SwitchPort *port) {
     if (sw == nullptr) return SW_EINVAL;
     uint32_t untagged = 0;
-    for (auto *v = first<SwitchVlan>(sw->vlanList); v != nullptr; v = next(v)) {
-        for (auto *p = first<SwitchPort>(sw->portList); p != nullptr; p = next(p)) {
+    // The walk's trace lines are kept only in developer mode; their text is
+    // the same for every step, so it is formatted once.
+    const char *const swText = swMgrDevDebug ? switchStrGet(sw) : "";
+    for (auto *v : listEntries<SwitchVlan>(sw->vlanList)) {
+        for (auto *p : listEntries<SwitchPort>(sw->portList)) {
             if ((v->untagMap & portBit(p->portNumber)) != 0) {
-                SWMGR_LOG(switchStrGet(sw), SW_LOG_TRACE, "Updating PVID of port %d to %d\n",
+                SWMGR_LOG(swText, SW_LOG_TRACE, "Updating PVID of port %d to %d\n",
                           static_cast<int>(p->seqNo), v->vlanId);
                 p->PVID = v->vlanId;
                 untagged |= portBit(p->portNumber);
             }
-            SWMGR_LOG(switchStrGet(sw), SW_LOG_TRACE,
+            SWMGR_LOG(swText, SW_LOG_TRACE,
                       "After port (%d) iteration non8021qFramesStatus is %d \n", p->portNumber,
                       static_cast<int>(untagged));
         }
-        SWMGR_LOG(switchStrGet(sw), SW_LOG_TRACE,
+        SWMGR_LOG(swText, SW_LOG_TRACE,
                   "After vlan iteration (%d) map (%d:%d) non8021qFramesStatus is %d \n", v->vlanId,
                   static_cast<int>(v->fwdMap), static_cast<int>(v->untagMap),
                   static_cast<int>(untagged));
     }
-    SWMGR_LOG(switchStrGet(sw), SW_LOG_TRACE, "New non8021qFramesStatus is %d \n",
+    SWMGR_LOG(swText, SW_LOG_TRACE, "New non8021qFramesStatus is %d \n",
               static_cast<int>(untagged));
 
     // Once the switch has a VLAN, every port's PVID may have moved, so every
     // port is programmed whatever record was given.
     const bool allPorts = port == nullptr || osaListFirst(&sw->vlanList) != nullptr;
-    for (auto *p = first<SwitchPort>(sw->portList); p != nullptr; p = next(p)) {
+    for (auto *p : listEntries<SwitchPort>(sw->portList)) {
         if (!allPorts && p != port) continue;
         p->non8021qFramesStatus = (untagged & portBit(p->portNumber)) == 0 ? 1 : 0;
         int r = bcmSwitchPortPVIDSet(p->portNumber, p->PVID);

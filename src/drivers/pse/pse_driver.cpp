@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "common/list.h"
 #include "common/text.h"
 #include "drivers/pse/pse.h"
 #include "drivers/pse/pse_internal.h"
@@ -92,8 +93,7 @@ int rateLimitTransfer(Switch *sw, Switch *lower, const SwitchRateLimitArg *limit
         return -1;
     }
     int status = -1;
-    for (auto *m = static_cast<SwitchPortMapEntry *>(osaListFirst(&port->mappedPorts)); m != nullptr;
-         m = static_cast<SwitchPortMapEntry *>(osaListNext(m))) {
+    for (auto *m : swmgr::listEntries<SwitchPortMapEntry>(port->mappedPorts)) {
         if (m->port == nullptr) continue;
         SwitchRateLimitArg rec;
         std::memset(&rec, 0, sizeof rec);
@@ -157,8 +157,7 @@ extern "C" int pseLowerSwitchConfig(Switch *sw, int cmd, void *arg, int argLen, 
     if (sw == nullptr) return SW_EINVAL;
     SWMGR_LOG("", SW_LOG_INFO, "Sending command=(%d) to lower switches\n", cmd);
     int status = -1;
-    for (auto *ref = static_cast<SwitchLowerRef *>(osaListFirst(&sw->lowerLvlSwitchList));
-         ref != nullptr; ref = static_cast<SwitchLowerRef *>(osaListNext(ref))) {
+    for (auto *ref : swmgr::listEntries<SwitchLowerRef>(sw->lowerLvlSwitchList)) {
         if (sw->driverPriv == nullptr) continue;
         status = sw->driverPriv(sw, ref->sw, cmd, arg, argLen, reply, replyLen);
         if (status < 0) return status;

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstdlib>
 
+#include "common/list.h"
 #include "common/text.h"
 #include "drivers/pse/pse.h"
 #include "drivers/pse/pse_internal.h"
@@ -125,8 +126,7 @@ extern "C" int pseQueueSchedConfigure(Switch *sw, const SwitchQueueSchedArg *sch
         return status;
     }
 
-    for (auto *port = static_cast<SwitchPort *>(osaListFirst(&sw->portList)); port != nullptr;
-         port = static_cast<SwitchPort *>(osaListNext(port))) {
+    for (auto *port : swmgr::listEntries<SwitchPort>(sw->portList)) {
         if (sched->portNumber != -1 && port->portNumber != sched->portNumber) continue;
         char cmd[PSE_CMD_LEN];
         swmgr::formatText(cmd, "queue_weight_func set %d %d %d %d %d %d", port->portNumber, mode,

@@ -2,6 +2,7 @@
 // each VLAN.
 #include <cstring>
 
+#include "common/list.h"
 #include "common/text.h"
 #include "drivers/pse/pse.h"
 #include "drivers/pse/pse_internal.h"
@@ -20,8 +21,7 @@ bool inFwdMap(uint32_t fwdMap, int lowerPort) {
 
 bool joins(const SwitchPort *port, uint32_t fwdMap) {
     auto *ports = const_cast<OsaList *>(&port->mappedPorts);
-    for (auto *m = static_cast<SwitchPortMapEntry *>(osaListFirst(ports)); m != nullptr;
-         m = static_cast<SwitchPortMapEntry *>(osaListNext(m))) {
+    for (auto *m : swmgr::listEntries<SwitchPortMapEntry>(*ports)) {
         if (m->port != nullptr && inFwdMap(fwdMap, m->port->portNumber)) return true;
     }
     return false;
@@ -45,8 +45,7 @@ extern "C" int pseVlanMembershipSet(Switch *sw, SwitchVlan *vlan) {
     char ifName[sizeof vlan->interfaceName + 1] = {};
     std::memcpy(ifName, vlan->interfaceName, sizeof vlan->interfaceName);
 
-    for (auto *port = static_cast<SwitchPort *>(osaListFirst(&sw->portList)); port != nullptr;
-         port = static_cast<SwitchPort *>(osaListNext(port))) {
+    for (auto *port : swmgr::listEntries<SwitchPort>(sw->portList)) {
         if (!joins(port, vlan->fwdMap)) continue;
         SWMGR_LOG("", SW_LOG_TRACE, "Adding port(%d) to membership. \n", port->portNumber);
 
