@@ -1,6 +1,9 @@
 // The Linux host port: lists, commands, files, device models and the SQLite
 // helper. The bus has tests of its own.
 #include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
 #include <sys/stat.h>
 #include <sqlite3.h>
 #include <unistd.h>
@@ -13,6 +16,8 @@
 
 #include "platform/sqlite_helpers.h"
 #include "swmgr_test.h"
+
+extern char **environ;
 
 namespace {
 
@@ -66,8 +71,79 @@ TEST(OsaCmd, HooksFirstThenTheShellWithItsExitStatus) {
     char out[8];
     EXPECT_EQ(osaCmdExec("printf 'hello world'", out, sizeof out), 0);
     EXPECT_STREQ(out, "hello w") << "output is cut to the buffer";
-    EXPECT_EQ(osaCmdExec("/nonexistent/tool --flag", nullptr, 0), 127);
     EXPECT_EQ(osaCmdExec(nullptr, nullptr, 0), -1);
+}
+
+// Under a user-mode emulator a failed exec shows as a child exiting 127
+// rather than as a spawn error, whatever the reason it failed.
+bool spawnErrorsShowAsExit127() {
+    char name[] = "swmgr-no-such-tool";
+    char *argv[] = {name, nullptr};
+    pid_t pid = 0;
+    if (posix_spawnp(&pid, name, nullptr, nullptr, argv, environ) != 0) return false;
+    int st = 0;
+    waitpid(pid, &st, 0);
+    return true;
+}
+
+TEST(OsaCmd, PlainLinesSpawnDirectlyOthersThroughTheShellWithTheShellsStatuses) {
+    swtest::TempDir dir;
+    dir.write("noexec", "exit 0\n");
+    dir.write("script", "exit 5\n");  // no interpreter line: the shell runs it
+    dir.write("selfkill", "#!/bin/sh\nkill -TERM $$\n");
+    ::chmod(dir.file("script").c_str(), 0755);
+    ::chmod(dir.file("selfkill").c_str(), 0755);
+    const std::string d = dir.path() + "/";
+    const bool emulated = spawnErrorsShowAsExit127();
+
+    // The shell exports PWD to what it runs; a directly spawned program
+    // sees the caller's environment as it is.
+    const char *pwd = std::getenv("PWD");
+    const std::string savedPwd = pwd != nullptr ? pwd : "";
+    ::unsetenv("PWD");
+
+    struct Case {
+        std::string line;
+        int status;
+        std::string output;
+        bool execFailure;  // emulated runs report 127 instead
+    };
+    const Case cases[] = {
+        // Split on blanks, runs of them included, with no shell between.
+        {"printf [%s] a  b   c ", 0, "[a][b][c]", false},
+        {"printenv PWD", 1, "", false},
+        {"printenv PWD;", 0, "*", false},
+        // The same words quoted for the shell; a tab is for the shell to split.
+        {"printf '[%s]' a  b", 0, "[a][b]", false},
+        {"printf [%s] a\tb", 0, "[a][b]", false},
+        // Assignments and the shell's own words never reach a program.
+        {"A=1 printenv A", 0, "1\n", false},
+        {"exit 7", 7, "", false},
+        {"cd " + d, 0, "", false},
+        // Statuses: missing 127, not executable 126, killed 128+n, no
+        // binary run as a script; on both paths.
+        {d + "missing arg", 127, "", false},
+        {"swmgr-no-such-tool arg", 127, "", false},
+        {"'" + d + "missing'", 127, "", false},
+        {d + "noexec", 126, "", true},
+        {"'" + d + "noexec'", 126, "", false},
+        {d + "selfkill", 128 + SIGTERM, "", false},
+        {d + "selfkill;", 128 + SIGTERM, "", false},
+        {d + "script", 5, "", true},
+        {"'" + d + "script'", 5, "", false},
+    };
+    for (const Case &c : cases) {
+        char out[64] = "junk";
+        const int status = osaCmdExec(c.line.c_str(), out, sizeof out);
+        if (c.execFailure && emulated && status == 127) continue;
+        EXPECT_EQ(status, c.status) << c.line;
+        if (c.output == "*")
+            EXPECT_NE(std::string(out), "") << c.line;
+        else
+            EXPECT_EQ(std::string(out), c.output) << c.line;
+        EXPECT_EQ(osaCmdExec(c.line.c_str(), nullptr, 0), status) << c.line << " without output";
+    }
+    if (pwd != nullptr) ::setenv("PWD", savedPwd.c_str(), 1);
 }
 
 TEST(OsaFile, RootTakesWritesAndFallsBackForReads) {

@@ -1,9 +1,9 @@
 // Shell commands, unless a hook takes them: a line without shell syntax is
-// split on blanks and spawned as it stands (PATH lookup); any other line,
-// and one whose program cannot be spawned, runs with /bin/sh -c. A simple
-// line so costs one process instead of two, and what fails is reported by
-// the shell itself, with its own exit status (127 not found, 126 not
-// executable).
+// split on blanks and spawned as it stands (PATH lookup), so it costs one
+// process instead of two; any other line runs with /bin/sh -c. A program
+// that cannot be spawned gives the shell's status: 127 when it is missing,
+// 126 when it may not be executed; one that is no binary runs as the shell
+// would run it, as a script.
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -56,6 +56,8 @@ bool shellWord(const char *word, std::size_t len) {
     return false;
 }
 
+constexpr int kStatusNotFound = 127;
+constexpr int kStatusNotExecutable = 126;
 constexpr std::size_t kDirectLineMax = 1024;
 constexpr std::size_t kDirectArgsMax = 64;
 
@@ -144,8 +146,18 @@ extern "C" int osaCmdExec(const char *command, char *output, int outputLen) {
     pid_t pid = 0;
     int rc = -1;
     DirectLine line;
-    if (directSplit(command, line))
+    if (directSplit(command, line)) {
         rc = ::posix_spawnp(&pid, line.argv[0], &actions, nullptr, line.argv, environ);
+        if (rc == ENOENT || rc == EACCES) {
+            posix_spawn_file_actions_destroy(&actions);
+            if (capture) {
+                output[0] = '\0';
+                ::close(pipeFd[0]);
+                ::close(pipeFd[1]);
+            }
+            return rc == ENOENT ? kStatusNotFound : kStatusNotExecutable;
+        }
+    }
     if (rc != 0) {
         char sh[] = "/bin/sh";
         char dashC[] = "-c";
