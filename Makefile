@@ -43,3 +43,17 @@ clean:
 .PHONY: demo
 demo:
 	@./scripts/demo.sh
+
+# make bench        host benchmarks: start-up on the models, one command
+#                   line, one VLAN add (state on a RAM file system).
+# make bench-scale  4094 VLANs with every command line really spawned.
+.PHONY: bench bench-scale
+bench: build
+	cmake --build $(BUILD)/host -j$(JOBS) --target bench_startup bench_cmd bench_vlan_add
+	$(BUILD)/host/bench/bench_startup
+	$(BUILD)/host/bench/bench_cmd
+	$(BUILD)/host/bench/bench_vlan_add
+
+bench-scale: build
+	cmake --build $(BUILD)/host -j$(JOBS) --target bench_scale
+	$(BUILD)/host/bench/bench_scale 4094

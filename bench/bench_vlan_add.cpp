@@ -2,7 +2,8 @@
 // swmgrd on simulated hardware (the daemon's own process, sockets and all),
 // and handled in-process on the same models, which leaves out the bus.
 // Each iteration times the add alone; the delete that restores the state
-// for the next one is not counted.
+// for the next one is not counted. The state directory (uptime stamps) is on
+// a RAM file system, as /var is on the device.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <signal.h>
@@ -21,6 +22,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench_common.h"
 #include "config/swconf.h"
 #include "osa_port.h"
 #include "portvlan/portvlan.h"
@@ -33,30 +35,6 @@ namespace {
 
 constexpr int kFirstVlan = 1000;
 constexpr int kVlanSpan = 2000;
-
-struct Scratch {
-    std::string dir;
-    Scratch() {
-        char tmpl[] = "/tmp/swmgr-bench-XXXXXX";
-        if (::mkdtemp(tmpl) != nullptr) dir = tmpl;
-    }
-    ~Scratch() {
-        std::error_code ec;
-        if (!dir.empty()) std::filesystem::remove_all(dir, ec);
-    }
-};
-
-// The example router configuration in a database file of its own.
-bool makeDb(const std::string &path) {
-    std::ifstream in(EXAMPLE_SQL);
-    std::ostringstream sql;
-    sql << in.rdbuf();
-    sqlite3 *db = nullptr;
-    bool ok = sqlite3_open(path.c_str(), &db) == SQLITE_OK &&
-              sqlite3_exec(db, sql.str().c_str(), nullptr, nullptr, nullptr) == SQLITE_OK;
-    sqlite3_close(db);
-    return ok && !sql.str().empty();
-}
 
 // A bus VLAN request: switch name area (unused for VLANs), then the record.
 std::vector<uint8_t> vlanRequest(int id) {
@@ -76,9 +54,9 @@ int send(int cmd, std::vector<uint8_t> &data) {
 }
 
 void BM_VlanAddThroughDaemon(benchmark::State &state) {
-    Scratch scratch;
+    swbench::Scratch scratch("/dev/shm");
     const std::string db = scratch.dir + "/router.db", bus = scratch.dir + "/bus";
-    if (scratch.dir.empty() || !makeDb(db)) {
+    if (scratch.dir.empty() || !swbench::makeDb(db)) {
         state.SkipWithError("cannot create the example database");
         return;
     }
@@ -135,9 +113,9 @@ int dropLogs(void *, int module, int, const void *, int, void *, int *, int *res
 }
 
 void BM_VlanAddInProcess(benchmark::State &state) {
-    Scratch scratch;
+    swbench::Scratch scratch("/dev/shm");
     const std::string db = scratch.dir + "/router.db";
-    if (scratch.dir.empty() || !makeDb(db)) {
+    if (scratch.dir.empty() || !swbench::makeDb(db)) {
         state.SkipWithError("cannot create the example database");
         return;
     }

@@ -130,7 +130,12 @@ extern "C" int bcmSwitchPortConfigure(Switch *sw, SwitchPort *port) {
     // The walk's trace lines are kept only in developer mode; their text is
     // the same for every step, so it is formatted once.
     const char *const swText = swMgrDevDebug ? switchStrGet(sw) : "";
+    // Without those lines a VLAN untagged on none of the ports changes
+    // nothing, and after membership updates that is most of them.
+    uint32_t portsMap = 0;
+    for (auto *p : listEntries<SwitchPort>(sw->portList)) portsMap |= portBit(p->portNumber);
     for (auto *v : listEntries<SwitchVlan>(sw->vlanList)) {
+        if (!swMgrDevDebug && (v->untagMap & portsMap) == 0) continue;
         for (auto *p : listEntries<SwitchPort>(sw->portList)) {
             if ((v->untagMap & portBit(p->portNumber)) != 0) {
                 SWMGR_LOG(swText, SW_LOG_TRACE, "Updating PVID of port %d to %d\n",
