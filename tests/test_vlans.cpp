@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <tuple>
@@ -216,4 +217,53 @@ TEST_F(Vlans, APositiveHostToolStatusStillCountsAsAdded) {
     EXPECT_EQ(switchVlanConfAdd(&other), 0);
     EXPECT_EQ(host.dump(), before);
     EXPECT_EQ(ids(top), Ints{7});
+}
+
+// Finding a VLAN by id gives the first listed record with it, whoever
+// changed the list: the layer, an update onto a taken id, or other hands.
+TEST_F(Vlans, LookupsApplyAndDisableFollowTheListWhateverChangedIt) {
+    SwitchVlanConf a = vlanConf(100), b = vlanConf(200), high = vlanConf(5000), neg = vlanConf(-3);
+    for (SwitchVlanConf *c : {&a, &b, &high, &neg}) ASSERT_EQ(switchVlanByConfCreate(top, c), 0);
+    SwitchVlan *v100 = switchVlanByIdGet(top, 100), *v200 = switchVlanByIdGet(top, 200);
+    for (int id : {100, 200, 5000, -3}) {
+        ASSERT_NE(switchVlanByIdGet(top, id), nullptr) << id;
+        EXPECT_EQ(switchVlanByIdGet(top, id)->vlanId, id);
+        EXPECT_EQ(switchVlanByConfCreate(top, id == 100 ? &a : id == 200 ? &b : id == 5000 ? &high : &neg), -1)
+            << "the listed VLAN " << id << " is found again";
+    }
+    EXPECT_EQ(switchVlanByIdGet(top, 4000), nullptr);
+    EXPECT_EQ(switchVlanByIdGet(low, 100), nullptr);
+
+    // Only a listed record is applied; a copy of one is not.
+    reset();
+    SwitchVlan copy = *v100;
+    EXPECT_EQ(switchVlanCfgApply(top, &copy), 0);
+    EXPECT_EQ(switchVlanCfgApply(top, v100), 0);
+    EXPECT_EQ(cmdsTo(top), (Ints{41, 41, 35}));
+
+    // An update onto a taken id leaves two records with it: lookups give the
+    // first listed, a disable reaches both, a delete leaves the other.
+    SwitchVlanConf onto = vlanConf(200);
+    ASSERT_EQ(switchVlanConfUpdate(&onto, &a), 0);
+    EXPECT_EQ(ids(top), (Ints{200, 5000, -3, 200}));
+    EXPECT_EQ(switchVlanByIdGet(top, 200), v200);
+    reset();
+    EXPECT_EQ(switchVlanDisable(v100), 0);
+    EXPECT_EQ(cmdsTo(top), (Ints{34, 35, 34, 35}));
+    ASSERT_EQ(switchVlanDelete(v200), 0);
+    EXPECT_EQ(switchVlanByIdGet(top, 200), v100);
+    EXPECT_EQ(switchVlanByIdGet(top, 100), nullptr);
+
+    // Records listed and unlisted by other hands are seen at once.
+    auto *other = static_cast<SwitchVlan *>(std::calloc(1, sizeof(SwitchVlan)));
+    other->vlanId = 300;
+    other->sw = top;
+    ASSERT_EQ(osaListNodeAppend(&top->vlanList, other), 0);
+    EXPECT_EQ(switchVlanByIdGet(top, 300), other);
+    ASSERT_EQ(osaListNodeRemove(&top->vlanList, other), 0);
+    EXPECT_EQ(switchVlanByIdGet(top, 300), nullptr);
+    std::free(other);
+    SwitchVlanConf c300 = vlanConf(300);
+    EXPECT_EQ(switchVlanByConfCreate(top, &c300), 0);
+    EXPECT_EQ(ids(top), (Ints{5000, -3, 200, 300}));
 }
