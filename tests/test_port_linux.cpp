@@ -56,6 +56,8 @@ TEST(OsaList, AppendIterateAndRemoveKeepFirstAndLast) {
     EXPECT_EQ(values(list), (std::vector<int>{2}));
 }
 
+OsaCmdHook once_ = nullptr;
+
 TEST(OsaCmd, HooksFirstThenTheShellWithItsExitStatus) {
     swtest::TempDir dir;
     auto hook = [](void *, const char *cmd, int *status) {
@@ -67,6 +69,28 @@ TEST(OsaCmd, HooksFirstThenTheShellWithItsExitStatus) {
     EXPECT_FALSE(dir.exists("ran")) << "a taken command never runs";
     EXPECT_EQ(osaCmdExec("exit 3", nullptr, 0), 3) << "lines the hook leaves go to the shell";
     osaPortCmdHookRemove(hook, nullptr);
+    EXPECT_EQ(osaPortCmdHookAdd(nullptr, nullptr), -1);
+
+    // A hook that removes itself while called passes the line on to the next.
+    static std::vector<std::string> seen;
+    seen.clear();
+    auto once = [](void *, const char *, int *) {
+        seen.push_back("once");
+        osaPortCmdHookRemove(once_, nullptr);
+        return 0;
+    };
+    auto next = [](void *, const char *cmd, int *status) {
+        seen.push_back(cmd);
+        *status = 9;
+        return 1;
+    };
+    once_ = once;
+    osaPortCmdHookAdd(once, nullptr);
+    osaPortCmdHookAdd(next, nullptr);
+    EXPECT_EQ(osaCmdExec("a", nullptr, 0), 9);
+    EXPECT_EQ(osaCmdExec("b", nullptr, 0), 9);
+    osaPortCmdHookRemove(next, nullptr);
+    EXPECT_EQ(seen, (std::vector<std::string>{"once", "a", "b"}));
 
     char out[8];
     EXPECT_EQ(osaCmdExec("printf 'hello world'", out, sizeof out), 0);
@@ -119,6 +143,7 @@ TEST(OsaCmd, PlainLinesSpawnDirectlyOthersThroughTheShellWithTheShellsStatuses) 
         // Assignments and the shell's own words never reach a program.
         {"A=1 printenv A", 0, "1\n", false},
         {"exit 7", 7, "", false},
+        {"#printf x", 0, "", false},
         {"cd " + d, 0, "", false},
         // Statuses: missing 127, not executable 126, killed 128+n, no
         // binary run as a script; on both paths.
