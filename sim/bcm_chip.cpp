@@ -35,6 +35,10 @@ enum : unsigned {
 
 constexpr unsigned argSize(unsigned code) { return (code >> 16) & 0x1fffu; }
 constexpr uint16_t kMaxVlanId = 4095;
+constexpr uint32_t kMaxTrustMode = 4;
+constexpr uint8_t kMaxSchedMode = 3;
+constexpr uint8_t kMaxCos = 7;
+constexpr uint8_t kMaxQueue = 3;
 
 uint16_t le16(const uint8_t *a, int off) {
     return static_cast<uint16_t>(a[off] | (a[off + 1] << 8));
@@ -111,38 +115,61 @@ int BcmChip::handle(unsigned code, void *arg) {
         if (f->second.times > 0) --f->second.times;
         return f->second.result;
     }
-    if (argSize(code) == 0) return serve(code, nullptr, reinterpret_cast<uintptr_t>(arg));
-    if (arg == nullptr) return kEfault;
-    return serve(code, static_cast<uint8_t *>(arg), 0);
+    const char *why = nullptr;
+    int result = 0;
+    if (argSize(code) == 0)
+        result = serve(code, nullptr, reinterpret_cast<uintptr_t>(arg), &why);
+    else if (arg == nullptr)
+        result = kEfault, why = "no argument record";
+    else
+        result = serve(code, static_cast<uint8_t *>(arg), 0, &why);
+    if (why != nullptr) {
+        char entry[128];
+        std::snprintf(entry, sizeof entry, "request 0x%08x refused (%d): %s", code, result, why);
+        history_.add(entry);
+    }
+    return result;
 }
 
-// Reserved bytes must be zero: the kernel driver refuses a record with
-// garbage where it expects nothing, which is how a shifted field shows.
-int BcmChip::serve(unsigned code, uint8_t *a, uintptr_t value) {
+// Every field is held to its definition and to what the kernel driver
+// takes: reserved bytes zero, ports 0-4, VLAN ids 0-4095, maps within the
+// five ports, switches 0 or 1, a tag set with PRI and CFI 0, a trust mode
+// 0-4, a scheduling mode 0-3, a CoS 0-7 on a queue 0-3. The kernel
+// driver refuses anything else with -EINVAL, so a shifted or stray field
+// shows as a refusal (noted in the history) rather than as chip state.
+int BcmChip::serve(unsigned code, uint8_t *a, uintptr_t value, const char **why) {
+    auto refuse = [why](const char *reason) {
+        *why = reason;
+        return kEinval;
+    };
     auto validPort = [](unsigned p) { return p < static_cast<unsigned>(kPorts); };
+    auto validMap = [](unsigned m) { return (m & ~static_cast<unsigned>(kAllPorts)) == 0; };
     switch (code) {
         case kVlanEnable:
         case kVlanDisable:
+            if (value != 0) return refuse("argument not 0");
             state_.vlanEnabled = code == kVlanEnable;
             return 0;
         case kLinkStatus:
-            if (!validPort(static_cast<unsigned>(value))) return kEinval;
+            if (!validPort(static_cast<unsigned>(value))) return refuse("port out of range");
             return port(static_cast<int>(value)).link;
         case kQosEnable:
-            state_.qosEnable = le32(a, 0);
-            return 0;
         case kPauseFrames:
-            state_.pauseFrames = le32(a, 0);
+            if (le32(a, 0) > 1) return refuse("switch not 0 or 1");
+            (code == kQosEnable ? state_.qosEnable : state_.pauseFrames) = le32(a, 0);
             return 0;
         case kVlanClear: {
             uint16_t vid = le16(a, 0);
-            if (vid > kMaxVlanId || !zeros(a, 2, 5)) return kEinval;
+            if (vid > kMaxVlanId) return refuse("VLAN id out of range");
+            if (!zeros(a, 2, 5)) return refuse("reserved bytes not 0");
             state_.vlans.erase(vid);
             return 0;
         }
         case kVlanEntryAdd: {
             uint16_t vid = le16(a, 0);
-            if (vid > kMaxVlanId || a[6] != 0) return kEinval;
+            if (vid > kMaxVlanId) return refuse("VLAN id out of range");
+            if (!validMap(le16(a, 2)) || !validMap(le16(a, 4))) return refuse("map beyond the five ports");
+            if (a[6] != 0) return refuse("last byte not 0");
             state_.vlans[vid] = {le16(a, 2), le16(a, 4)};
             return 0;
         }
@@ -150,7 +177,9 @@ int BcmChip::serve(unsigned code, uint8_t *a, uintptr_t value) {
         case kVlanUntagQuery: {
             uint16_t vid = le16(a, 0);
             unsigned p = le16(a, 2);
-            if (vid > kMaxVlanId || !validPort(p) || a[4] != 0) return kEinval;
+            if (vid > kMaxVlanId) return refuse("VLAN id out of range");
+            if (!validPort(p)) return refuse("port out of range");
+            if (a[4] != 0) return refuse("reserved byte not 0");
             auto it = state_.vlans.find(vid);
             if (it == state_.vlans.end()) return 0;
             uint16_t map = code == kVlanFwdQuery ? it->second.fwdMap : it->second.untagMap;
@@ -162,14 +191,14 @@ int BcmChip::serve(unsigned code, uint8_t *a, uintptr_t value) {
 
     // Everything else addresses one port in its first two bytes.
     const unsigned p = le16(a, 0);
-    if (!validPort(p)) return kEinval;
+    if (!validPort(p)) return refuse("port out of range");
     Port &pt = port(static_cast<int>(p));
     switch (code) {
         case kPortVlanQuery:
         case kPortVlanAdd:
         case kPortVlanDelete: {
             unsigned m = le16(a, 2);
-            if (!validPort(m)) return kEinval;
+            if (!validPort(m)) return refuse("member port out of range");
             if (code == kPortVlanQuery) return (pt.fwdMap & bit(m)) != 0 ? 1 : 0;
             if (code == kPortVlanAdd)
                 pt.fwdMap = static_cast<uint16_t>(pt.fwdMap | bit(m));
@@ -183,30 +212,37 @@ int BcmChip::serve(unsigned code, uint8_t *a, uintptr_t value) {
             a[5] = pt.tag.cfi;
             return 0;
         case kTagSet:
+            if (le16(a, 2) > kMaxVlanId) return refuse("VID out of range");
+            if (a[4] != 0 || a[5] != 0) return refuse("PRI or CFI not 0");
             pt.tag = {le16(a, 2), a[4], a[5]};
             return 0;
         case kNon8021q:
+            if (le32(a, 2) > 1) return refuse("state not 0 or 1");
             pt.non8021q = le32(a, 2);
             return 0;
         case kTrustMode:
+            if (le32(a, 2) > kMaxTrustMode) return refuse("trust mode out of range");
             pt.trustMode = le32(a, 2);
             return 0;
         case kPortStats:
             std::memcpy(a + 2, pt.counters.data(), pt.counters.size());
             return 0;
         case kQueueSched:
-            if (a[2] != 0) return kEinval;
+            if (a[2] != 0) return refuse("reserved byte not 0");
+            if (a[3] > kMaxSchedMode) return refuse("scheduling mode out of range");
             pt.sched = {a[3], {a[4], a[5], a[6], a[7]}};
             return 0;
         case kRateLimit:
+            if (a[2] > 1) return refuse("action not 0 or 1");
             pt.rate = {a[2], le32(a, 3)};
             return 0;
         case kCosQueueMap:
-            if (a[3] != 0) return kEinval;
+            if (a[3] != 0) return refuse("reserved byte not 0");
+            if (a[2] > kMaxCos || a[4] > kMaxQueue) return refuse("CoS or queue out of range");
             pt.cosQueue[a[2]] = a[4];
             return 0;
         default:
-            return kEnotty;
+            return refuse("unknown request");
     }
 }
 

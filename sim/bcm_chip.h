@@ -2,7 +2,9 @@
 // device. Attached to a device path, it answers the driver's ioctl requests
 // by decoding their argument bytes at the kernel's offsets (independently of
 // the driver's own record declarations), so a wrong layout shows up as
-// wrong chip state.
+// wrong chip state; a field outside its definition, or a value the driver
+// never sends, is refused with -EINVAL as the kernel driver refuses it and
+// noted in the history.
 #ifndef SWMGR_SIM_BCM_CHIP_H
 #define SWMGR_SIM_BCM_CHIP_H
 
@@ -11,6 +13,8 @@
 #include <map>
 #include <optional>
 #include <string>
+
+#include "shell.h"
 
 namespace swsim {
 
@@ -95,6 +99,10 @@ public:
     int requests() const { return total_; }
     int closes() const { return closes_; }
 
+    // The most recent refusals, oldest first.
+    const History &history() const { return history_; }
+    void setHistoryLimit(std::size_t n) { history_.setLimit(n); }
+
     // Readable dump of the whole state.
     std::string describe() const;
 
@@ -103,13 +111,14 @@ private:
         int result;
         int times;
     };
-    int serve(unsigned code, uint8_t *a, uintptr_t value);
+    int serve(unsigned code, uint8_t *a, uintptr_t value, const char **why);
 
     State state_;
     std::map<unsigned, Failure> failures_;
     std::map<unsigned, int> counts_;
     int total_ = 0;
     int closes_ = 0;
+    History history_;
     std::string path_;
 };
 

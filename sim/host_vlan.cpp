@@ -19,26 +19,6 @@ namespace {
 constexpr int kMaxVlanId = 4094;
 constexpr uint32_t kMaxPriority = 7;
 
-std::vector<std::string> tokens(const std::string &line) {
-    std::vector<std::string> out;
-    std::istringstream in(line);
-    std::string t;
-    while (in >> t) out.push_back(t);
-    return out;
-}
-
-// Anything the shell would interpret is beyond what the model can answer.
-bool shellSyntax(const std::string &line) {
-    return line.find_first_of(";|&<>`$(){}\\'\"*?") != std::string::npos;
-}
-
-bool isTool(const std::string &word, const char *tool) {
-    std::string_view w(word);
-    std::string_view t(tool);
-    if (w == t) return true;
-    return w.size() > t.size() && w.ends_with(t) && w[w.size() - t.size() - 1] == '/';
-}
-
 std::optional<uint32_t> number(const std::string &text) {
     uint32_t v = 0;
     const char *end = text.data() + text.size();
@@ -50,6 +30,8 @@ std::optional<uint32_t> number(const std::string &text) {
 
 HostVlanModel::HostVlanModel(std::vector<std::string> parents) {
     for (auto &name : parents) addParent(name);
+    tools_.add("vconfig", [this](const Words &args, ToolBox::Io &) { return vconfig(args); });
+    tools_.add("ifconfig", [this](const Words &args, ToolBox::Io &) { return ifconfig(args); });
 }
 
 HostVlanModel::~HostVlanModel() {
@@ -162,58 +144,49 @@ bool HostVlanModel::run(const std::string &line, int *status) {
         bool hit = f.prefix ? line.compare(0, f.match.size(), f.match) == 0 : line == f.match;
         if (!hit) continue;
         if (f.times > 0) --f.times;
-        handled_.push_back(line);
+        history_.add(line);
         *status = f.status;
         return true;
     }
-    if (shellSyntax(line)) return false;
-    auto args = tokens(line);
-    if (args.empty()) return false;
-
-    int rc = 0;
-    if (isTool(args[0], "vconfig")) {
-        static const char *const verbs[] = {"add", "rem", "set_ingress_map", "set_egress_map"};
-        if (args.size() < 2 || std::none_of(std::begin(verbs), std::end(verbs),
-                                            [&](const char *v) { return args[1] == v; }))
-            return false;
-        rc = vconfig(args);
-    } else if (isTool(args[0], "ifconfig")) {
-        if (args.size() != 3 || (args[2] != "up" && args[2] != "down")) return false;
-        rc = ifconfig(args[1], args[2] == "up");
-    } else {
-        return false;
-    }
-    handled_.push_back(line);
-    *status = rc;
+    auto commands = tools_.claim(line);
+    if (!commands) return false;
+    history_.add(line);
+    *status = tools_.run(*commands);
     return true;
 }
 
-int HostVlanModel::vconfig(const std::vector<std::string> &args) {
-    const std::string &verb = args[1];
+// vconfig add <parent> <vid> | rem <device> | set_ingress_map|set_egress_map <device> <prio> <prio>
+int HostVlanModel::vconfig(const Words &args) {
+    static const char *const verbs[] = {"add", "rem", "set_ingress_map", "set_egress_map"};
+    if (auto r = tools_.arity("vconfig", args.size(), 1, 4)) return *r;
+    const std::string &verb = args[0];
+    if (std::none_of(std::begin(verbs), std::end(verbs), [&](const char *v) { return verb == v; }))
+        return tools_.usage("vconfig", "unknown operation " + verb);
+    const size_t want = verb == "add" ? 3 : verb == "rem" ? 2 : 4;
+    if (auto r = tools_.arity("vconfig " + verb, args.size(), want, want)) return *r;
+    auto refuse = [&](const std::string &why) {
+        history_.add("vconfig: " + why);
+        return kVconfigFailure;
+    };
     if (verb == "add") {
-        if (args.size() != 4) return kVconfigFailure;
-        auto vid = number(args[3]);
-        if (!vid || *vid > static_cast<uint32_t>(kMaxVlanId)) return kVconfigFailure;
-        if (findParent(args[2]) == nullptr) return kVconfigFailure;
-        std::string name = (args[2] + "." + std::to_string(*vid)).substr(0, kIfNameMax);
-        if (exists(name)) return kVconfigFailure;
+        auto vid = number(args[2]);
+        if (!vid || *vid > static_cast<uint32_t>(kMaxVlanId)) return refuse("invalid VLAN id " + args[2]);
+        if (findParent(args[1]) == nullptr) return refuse("no such device " + args[1]);
+        std::string name = (args[1] + "." + std::to_string(*vid)).substr(0, kIfNameMax);
+        if (exists(name)) return refuse(name + " exists");
         SubInterface s;
         s.name = name;
-        s.parent = args[2];
+        s.parent = args[1];
         s.vlanId = static_cast<int>(*vid);
         subs_.emplace(name, std::move(s));
         return 0;
     }
-    if (verb == "rem") {
-        if (args.size() != 3) return kVconfigFailure;
-        return subs_.erase(args[2]) == 1 ? 0 : kVconfigFailure;
-    }
-    // set_ingress_map / set_egress_map <device> <packet priority> <802.1p priority>
-    if (args.size() != 5) return kVconfigFailure;
-    auto it = subs_.find(args[2]);
-    auto prio = number(args[3]);
-    auto qos = number(args[4]);
-    if (it == subs_.end() || !prio || !qos || *qos > kMaxPriority) return kVconfigFailure;
+    if (verb == "rem") return subs_.erase(args[1]) == 1 ? 0 : refuse("no such VLAN device " + args[1]);
+    auto it = subs_.find(args[1]);
+    auto prio = number(args[2]);
+    auto qos = number(args[3]);
+    if (it == subs_.end()) return refuse("no such VLAN device " + args[1]);
+    if (!prio || !qos || *qos > kMaxPriority) return refuse("invalid priority");
     if (verb == "set_ingress_map")
         it->second.ingressMap[*qos] = *prio;
     else
@@ -221,13 +194,25 @@ int HostVlanModel::vconfig(const std::vector<std::string> &args) {
     return 0;
 }
 
-int HostVlanModel::ifconfig(const std::string &name, bool up) {
+// ifconfig <device> [up|down]; the device alone only shows it.
+int HostVlanModel::ifconfig(const Words &args) {
+    if (auto r = tools_.arity("ifconfig", args.size(), 1, 2)) return *r;
+    const std::string &name = args[0];
+    if (!exists(name)) {
+        history_.add("ifconfig: no such device " + name);
+        return kIfconfigFailure;
+    }
+    if (args.size() == 1) return 0;
+    if (args[1] != "up" && args[1] != "down") return tools_.usage("ifconfig", "option not modelled: " + args[1]);
+    const bool up = args[1] == "up";
     if (setParentUp(name, up)) return 0;
-    auto it = subs_.find(name);
-    if (it == subs_.end()) return kIfconfigFailure;
+    auto &sub = subs_.at(name);
     // A VLAN device cannot come up while its parent is down.
-    if (up && !findParent(it->second.parent)->up) return kIfconfigFailure;
-    it->second.up = up;
+    if (up && !findParent(sub.parent)->up) {
+        history_.add("ifconfig: " + name + ": parent " + sub.parent + " is down");
+        return kIfconfigFailure;
+    }
+    sub.up = up;
     return 0;
 }
 

@@ -3,6 +3,15 @@
 // keeps the interfaces and their priority maps, and fails the way the tools
 // do; optionally it also answers hardware-address requests for its
 // interfaces so that MAC lookups are deterministic.
+//
+// Lines are read as the device's shell reads them (shell.h); a line whose
+// first program is vconfig or ifconfig is the model's. Of the tools it
+// assumes: vconfig knows add, rem, set_ingress_map and set_egress_map with
+// exactly their arguments; ifconfig takes a device and up or down (the
+// device alone only shows it). Too few or too many arguments, or another
+// operation, is a usage error (status 1, nothing changed); a request the
+// tool refuses (no such device, a VLAN device that exists) is status 1 too.
+// Each refusal is noted in the history after the line.
 #ifndef SWMGR_SIM_HOST_VLAN_H
 #define SWMGR_SIM_HOST_VLAN_H
 
@@ -12,6 +21,8 @@
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "shell.h"
 
 namespace swsim {
 
@@ -79,8 +90,10 @@ public:
     std::vector<SubInterface> subInterfaces() const;
     const SubInterface *find(const std::string &name) const;
     bool exists(const std::string &name) const;
-    // Command lines the model took, in order (failed ones included).
-    const std::vector<std::string> &handled() const { return handled_; }
+    // The most recent lines the model took (failed ones included), each
+    // followed by what its tools refused and what was not found.
+    const History &history() const { return history_; }
+    void setHistoryLimit(std::size_t n) { history_.setLimit(n); }
 
     // One line per interface, each parent followed by its sub-interfaces:
     //   "eth0 up"
@@ -100,8 +113,8 @@ private:
         int times;
     };
 
-    int vconfig(const std::vector<std::string> &args);
-    int ifconfig(const std::string &name, bool up);
+    int vconfig(const Words &args);
+    int ifconfig(const Words &args);
     Parent *findParent(const std::string &name);
     const Parent *findParent(const std::string &name) const;
     int parentIndex(const std::string &name) const;
@@ -113,7 +126,8 @@ private:
     std::map<std::string, SubInterface> subs_;
     std::map<std::string, Mac> macs_;
     std::vector<Failure> failures_;
-    std::vector<std::string> handled_;
+    History history_;
+    ToolBox tools_{history_};
     bool attached_ = false;
     bool hwAddr_ = false;
 };

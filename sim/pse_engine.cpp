@@ -12,32 +12,7 @@ namespace swsim {
 
 namespace {
 
-// The register tool's read-modify-write pipelines, as the driver composes
-// them (address, bit, address).
-constexpr const char kSetPipeline[] =
-    "/sysx2.0/bin/memrw %#x w |grep Value | cut -d':' -f 2 |     awk '{rl = $1; val = lshift(1,%d); reg = %#x ;     res = or (rl, val) ; fh = rshift (res, 16);     sh = and (res, 0xFFFF); final_value = sprintf (\"%%#x%%x\", fh, sh);     cmd = \"/sysx2.0/bin/memrw \"reg\" w \"final_value;  system (cmd);}'";
-constexpr const char kClearPipeline[] =
-    "/sysx2.0/bin/memrw %#x w |grep Value | cut -d':' -f 2 |     awk '{rl = $1; val1 = lshift(1,%d); val = val1^0xFFFFFFFF ; reg = %#x ;     res = and (rl, val) ; fh = rshift (res, 16);     sh = and (res, 0xFFFF); final_value = sprintf (\"%%#x%%x\", fh, sh);     cmd = \"/sysx2.0/bin/memrw \"reg\" w \"final_value;  system (cmd);}'";
-constexpr std::string_view kMemrw = "/sysx2.0/bin/memrw ";
-
-constexpr std::string_view kTools[] = {"sppe_ioctl",        "vlan_table_func", "arl_table_func",
-                                       "rate_limit_func",   "tc_func",         "queue_weight_func",
-                                       "pri_ctl_func"};
-
 constexpr int kMaxVlanId = 4095;
-
-// Arguments are separated by single spaces; runs of spaces give empty ones.
-std::vector<std::string> splitArgs(std::string_view rest) {
-    std::vector<std::string> out;
-    size_t start = 0;
-    while (true) {
-        size_t sp = rest.find(' ', start);
-        out.emplace_back(rest.substr(start, sp == std::string_view::npos ? sp : sp - start));
-        if (sp == std::string_view::npos) break;
-        start = sp + 1;
-    }
-    return out;
-}
 
 bool parseInt(const std::string &s, int *out) {
     if (s.empty()) return false;
@@ -77,15 +52,8 @@ bool isHexDigit(char c) {
     return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
 }
 
-// "xx:xx:xx:xx:xx:xx", optionally followed by one newline; "" when
-// `allowEmpty`. Stored lower case without the newline.
-bool parseMac(std::string s, bool allowEmpty, std::string *out) {
-    if (!s.empty() && s.back() == '\n') s.pop_back();
-    if (s.empty()) {
-        if (!allowEmpty) return false;
-        out->clear();
-        return true;
-    }
+// "xx:xx:xx:xx:xx:xx", stored lower case.
+bool parseMac(std::string s, std::string *out) {
     if (s.size() != 17) return false;
     for (size_t i = 0; i < s.size(); ++i) {
         if (i % 3 == 2 ? s[i] != ':' : !isHexDigit(s[i])) return false;
@@ -104,12 +72,6 @@ std::string hex(uint32_t v) {
     return b;
 }
 
-std::string composePipeline(const char *tmpl, uint32_t addr, int bit) {
-    char b[512];
-    std::snprintf(b, sizeof b, tmpl, addr, bit, addr);
-    return b;
-}
-
 }  // namespace
 
 int64_t PseEngine::RateLimit::kbps() const {
@@ -118,7 +80,10 @@ int64_t PseEngine::RateLimit::kbps() const {
     return static_cast<int64_t>(value) * kGranularity[unit];
 }
 
-PseEngine::PseEngine() { reset(); }
+PseEngine::PseEngine() {
+    addTools();
+    reset();
+}
 
 PseEngine::~PseEngine() { detach(); }
 
@@ -159,7 +124,7 @@ void PseEngine::reset() {
     trust_.clear();
     regs_.clear();
     for (uint32_t r : kPauseRegisters) regs_[r] = 0;
-    handled_.clear();
+    history_.clear();
 }
 
 bool PseEngine::failureFor(const std::string &line, int *status) {
@@ -177,160 +142,122 @@ bool PseEngine::failureFor(const std::string &line, int *status) {
 bool PseEngine::run(const std::string &line, int *status) {
     int dummy = 0;
     if (status == nullptr) status = &dummy;
-    const bool pipeline = line.compare(0, kMemrw.size(), kMemrw) == 0;
-    std::string program;
-    if (!pipeline) {
-        program = line.substr(0, line.find(' '));
-        if (std::find(std::begin(kTools), std::end(kTools), program) == std::end(kTools)) return false;
-    }
-    handled_.push_back(line);
-    if (failureFor(line, status)) return true;
-    if (pipeline) {
-        *status = pausePipeline(line);
-        return true;
-    }
-    const size_t sp = line.find(' ');
-    Args args = sp == std::string::npos ? Args{} : splitArgs(std::string_view(line).substr(sp + 1));
-    *status = tool(program, args);
+    auto commands = tools_.claim(line);
+    if (!commands) return false;
+    history_.add(line);
+    if (!failureFor(line, status)) *status = tools_.run(*commands);
     return true;
 }
 
-int PseEngine::tool(const std::string &program, const Args &args) {
-    if (program == "sppe_ioctl") return sppeIoctl(args);
-    if (program == "vlan_table_func") return vlanTable(args);
-    if (program == "arl_table_func") return arlTable(args);
-    if (program == "rate_limit_func") return rateLimitSet(args);
-    if (program == "tc_func") return tcSet(args);
-    if (program == "queue_weight_func") return queueWeightSet(args);
-    if (program == "pri_ctl_func") return priCtlSet(args);
-    return kUsageStatus;
+void PseEngine::addTools() {
+    auto plain = [this](int (PseEngine::*fn)(const Args &)) {
+        return [this, fn](const Args &args, ToolBox::Io &) { return (this->*fn)(args); };
+    };
+    auto piped = [this](int (PseEngine::*fn)(const Args &, ToolBox::Io &)) {
+        return [this, fn](const Args &args, ToolBox::Io &io) { return (this->*fn)(args, io); };
+    };
+    tools_.add("sppe_ioctl", plain(&PseEngine::sppeIoctl));
+    tools_.add("vlan_table_func", plain(&PseEngine::vlanTable));
+    tools_.add("arl_table_func", plain(&PseEngine::arlTable));
+    tools_.add("rate_limit_func", plain(&PseEngine::rateLimitSet));
+    tools_.add("tc_func", plain(&PseEngine::tcSet));
+    tools_.add("queue_weight_func", plain(&PseEngine::queueWeightSet));
+    tools_.add("pri_ctl_func", plain(&PseEngine::priCtlSet));
+    tools_.add(kMemrwPath, piped(&PseEngine::memrw));
+    // The filters of the register pipelines serve them only.
+    tools_.add("grep", piped(&PseEngine::grep), false);
+    tools_.add("cut", piped(&PseEngine::cut), false);
+    tools_.add("awk", piped(&PseEngine::awk), false);
 }
 
 // sppe_ioctl rl enable|disable
 int PseEngine::sppeIoctl(const Args &args) {
-    if (args.size() != 2 || args[0] != "rl") return kUsageStatus;
-    if (args[1] == "enable") qos_ = true;
-    else if (args[1] == "disable") qos_ = false;
-    else return kUsageStatus;
+    if (auto r = tools_.arity("sppe_ioctl", args.size(), 2, 2)) return *r;
+    if (args[0] != "rl" || (args[1] != "enable" && args[1] != "disable"))
+        return tools_.usage("sppe_ioctl", "usage: sppe_ioctl rl enable|disable");
+    qos_ = args[1] == "enable";
     return 0;
 }
 
-// vlan_table_func edit <index> <isWan> <etagMap> <mbMap> <vid> <mac> <valid>
+// vlan_table_func edit <index> <isWan> <etagMap> <mbMap> <vid> [<mac>] <valid>
 int PseEngine::vlanTable(const Args &args) {
-    if (args.size() != 8 || args[0] != "edit") return kUsageStatus;
+    if (auto r = tools_.arity("vlan_table_func", args.size(), 7, 8)) return *r;
+    if (args[0] != "edit") return tools_.usage("vlan_table_func", "unknown operation " + args[0]);
+    const bool withMac = args.size() == 8;
     VlanEntry e;
     if (!parseIntIn(args[1], 0, INT_MAX, &e.index) || !parseFlag(args[2], &e.isWan) ||
         !parseHex(args[3], &e.etagMap) || !parseHex(args[4], &e.mbMap) ||
-        !parseIntIn(args[5], 0, kMaxVlanId, &e.vlanId) || !parseMac(args[6], true, &e.mac) ||
-        !parseFlag(args[7], &e.valid))
-        return kUsageStatus;
+        !parseIntIn(args[5], 0, kMaxVlanId, &e.vlanId) || (withMac && !parseMac(args[6], &e.mac)) ||
+        !parseFlag(args.back(), &e.valid))
+        return tools_.usage("vlan_table_func", "invalid value");
     vlans_[e.index] = e;
     return 0;
 }
 
 // arl_table_func add <mac> <vid> <portMap> <flags> | del <mac> <vid>
 int PseEngine::arlTable(const Args &args) {
-    if (args.empty()) return kUsageStatus;
+    if (auto r = tools_.arity("arl_table_func", args.size(), 1, 5)) return *r;
     ArlEntry e;
-    if (args[0] == "add") {
-        if (args.size() != 5 || !parseMac(args[1], false, &e.mac) ||
-            !parseIntIn(args[2], 0, kMaxVlanId, &e.vlanId) || !parseHex(args[3], &e.portMap) ||
-            !parseHex(args[4], &e.flags))
-            return kUsageStatus;
-        auto it = std::find_if(arl_.begin(), arl_.end(), [&](const ArlEntry &a) {
-            return a.mac == e.mac && a.vlanId == e.vlanId;
-        });
-        if (it != arl_.end()) *it = e;
-        else arl_.push_back(e);
-        return 0;
+    const bool add = args[0] == "add";
+    if (!add && args[0] != "del") return tools_.usage("arl_table_func", "unknown operation " + args[0]);
+    if (auto r = tools_.arity("arl_table_func " + args[0], args.size(), add ? 5u : 3u, add ? 5u : 3u)) return *r;
+    if (!parseMac(args[1], &e.mac) || !parseIntIn(args[2], 0, kMaxVlanId, &e.vlanId) ||
+        (add && (!parseHex(args[3], &e.portMap) || !parseHex(args[4], &e.flags))))
+        return tools_.usage("arl_table_func", "invalid value");
+    auto same = [&](const ArlEntry &a) { return a.mac == e.mac && a.vlanId == e.vlanId; };
+    auto it = std::find_if(arl_.begin(), arl_.end(), same);
+    if (!add) {
+        if (it != arl_.end()) arl_.erase(it);
+    } else if (it != arl_.end()) {
+        *it = e;
+    } else {
+        arl_.push_back(e);
     }
-    if (args[0] == "del") {
-        // An empty address names no entry: nothing to remove.
-        if (args.size() != 3 || !parseMac(args[1], true, &e.mac) ||
-            !parseIntIn(args[2], 0, kMaxVlanId, &e.vlanId))
-            return kUsageStatus;
-        arl_.erase(std::remove_if(arl_.begin(), arl_.end(),
-                                  [&](const ArlEntry &a) {
-                                      return a.mac == e.mac && a.vlanId == e.vlanId;
-                                  }),
-                   arl_.end());
-        return 0;
-    }
-    return kUsageStatus;
+    return 0;
 }
 
 // rate_limit_func set <port> <value 0-127> <unit 0-2>
 int PseEngine::rateLimitSet(const Args &args) {
+    if (auto r = tools_.arity("rate_limit_func", args.size(), 4, 4)) return *r;
     int port = 0;
     RateLimit r;
-    if (args.size() != 4 || args[0] != "set" || !parseIntIn(args[1], 0, INT_MAX, &port) ||
-        !parseIntIn(args[2], 0, 127, &r.value) || !parseIntIn(args[3], 0, 2, &r.unit))
-        return kUsageStatus;
+    if (args[0] != "set" || !parseIntIn(args[1], 0, INT_MAX, &port) || !parseIntIn(args[2], 0, 127, &r.value) ||
+        !parseIntIn(args[3], 0, 2, &r.unit))
+        return tools_.usage("rate_limit_func", "invalid value");
     rateLimits_[port] = r;
     return 0;
 }
 
 // tc_func set <0-2>
 int PseEngine::tcSet(const Args &args) {
+    if (auto r = tools_.arity("tc_func", args.size(), 2, 2)) return *r;
     int tc = 0;
-    if (args.size() != 2 || args[0] != "set" || !parseIntIn(args[1], 0, 2, &tc)) return kUsageStatus;
+    if (args[0] != "set" || !parseIntIn(args[1], 0, 2, &tc)) return tools_.usage("tc_func", "invalid value");
     trafficClass_ = tc;
     return 0;
 }
 
 // queue_weight_func set <port> <mode 0-2> <e1> <e2> <e3> <e4>
 int PseEngine::queueWeightSet(const Args &args) {
+    if (auto r = tools_.arity("queue_weight_func", args.size(), 7, 7)) return *r;
     int port = 0;
     QueueWeights w;
-    if (args.size() != 7 || args[0] != "set" || !parseIntIn(args[1], 0, INT_MAX, &port) ||
-        !parseIntIn(args[2], 0, 2, &w.mode))
-        return kUsageStatus;
-    for (size_t i = 0; i < 4; ++i)
-        if (!parseInt(args[3 + i], &w.exponents[i])) return kUsageStatus;
+    bool ok = args[0] == "set" && parseIntIn(args[1], 0, INT_MAX, &port) && parseIntIn(args[2], 0, 2, &w.mode);
+    for (size_t i = 0; ok && i < 4; ++i) ok = parseInt(args[3 + i], &w.exponents[i]);
+    if (!ok) return tools_.usage("queue_weight_func", "invalid value");
     weights_[port] = w;
     return 0;
 }
 
 // pri_ctl_func set <port> <f1> <f2> <f3> <f4> <f5>
 int PseEngine::priCtlSet(const Args &args) {
+    if (auto r = tools_.arity("pri_ctl_func", args.size(), 7, 7)) return *r;
     int port = 0;
     TrustFlags f{};
-    if (args.size() != 7 || args[0] != "set" || !parseIntIn(args[1], 0, INT_MAX, &port))
-        return kUsageStatus;
-    for (size_t i = 0; i < f.size(); ++i)
-        if (!parseFlag(args[2 + i], &f[i])) return kUsageStatus;
+    bool ok = args[0] == "set" && parseIntIn(args[1], 0, INT_MAX, &port);
+    for (size_t i = 0; ok && i < f.size(); ++i) ok = parseFlag(args[2 + i], &f[i]);
+    if (!ok) return tools_.usage("pri_ctl_func", "invalid value");
     trust_[port] = f;
-    return 0;
-}
-
-// The set or clear pipeline for one register and bit. The tool reads the
-// register, awk changes the bit and prints the new value as "%#x" of the
-// high half followed by "%x" of the low half, and the tool writes that
-// text back, read as hexadecimal: leading zeros of the low half are lost.
-int PseEngine::pausePipeline(const std::string &line) {
-    const size_t addrEnd = line.find(' ', kMemrw.size());
-    const size_t bitAt = line.find("lshift(1,");
-    if (addrEnd == std::string::npos || bitAt == std::string::npos) return kUsageStatus;
-    uint32_t addr = 0;
-    int bit = 0;
-    const size_t bitStart = bitAt + 9;
-    const size_t bitEnd = line.find(')', bitStart);
-    if (!parseHex(line.substr(kMemrw.size(), addrEnd - kMemrw.size()), &addr) ||
-        bitEnd == std::string::npos ||
-        !parseIntIn(line.substr(bitStart, bitEnd - bitStart), 0, 31, &bit))
-        return kUsageStatus;
-
-    bool set;
-    if (line == composePipeline(kSetPipeline, addr, bit)) set = true;
-    else if (line == composePipeline(kClearPipeline, addr, bit)) set = false;
-    else return kUsageStatus;
-
-    const uint32_t current = reg(addr);
-    const uint32_t mask = 1u << bit;
-    const uint32_t res = set ? (current | mask) : (current & ~mask);
-    char text[32];
-    std::snprintf(text, sizeof text, "%#x%x", res >> 16, res & 0xFFFFu);
-    regs_[addr] = static_cast<uint32_t>(std::strtoul(text, nullptr, 16));
     return 0;
 }
 
@@ -341,7 +268,7 @@ const PseEngine::VlanEntry *PseEngine::vlanEntry(int index) const {
 
 const PseEngine::ArlEntry *PseEngine::arlEntry(const std::string &mac, int vlanId) const {
     std::string key;
-    if (!parseMac(mac, false, &key)) return nullptr;
+    if (!parseMac(mac, &key)) return nullptr;
     for (const auto &a : arl_)
         if (a.mac == key && a.vlanId == vlanId) return &a;
     return nullptr;
@@ -399,6 +326,7 @@ int PseEngine::onSystem(void *ctx, const char *command, int *status) {
     auto *self = static_cast<PseEngine *>(ctx);
     if (command == nullptr) return 0;
     if (self->run(command, status)) {
+        *status <<= 8;  // system() gives a wait status
         // The hook before us still sees the line (a capture records it);
         // the engine's status is the one returned.
         if (self->prevSystem_ != nullptr) {

@@ -1,12 +1,26 @@
 // Model of the packet switch engine as its command-line tools see it. While
 // attached it takes the tools' command lines from the command seam and the
-// register pipelines from the C library's system(), keeps the engine's
-// tables and registers, refuses malformed lines the way a tool does (a
-// non-zero exit status, nothing changed) and passes every other line on.
+// register pipelines from the C library's system(), reads each line as the
+// device's shell does (shell.h), keeps the engine's tables and registers,
+// and passes every line that is not the engine's on.
 //
-// Lines are taken as the driver composes them: arguments are separated by
-// single spaces, so an empty MAC field shows as two spaces in a row, and a
-// MAC text may end in a newline, which belongs to its argument.
+// What the model assumes of the engine's tools (each refusal is status 1,
+// changes nothing and is noted in the history):
+// - Each tool takes exactly the arguments shown with its handler below;
+//   fewer or more, or a value out of range, is a usage error.
+// - vlan_table_func edit reads a MAC address only when it is given seven
+//   values after "edit"; with six (the shell drops the empty field of a
+//   VLAN no port joins) the entry has none. The MAC text's newline ends
+//   the shell command, so a line carrying it runs the tool with too few
+//   values, and what follows the newline runs as a command of its own
+//   (not found, 127).
+// - /sysx2.0/bin/memrw <address> w prints "Value: 0x%08x"; given a third
+//   argument it writes that value. Both numbers are read as C's strtoul
+//   with base 0 reads them (0x hexadecimal, a leading 0 octal, otherwise
+//   decimal), the whole word or nothing.
+// - The pipelines' grep (a fixed word), cut (-d, -f) and awk (awk.h) act
+//   as their usual namesakes; a tool's own usage error there is status 2.
+// - system() reports the pipeline's status as a wait status (status << 8).
 #ifndef SWMGR_SIM_PSE_ENGINE_H
 #define SWMGR_SIM_PSE_ENGINE_H
 
@@ -18,13 +32,15 @@
 #include <vector>
 
 #include "osa_port.h"
+#include "shell.h"
 
 namespace swsim {
 
 class PseEngine {
 public:
     // Exit status of a tool given arguments it cannot take.
-    static constexpr int kUsageStatus = 2;
+    static constexpr int kUsageStatus = ToolBox::kUsage;
+    static constexpr const char *kMemrwPath = "/sysx2.0/bin/memrw";
     // The registers that pause frames live in (bit 31 of each).
     static constexpr std::array<uint32_t, 3> kPauseRegisters{0x7000000Cu, 0x70000010u,
                                                              0x70000018u};
@@ -101,8 +117,11 @@ public:
     uint32_t reg(uint32_t addr) const;
     void setReg(uint32_t addr, uint32_t value);
     const std::map<uint32_t, uint32_t> &registers() const { return regs_; }
-    // Lines the engine took, in order (refused and failed ones included).
-    const std::vector<std::string> &handled() const { return handled_; }
+    // The most recent lines the engine took (refused and failed ones
+    // included), each followed by what its tools refused and what was not
+    // found.
+    const History &history() const { return history_; }
+    void setHistoryLimit(std::size_t n) { history_.setLimit(n); }
 
     // Readable state, one item a line:
     //   "qos enabled" ("disabled", "unset")
@@ -122,9 +141,9 @@ private:
         int status;
         int times;
     };
-    using Args = std::vector<std::string>;
+    using Args = Words;
 
-    int tool(const std::string &program, const Args &args);
+    void addTools();
     int sppeIoctl(const Args &args);
     int vlanTable(const Args &args);
     int arlTable(const Args &args);
@@ -132,7 +151,10 @@ private:
     int tcSet(const Args &args);
     int queueWeightSet(const Args &args);
     int priCtlSet(const Args &args);
-    int pausePipeline(const std::string &line);
+    int memrw(const Args &args, ToolBox::Io &io);
+    int grep(const Args &args, ToolBox::Io &io);
+    int cut(const Args &args, ToolBox::Io &io);
+    int awk(const Args &args, ToolBox::Io &io);
     bool failureFor(const std::string &line, int *status);
 
     static int onCommand(void *ctx, const char *command, int *status);
@@ -147,7 +169,8 @@ private:
     std::map<int, TrustFlags> trust_;
     std::map<uint32_t, uint32_t> regs_;
     std::vector<Failure> failures_;
-    std::vector<std::string> handled_;
+    History history_;
+    ToolBox tools_{history_};
     bool attached_ = false;
     OsaCmdHook prevSystem_ = nullptr;
     void *prevSystemCtx_ = nullptr;

@@ -14,11 +14,12 @@ TEST_F(BcmTest, QosRecordsAndTheirResults) {
     EXPECT_EQ(0, bcmQoSConfigure(sw, &on));
     EXPECT_EQ(0, bcmPauseFrameConfigure(sw, &on));
     EXPECT_EQ(0, bcmRateLimitConfigure(sw, &rate));
-    EXPECT_EQ(0, bcmTrustModeConfigure(sw, &trust));
+    EXPECT_EQ(-22, bcmTrustModeConfigure(sw, &trust));  // no such mode: the bytes still show the layout
     EXPECT_EQ(requests(), (Requests{{kQos, {1, 0, 0, 0}}, {kPause, {1, 0, 0, 0}},
                                     {kRate, {3, 0, 1, 0xa0, 0x86, 0x01, 0x00}}, {kTrust, {2, 0, 4, 3, 2, 1}}}));
 
     cap->clear();
+    trust.trustMode = 4;
     rate.portNumber = trust.portNumber = 9;  // the chip refuses
     EXPECT_EQ(-22, bcmRateLimitConfigure(sw, &rate));
     EXPECT_EQ(-22, bcmTrustModeConfigure(sw, &trust));

@@ -29,7 +29,7 @@ TEST_F(PseTest, RateLimitsQosAndTrustModes) {
                  {3, 1, 8129, 0, "rate_limit_func set 3 7 1"},    {3, 1, 130048, 0, "rate_limit_func set 3 127 1"},
                  {3, 1, 130049, 0, "rate_limit_func set 3 12 2"}, {3, 1, 1300480, 0, "rate_limit_func set 3 127 2"},
                  {3, 1, 10, 0, "rate_limit_func set 3 0 1"},      {3, 0, 999999, 0, "rate_limit_func set 3 0 0"},
-                 {3, 1, 63, 0, "rate_limit_func set 3 0 1"},      {3, 1, -5000, 2, "rate_limit_func set 3 -4 1"},
+                 {3, 1, 63, 0, "rate_limit_func set 3 0 1"},      {3, 1, -5000, 1, "rate_limit_func set 3 -4 1"},
                  {3, 1, 1300481, -1, nullptr},                   {3, 2, 64, -1, nullptr},
                  {4, 1, 64, -1, nullptr}};
     for (const auto &c : cases) {

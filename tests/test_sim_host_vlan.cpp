@@ -43,11 +43,21 @@ TEST_F(HostVlanModelTest, KeepsTheToolsStateAndRefusesWhatTheyRefuse) {
     EXPECT_EQ(host.dump(), "eth0 down\neth1 up\n");
 }
 
-TEST_F(HostVlanModelTest, PassesOnWhatItDoesNotModel) {
-    for (const char *line : {"vconfig set_flag eth0.100 1 1", "ifconfig eth0", "ip link",
-                             "vconfig add eth0 100 >/dev/null", "ifconfig eth0 up; reboot"})
+TEST_F(HostVlanModelTest, ReadsLinesAsTheShellAndPassesOnWhatIsNotItsOwn) {
+    for (const char *line : {"ip link", "vconfig add eth0 100 >/dev/null", "echo; ifconfig eth0 up"})
         EXPECT_EQ(run(line), 42) << line;
-    EXPECT_TRUE(host.handled().empty());
+    EXPECT_TRUE(host.history().entries().empty());
+
+    const std::vector<std::pair<const char *, int>> lines{
+        {"vconfig set_flag eth0.100 1 1", 1}, {"vconfig add eth0", 1}, {"ifconfig", 1},
+        {"ifconfig eth0", 0},  {"vconfig add 'eth0' 7\n", 0}, {"ifconfig eth0.7 up; reboot", 127}};
+    for (const auto &[line, status] : lines) EXPECT_EQ(run(line), status) << line;
+    EXPECT_EQ(host.history().last(20),
+              (std::vector<std::string>{"vconfig set_flag eth0.100 1 1", "vconfig: unknown operation set_flag",
+                                        "vconfig add eth0", "vconfig add: usage: too few arguments (2)", "ifconfig",
+                                        "ifconfig: usage: too few arguments (0)", "ifconfig eth0",
+                                        "vconfig add 'eth0' 7\n", "ifconfig eth0.7 up; reboot", "reboot: not found"}));
+    EXPECT_TRUE(host.find("eth0.7")->up);
 }
 
 }  // namespace

@@ -6,16 +6,21 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <set>
 #include <vector>
 
 #include "osa_port.h"
+#include "portvlan/portvlan.h"
+#include "switch/switch.h"
 
 namespace swtool {
 namespace {
 
-constexpr size_t kRefusedKept = 50;
+constexpr size_t kHistoryShown = 20;
+// Bounds every model's history (and the lines no model took).
+constexpr const char kHistoryEnv[] = "SWMGR_SIM_HISTORY";
 
 // Rows of a one-column query; empty when the table or column is missing.
 std::vector<std::string> column(sqlite3 *db, const char *sql) {
@@ -121,9 +126,58 @@ nlohmann::json hostJson(const swsim::HostVlanModel &h) {
     return j;
 }
 
+// The switches as the service holds them: level, ports with the lower
+// ports each stands for, VLANs with their member and untagged ports.
+nlohmann::json topologyJson() {
+    nlohmann::json out = nlohmann::json::array();
+    for (auto *sw = static_cast<Switch *>(osaListFirst(&switchTbl)); sw != nullptr;
+         sw = static_cast<Switch *>(osaListNext(sw))) {
+        nlohmann::json ports = nlohmann::json::array(), vlans = nlohmann::json::array();
+        for (auto *p = static_cast<SwitchPort *>(osaListFirst(&sw->portList)); p != nullptr;
+             p = static_cast<SwitchPort *>(osaListNext(p))) {
+            nlohmann::json mapped = nlohmann::json::array();
+            for (auto *m = static_cast<SwitchPortMapEntry *>(osaListFirst(&p->mappedPorts)); m != nullptr;
+                 m = static_cast<SwitchPortMapEntry *>(osaListNext(m))) {
+                if (m->port == nullptr || m->port->sw == nullptr) continue;
+                mapped.push_back({{"switch", std::string(m->port->sw->switchName, strnlen(m->port->sw->switchName,
+                                                                                           sizeof m->port->sw->switchName))},
+                                  {"port", m->port->portNumber}});
+            }
+            ports.push_back({{"port", p->portNumber}, {"mapped", mapped}});
+        }
+        for (auto *v = static_cast<SwitchVlan *>(osaListFirst(&sw->vlanList)); v != nullptr;
+             v = static_cast<SwitchVlan *>(osaListNext(v)))
+            vlans.push_back({{"vlanId", v->vlanId}, {"fwdMap", v->fwdMap}, {"untagMap", v->untagMap}});
+        out.push_back({{"name", std::string(sw->switchName, strnlen(sw->switchName, sizeof sw->switchName))},
+                       {"level", sw->switchLevel},
+                       {"ports", ports},
+                       {"vlans", vlans}});
+    }
+    return out;
+}
+
+void appendHistory(std::string &out, const char *title, const swsim::History &h) {
+    if (h.entries().empty()) return;
+    out += std::string("== ") + title + " (the last " + std::to_string(kHistoryShown) + " at most)\n";
+    for (const auto &e : h.last(kHistoryShown)) {
+        std::string line = e;
+        for (char &c : line)
+            if (c == '\n') c = '|';  // one entry a line; the newline shows where the shell split
+        out += "  " + line + "\n";
+    }
+}
+
 }  // namespace
 
 SimHost::~SimHost() { stop(); }
+
+void SimHost::setHistoryLimit(size_t n) {
+    historyLimit_ = n;
+    refused_.setLimit(n);
+    if (chip_) chip_->setHistoryLimit(n);
+    if (engine_) engine_->setHistoryLimit(n);
+    if (host_) host_->setHistoryLimit(n);
+}
 
 bool SimHost::start(const std::string &dbPath, const std::string &stateDir, std::string &err) {
     sqlite3 *db = nullptr;
@@ -137,6 +191,16 @@ bool SimHost::start(const std::string &dbPath, const std::string &stateDir, std:
     for (auto &p : column(db, "SELECT DISTINCT interfaceName FROM vlanEncapIf"))
         if (std::find(parents.begin(), parents.end(), p) == parents.end()) parents.push_back(p);
     sqlite3_close(db);
+
+    if (const char *limit = std::getenv(kHistoryEnv); limit != nullptr) {
+        char *end = nullptr;
+        unsigned long n = std::strtoul(limit, &end, 10);
+        if (*limit == '\0' || *end != '\0' || n > 1000000) {
+            err = std::string(kHistoryEnv) + " must be a number of lines up to 1000000";
+            return false;
+        }
+        historyLimit_ = n;
+    }
 
     // The system stamps files into /var, which a device always has.
     root_ = stateDir + "/root";
@@ -162,6 +226,7 @@ bool SimHost::start(const std::string &dbPath, const std::string &stateDir, std:
     osaPortSystemHookSet(systemLine, this);
     osaPortCmdFallbackSet(refuseCommand, this);
     osaPortFileRootSet(root_.c_str());
+    setHistoryLimit(historyLimit_);
     started_ = true;
     return true;
 }
@@ -178,10 +243,7 @@ void SimHost::stop() {
     started_ = false;
 }
 
-void SimHost::remember(const char *command) {
-    refused_.emplace_back(command != nullptr ? command : "");
-    while (refused_.size() > kRefusedKept) refused_.pop_front();
-}
+void SimHost::remember(const char *command) { refused_.add(command != nullptr ? command : ""); }
 
 int SimHost::refuseCommand(void *ctx, const char *command, int *status) {
     static_cast<SimHost *>(ctx)->remember(command);
@@ -206,10 +268,10 @@ std::string SimHost::text() const {
     out += engine_->dump();
     out += "== host VLAN interfaces\n";
     out += host_->dump();
-    if (!refused_.empty()) {
-        out += "== commands no model took (not run)\n";
-        for (const auto &c : refused_) out += c + (c.empty() || c.back() != '\n' ? "\n" : "");
-    }
+    appendHistory(out, "chip: refused requests", chip_->history());
+    appendHistory(out, "engine: lines and what the tools said", engine_->history());
+    appendHistory(out, "host: lines and what the tools said", host_->history());
+    appendHistory(out, "lines no model took (not run, status 127)", refused_);
     return out;
 }
 
@@ -218,7 +280,12 @@ nlohmann::json SimHost::json() const {
     return {{"chip", chipJson(*chip_, device_)},
             {"engine", engineJson(*engine_)},
             {"host", hostJson(*host_)},
-            {"unsimulated", refused_},
+            {"unsimulated", refused_.last(kHistoryShown)},
+            {"history",
+             {{"chip", chip_->history().last(kHistoryShown)},
+              {"engine", engine_->history().last(kHistoryShown)},
+              {"host", host_->history().last(kHistoryShown)}}},
+            {"topology", topologyJson()},
             {"fileRoot", root_}};
 }
 

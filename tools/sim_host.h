@@ -5,7 +5,6 @@
 #ifndef SWMGR_TOOLS_SIM_HOST_H
 #define SWMGR_TOOLS_SIM_HOST_H
 
-#include <deque>
 #include <memory>
 #include <string>
 
@@ -33,6 +32,9 @@ public:
     std::string text() const;
     nlohmann::json json() const;
 
+    // Lines each model keeps (also from $SWMGR_SIM_HISTORY at start).
+    void setHistoryLimit(size_t n);
+
     const std::string &device() const { return device_; }
     const std::string &fileRoot() const { return root_; }
 
@@ -46,7 +48,8 @@ private:
     std::unique_ptr<swsim::HostVlanModel> host_;
     std::string device_;
     std::string root_;
-    std::deque<std::string> refused_;  // the latest lines no model took
+    swsim::History refused_;  // the latest lines no model took
+    size_t historyLimit_ = swsim::History::kDefaultLimit;
     OsaCmdHook engineSystem_ = nullptr;
     void *engineSystemCtx_ = nullptr;
     bool started_ = false;

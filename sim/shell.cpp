@@ -1,0 +1,192 @@
+#include "shell.h"
+
+#include <cstring>
+
+namespace swsim {
+
+namespace {
+
+bool blank(char c) { return c == ' ' || c == '\t'; }
+
+// Unquoted characters that would make the shell expand or redirect.
+bool beyondReader(char c) { return std::strchr("$`*?[<>&(){}~", c) != nullptr; }
+
+class Reader {
+public:
+    std::optional<std::vector<ShellCommand>> parse(std::string_view line) {
+        size_t i = 0;
+        while (i < line.size()) {
+            char c = line[i];
+            if (blank(c)) {
+                endWord();
+                ++i;
+            } else if (c == '\n' || c == ';') {
+                if (!endCommand()) return std::nullopt;
+                ++i;
+            } else if (c == '|') {
+                if (!endStage()) return std::nullopt;
+                ++i;
+            } else if (c == '#' && !inWord_) {
+                while (i < line.size() && line[i] != '\n') ++i;
+            } else if (c == '\'') {
+                size_t close = line.find('\'', i + 1);
+                if (close == std::string_view::npos) return std::nullopt;
+                word_.append(line.substr(i + 1, close - i - 1));
+                inWord_ = true;
+                i = close + 1;
+            } else if (c == '"') {
+                if (!doubleQuoted(line, &i)) return std::nullopt;
+            } else if (c == '\\') {
+                if (i + 1 >= line.size()) return std::nullopt;
+                if (line[i + 1] != '\n') {
+                    word_ += line[i + 1];
+                    inWord_ = true;
+                }
+                i += 2;
+            } else if (beyondReader(c)) {
+                return std::nullopt;
+            } else {
+                word_ += c;
+                inWord_ = true;
+                ++i;
+            }
+        }
+        if (!endCommand()) return std::nullopt;
+        return std::move(commands_);
+    }
+
+private:
+    bool doubleQuoted(std::string_view line, size_t *at) {
+        size_t i = *at + 1;
+        inWord_ = true;
+        for (; i < line.size() && line[i] != '"'; ++i) {
+            char c = line[i];
+            if (c == '$' || c == '`') return false;
+            if (c == '\\' && i + 1 < line.size() && std::strchr("\"\\$`\n", line[i + 1]) != nullptr) {
+                if (line[i + 1] != '\n') word_ += line[i + 1];
+                ++i;
+                continue;
+            }
+            word_ += c;
+        }
+        if (i >= line.size()) return false;
+        *at = i + 1;
+        return true;
+    }
+    void endWord() {
+        if (inWord_) stage_.push_back(std::move(word_));
+        word_.clear();
+        inWord_ = false;
+    }
+    bool endStage() {
+        endWord();
+        if (stage_.empty()) return false;  // "| x" or "x || y"
+        command_.stages.push_back(std::move(stage_));
+        stage_.clear();
+        return true;
+    }
+    bool endCommand() {
+        endWord();
+        if (stage_.empty()) return command_.stages.empty();  // "x |" then the end
+        if (!endStage()) return false;
+        commands_.push_back(std::move(command_));
+        command_ = {};
+        return true;
+    }
+
+    std::string word_;
+    bool inWord_ = false;
+    Words stage_;
+    ShellCommand command_;
+    std::vector<ShellCommand> commands_;
+};
+
+std::string_view baseName(std::string_view program) {
+    size_t slash = program.rfind('/');
+    return slash == std::string_view::npos ? program : program.substr(slash + 1);
+}
+
+}  // namespace
+
+std::optional<std::vector<ShellCommand>> shellParse(std::string_view line) { return Reader().parse(line); }
+
+void History::add(std::string entry) {
+    if (limit_ == 0) return;
+    while (entries_.size() >= limit_) entries_.pop_front();
+    entries_.push_back(std::move(entry));
+}
+
+void History::setLimit(std::size_t limit) {
+    limit_ = limit;
+    while (entries_.size() > limit_) entries_.pop_front();
+}
+
+std::vector<std::string> History::last(std::size_t n) const {
+    const std::size_t from = entries_.size() > n ? entries_.size() - n : 0;
+    return {entries_.begin() + static_cast<std::ptrdiff_t>(from), entries_.end()};
+}
+
+void ToolBox::add(const std::string &program, Tool tool, bool entry) {
+    tools_[program] = {std::move(tool), entry};
+}
+
+const ToolBox::Tool *ToolBox::find(const std::string &program, bool *entry) const {
+    auto it = tools_.find(program);
+    // A path names one file; a bare name is found wherever PATH has it.
+    if (it == tools_.end() && program.find('/') != std::string::npos) it = tools_.find(std::string(baseName(program)));
+    if (it == tools_.end()) return nullptr;
+    if (entry != nullptr) *entry = it->second.second;
+    return &it->second.first;
+}
+
+std::optional<std::vector<ShellCommand>> ToolBox::claim(const std::string &line) const {
+    auto commands = shellParse(line);
+    if (!commands || commands->empty()) return std::nullopt;
+    bool entry = false;
+    if (find(commands->front().stages.front().front(), &entry) == nullptr || !entry) return std::nullopt;
+    return commands;
+}
+
+int ToolBox::run(const std::string &line) {
+    auto commands = shellParse(line);
+    if (!commands) {
+        history_.add("sh: cannot read: " + line);
+        return 2;  // the shell's status for a line it cannot parse
+    }
+    return run(*commands);
+}
+
+int ToolBox::run(const std::vector<ShellCommand> &commands) {
+    int status = 0;
+    for (const ShellCommand &c : commands) {
+        Io io;
+        for (const Words &stage : c.stages) {
+            io.in = std::move(io.out);
+            io.out.clear();
+            status = runStage(stage, io);
+        }
+    }
+    return status;
+}
+
+int ToolBox::runStage(const Words &stage, Io &io) {
+    const Tool *tool = find(stage.front());
+    if (tool == nullptr) {
+        history_.add(stage.front() + ": not found");
+        return kNotFound;
+    }
+    return (*tool)(Words(stage.begin() + 1, stage.end()), io);
+}
+
+int ToolBox::usage(const std::string &program, const std::string &why) {
+    history_.add(program + ": " + why);
+    return kUsage;
+}
+
+std::optional<int> ToolBox::arity(const std::string &program, std::size_t n, std::size_t lo, std::size_t hi) {
+    if (n < lo) return usage(program, "usage: too few arguments (" + std::to_string(n) + ")");
+    if (n > hi) return usage(program, "usage: too many arguments (" + std::to_string(n) + ")");
+    return std::nullopt;
+}
+
+}  // namespace swsim
