@@ -242,7 +242,8 @@ int BcmChip::serve(unsigned code, uint8_t *a, uintptr_t value, const char **why)
             pt.cosQueue[a[2]] = a[4];
             return 0;
         default:
-            return refuse("unknown request");
+            *why = "unknown request";
+            return kEnotty;
     }
 }
 

@@ -96,4 +96,70 @@ TEST_F(BcmTest, ReadOnlyQueriesAndDumps) {
     EXPECT_EQ(-1, bcmIsPortInVlanFwdMap(0, 5000));  // a refused query is no answer
 }
 
+// The chip holds every field to its definition and to what the driver
+// sends; anything else is -EINVAL (or -ENOTTY, -EFAULT) with nothing changed.
+TEST(BcmChipModel, RefusesEveryFieldOutsideWhatTheDriverSends) {
+    struct Case {
+        unsigned code;
+        Bytes arg;        // empty: the integer below is the argument
+        uintptr_t value;
+        int result;
+        const char *why;  // nullptr: accepted
+    };
+    const Case cases[] = {
+        {0x20005301u, {}, 1, -22, "argument not 0"},
+        {0x20005302u, {}, 7, -22, "argument not 0"},
+        {0x20005319u, {}, 5, -22, "port out of range"},
+        {0xc0045320u, {2, 0, 0, 0}, 0, -22, "switch not 0 or 1"},
+        {0xc0045321u, {0, 0, 0, 1}, 0, -22, "switch not 0 or 1"},
+        {0x80055310u, {0, 0x10, 0, 0, 0}, 0, -22, "VLAN id out of range"},
+        {0x80055310u, {10, 0, 0, 1, 0}, 0, -22, "reserved bytes not 0"},
+        {0x80075312u, {10, 0, 0x20, 0, 0, 0, 0}, 0, -22, "map beyond the five ports"},
+        {0x80075312u, {10, 0, 1, 0, 0, 1, 0}, 0, -22, "map beyond the five ports"},
+        {0x80075312u, {10, 0, 1, 0, 1, 0, 1}, 0, -22, "last byte not 0"},
+        {0x80055308u, {10, 0, 5, 0, 0}, 0, -22, "port out of range"},
+        {0x8005530bu, {10, 0, 1, 0, 1}, 0, -22, "reserved byte not 0"},
+        {0x80045304u, {1, 0, 5, 0}, 0, -22, "member port out of range"},
+        {0x80065307u, {5, 0, 10, 0, 0, 0}, 0, -22, "port out of range"},
+        {0x80065307u, {1, 0, 0, 0x10, 0, 0}, 0, -22, "VID out of range"},
+        {0x80065307u, {1, 0, 10, 0, 1, 0}, 0, -22, "PRI or CFI not 0"},
+        {0x80065307u, {1, 0, 10, 0, 0, 1}, 0, -22, "PRI or CFI not 0"},
+        {0x80065311u, {1, 0, 2, 0, 0, 0}, 0, -22, "state not 0 or 1"},
+        {0xc006531eu, {1, 0, 5, 0, 0, 0}, 0, -22, "trust mode out of range"},
+        {0xc008531fu, {1, 0, 1, 0, 1, 1, 1, 1}, 0, -22, "reserved byte not 0"},
+        {0xc008531fu, {1, 0, 0, 4, 1, 1, 1, 1}, 0, -22, "scheduling mode out of range"},
+        {0xc0075322u, {1, 0, 2, 0, 0, 0, 0}, 0, -22, "action not 0 or 1"},
+        {0xc0055323u, {1, 0, 8, 0, 0}, 0, -22, "CoS or queue out of range"},
+        {0xc0055323u, {1, 0, 7, 0, 4}, 0, -22, "CoS or queue out of range"},
+        {0xc0055323u, {1, 0, 7, 1, 3}, 0, -22, "reserved byte not 0"},
+        {0x80045399u, {0, 0, 0, 0}, 0, -25, "unknown request"},
+        {0x80065307u, {}, 0, -14, "no argument record"},
+        // What the driver does send.
+        {0x20005301u, {}, 0, 0, nullptr},
+        {0x80065307u, {1, 0, 10, 0, 0, 0}, 0, 0, nullptr},
+        {0x80075312u, {10, 0, 0x1f, 0, 0x01, 0, 0}, 0, 0, nullptr},
+        {0xc0075322u, {1, 0, 1, 0xa0, 0x86, 0x01, 0x00}, 0, 0, nullptr},
+        {0xc0055323u, {1, 0, 7, 0, 3}, 0, 0, nullptr},
+    };
+    swsim::BcmChip chip;
+    const std::string fresh = chip.describe();
+    std::vector<std::string> expected;
+    for (const auto &c : cases) {
+        Bytes arg = c.arg;
+        void *p = c.arg.empty() ? reinterpret_cast<void *>(c.value) : arg.data();
+        EXPECT_EQ(c.result, chip.handle(c.code, p)) << std::hex << c.code;
+        if (c.why == nullptr) continue;
+        EXPECT_EQ(fresh, chip.describe()) << std::hex << c.code;
+        char entry[128];
+        std::snprintf(entry, sizeof entry, "request 0x%08x refused (%d): %s", c.code, c.result, c.why);
+        expected.push_back(entry);
+    }
+    EXPECT_EQ(std::vector<std::string>(chip.history().entries().begin(), chip.history().entries().end()), expected);
+    EXPECT_TRUE(chip.state().vlanEnabled);
+    EXPECT_EQ(chip.port(1).tag, (swsim::BcmChip::Tag{10, 0, 0}));
+    EXPECT_EQ(chip.vlan(10), (swsim::BcmChip::VlanEntry{0x1f, 0x01}));
+    EXPECT_EQ(chip.port(1).rate, (swsim::BcmChip::RateLimit{1, 100000}));
+    EXPECT_EQ(chip.port(1).cosQueue, (std::map<uint8_t, uint8_t>{{7, 3}}));
+}
+
 }  // namespace
