@@ -160,9 +160,8 @@ void appendHistory(std::string &out, const char *title, const swsim::History &h)
     if (h.entries().empty()) return;
     out += std::string("== ") + title + " (the last " + std::to_string(kHistoryShown) + " at most)\n";
     for (const auto &e : h.last(kHistoryShown)) {
-        std::string line = e;
-        for (char &c : line)
-            if (c == '\n') c = '|';  // one entry a line; the newline shows where the shell split
+        std::string line;
+        for (char c : e) line += c == '\n' ? std::string("\\n") : std::string(1, c);  // one entry a line
         out += "  " + line + "\n";
     }
 }

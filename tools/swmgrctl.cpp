@@ -21,6 +21,7 @@
 #include "config/swconf.h"
 #include "portvlan/portvlan.h"
 #include "service/swmgr.h"
+#include "state_dot.h"
 #include "swmgr_tools.h"
 
 namespace {
@@ -366,9 +367,10 @@ int sendCmd(const CmdArgs &a) {
 
 // ----------------------------------------------------------------- state
 
-int showState(bool json) {
+int showState(bool json, bool dot) {
     Bytes data;
     Bytes aux(swtool::kStateReplyMax);
+    json = json || dot;
     Reply r = request(swtool::kSimModule, json ? swtool::kSimStateJson : swtool::kSimStateText, data, &aux);
     if (!r.delivered) {
         std::fprintf(stderr, "swmgrctl: state: %s (is swmgrd running with --sim?)\n", mbusPortLastError());
@@ -383,7 +385,7 @@ int showState(bool json) {
             std::fprintf(stderr, "swmgrctl: state: the daemon's reply is not JSON\n");
             return kRefused;
         }
-        std::printf("%s\n", j.dump(2).c_str());
+        std::fputs(dot ? swtool::topologyDot(j).c_str() : (j.dump(2) + "\n").c_str(), stdout);
     } else {
         std::fputs(text.c_str(), stdout);
     }
@@ -548,10 +550,12 @@ int main(int argc, char **argv) {
     cmdCmd->add_option("--enable", cmd.enable, "qos, pause, vlan-enable: 1 on, 0 off");
     actions.emplace_back(cmdCmd, [&] { code = sendCmd(cmd); });
 
-    bool json = false;
+    bool json = false, dot = false;
     auto *state = app.add_subcommand("state", "show the simulated hardware of swmgrd --sim");
     state->add_flag("--json", json, "as JSON");
-    actions.emplace_back(state, [&] { code = showState(json); });
+    state->add_flag("--dot", dot, "the switches, ports, port mapping and VLANs as a Graphviz graph (dot -Tsvg)")
+        ->excludes("--json");
+    actions.emplace_back(state, [&] { code = showState(json, dot); });
 
     int logCount = 0;
     auto *log = app.add_subcommand("log", "be the bus's log service and print the records the daemon sends");
