@@ -66,7 +66,8 @@ news() {
 show() {
   sleep 0.2  # log records travel on their own; let them arrive
   news
-  ctl state > "$work/state.now"
+  # The hardware only; the models' recent lines (the sections at the end) are shown where they tell something.
+  ctl state | sed '/^== .*(the last [0-9]* at most)$/,$d' > "$work/state.now"
   say "${dim}simulated hardware (+ new, - gone since the last step):${off}"
   if [ -s "$work/state.prev" ]; then
     diff -U 10000 "$work/state.prev" "$work/state.now" | tail -n +4 | sed 's/^ /  /; s/^\([+-]\)/\1 /' || true
@@ -75,6 +76,11 @@ show() {
     sed 's/^/  /' "$work/state.now"
   fi
   cp "$work/state.now" "$work/state.prev"
+}
+# The engine's recent lines that match $1 (the last $2 of them), with what its tools said.
+engine_lines() {
+  say "${dim}the packet engine's last table lines and what its tools said (\\n: the MAC text's newline):${off}"
+  ctl state | sed -n '/^== engine: lines/,/^== /p' | grep -E "$1" | tail -n "${2:-20}" | sed 's/^/  /'
 }
 
 step "1. The configuration database"
@@ -104,12 +110,25 @@ seen=$(wc -l < "$work/log.txt")
 say "(${seen} log lines at start-up; the last ones:)"
 tail -n 5 "$work/log.txt" | sed 's/^/    /'
 show
+say ""
+say "Look at the packet engine: VLAN 20 has a table entry (no PSE port joins it, so no MAC"
+say "address), VLAN 10 has none, and there is no address (ARL) entry. VLAN 10 reaches PSE port 1,"
+say "so its two engine lines carry the interface's MAC text, which ends with a newline. The"
+say "device's shell ends the command there: vlan_table_func and arl_table_func run without their"
+say "last values and refuse, and the rest of each line is a command of its own that is not found"
+say "(status 127, which the driver counts as success). The simulator shows what the device does."
+engine_lines 'table_func|not found'
+say "The pause-frame registers read 0x80080, not 0x80000000: the pipelines write the high half"
+say "with 0x and the low half without its leading zeros. (Turning pause frames off would not clear"
+say "bit 31: in awk, ^ is a power, not an exclusive or, so the mask becomes all ones.)"
 
 step "3. Add VLAN 100 by inserting a row"
 say "swmgrctl sql runs the statement and sends the daemon the change event"
 say "(table, row id, operation 18 = insert) that the database would send."
 run ctl sql --db "$db" "INSERT INTO vlanEncapIf (vlanId, interfaceName, LogicalIfName, ingressMap, egressMap, fwdMap, untagMap, inSwitchOnly) VALUES (100, 'eth0', 'br-guest', '', '', '0,1', '0', 0)"
 show
+say "The chip and the host have VLAN 100; the engine has no entry for it, for VLAN 10's reason:"
+engine_lines 'table_func|not found' 6
 
 step "4. The WAN link reports its bandwidth"
 say "An interface event (code 5, event 22) with 100000 kbps of which 80% may go"
@@ -128,7 +147,19 @@ say "The delete event carries the row's old values, read before the row went."
 run ctl sql --db "$db" "DELETE FROM vlanEncapIf WHERE vlanId = 100"
 show
 
-step "7. Stop the daemon"
+step "7. A picture of the topology"
+say "swmgrctl state --dot writes the switches by level, their ports, which lower port each upper"
+say "port stands for, and the VLANs each switch holds, as a Graphviz graph."
+printf '%s$ swmgrctl state --dot > %s%s\n' "$dim" "$work/topology.dot" "$off"
+ctl state --dot > "$work/topology.dot"
+if command -v dot > /dev/null 2>&1; then
+  run dot -Tsvg -o "$work/topology.svg" "$work/topology.dot"
+  say "Drawn: $work/topology.svg (DEMO_KEEP=1 keeps it)"
+else
+  say "(Graphviz is not installed: apt-get install graphviz draws it; the graph is in $work/topology.dot)"
+fi
+
+step "8. Stop the daemon"
 run kill -TERM "$daemon"
 wait "$daemon" 2>/dev/null || true
 daemon=
