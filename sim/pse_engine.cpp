@@ -326,7 +326,9 @@ int PseEngine::onSystem(void *ctx, const char *command, int *status) {
     auto *self = static_cast<PseEngine *>(ctx);
     if (command == nullptr) return 0;
     if (self->run(command, status)) {
-        *status <<= 8;  // system() gives a wait status
+        // system() gives a wait status; a scripted negative result stands
+        // for system() itself failing and passes as it is.
+        if (*status > 0 && *status < 256) *status <<= 8;
         // The hook before us still sees the line (a capture records it);
         // the engine's status is the one returned.
         if (self->prevSystem_ != nullptr) {
