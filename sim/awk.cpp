@@ -17,6 +17,7 @@ struct Cell {
     double num = 0;
     std::string str;
     bool isNum = true;  // else text (a field that reads as a number is a number)
+    bool field = false;  // a field keeps its own text for string use
 };
 
 struct Refused {
@@ -47,13 +48,14 @@ std::string numText(double d) {
 }
 
 double number(const Cell &c) { return c.isNum ? c.num : std::strtod(c.str.c_str(), nullptr); }
-std::string text(const Cell &c) { return c.isNum ? numText(c.num) : c.str; }
+std::string text(const Cell &c) { return c.isNum && !c.field ? numText(c.num) : c.str; }
 
 // A field is a number when all of it (blanks aside) reads as one.
 Cell field(const std::string &s) {
     Cell c;
     c.str = s;
     c.isNum = false;
+    c.field = true;
     if (s.empty()) return c;
     char *end = nullptr;
     double d = std::strtod(s.c_str(), &end);

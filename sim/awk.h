@@ -7,7 +7,8 @@
 // floating-point unit does, so on this host they would not compute what
 // the device computes. The evaluator below fixes the device's reading:
 // - Numbers are doubles. A field that reads as a number is one, read as
-//   C's strtod reads it (so "0x80000000" is 2147483648); program constants
+//   C's strtod reads it (so "0x80000000" is 2147483648), and keeps its own
+//   text where text is wanted; program constants
 //   may be decimal or 0x-hexadecimal.
 // - `^` is exponentiation (right-associative, above concatenation), never
 //   exclusive or: 2147483648^0xFFFFFFFF overflows to +inf.

@@ -126,6 +126,12 @@ TEST_F(PseTest, PausePipelinesLeaveWhatTheDevicesAwkComputes) {
     EXPECT_EQ(5u, engine.reg(0x7000000c));
     EXPECT_EQ("awk: program not modelled: unexpected '+'", engine.history().entries().back());
     EXPECT_EQ(1 << 8, std::system("/sysx2.0/bin/memrw 0x7000000c")) << "a wait status, as system() gives";
+    EXPECT_EQ(2 << 8, std::system("/sysx2.0/bin/memrw 0x7000000c w | cut -f 2 -d"));
+    EXPECT_EQ("cut: usage: -d<char> -f<number> only", engine.history().entries().back());
+    EXPECT_EQ(0, std::system("/sysx2.0/bin/memrw 0x7000000c w | cut -d : -f 2 | awk '{system(\"/sysx2.0/bin/memrw 0x10 w \"$1)}'"));
+    EXPECT_EQ(5u, engine.reg(0x10)) << "the value read, written elsewhere";
+    EXPECT_EQ("awk: system(/sysx2.0/bin/memrw 0x10 w 0x00000005)", engine.history().entries().back())
+        << "a field keeps its text";
 }
 
 TEST(History, KeepsTheMostRecentEntriesUpToItsLimit) {
