@@ -147,9 +147,13 @@ TEST_F(DbEvents, OldValuesAreNeverReadPastTheirLength) {
     std::vector<char> cut = {'v', 'l', 'a', 'n', 'I', 'd', '\0', '1', '0'};
     EXPECT_EQ(swMgrDBUpdateHandler(&ev, 80, cut.data(), static_cast<unsigned>(cut.size())), 0);
 
-    // An empty block passes with no columns and reaches the delete handler.
+    // An empty block passes with no columns and reaches the delete handler,
+    // which refuses a row without a parent interface name.
     cap->clear();
-    EXPECT_EQ(event("vlanEncapIf", 5, 9), 0);
+    EXPECT_EQ(event("vlanEncapIf", 5, 9), -22);
+    EXPECT_GE(cap->findLog("table vlanEncapIf row id 5: interfaceName \"\" refused: the name is empty\n"), 0)
+        << cap->dump();
+    EXPECT_TRUE(cap->commands.empty());
     EXPECT_NE(switchVlanByIdGet(sw, 10), nullptr) << "nothing decoded, nothing deleted";
 }
 

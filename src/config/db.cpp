@@ -3,11 +3,13 @@
 #include <sqlite3.h>
 
 #include <cctype>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 
 #include "common/text.h"
+#include "config/checks.h"
 #include "config/swconf.h"
 #include "platform/sqlite_helpers.h"
 #include "portvlan/portvlan.h"
@@ -47,8 +49,40 @@ HeapArray<T> heapArray(std::size_t n) {
 
 using RowInsertFn = int (*)(char **, int, int);
 
-int loadTable(const char *fname, const char *sql, const char *listMsg, const char *rowMsg,
-              RowInsertFn insert) {
+// Where the row in hand came from, for the error line of a refused row:
+// set by the loader and the change-event handler around each handler call.
+char rowOrigin[96];
+
+class RowOrigin {
+public:
+    template <typename... Args>
+    explicit RowOrigin(const char *fmt, Args... args) {
+        std::snprintf(rowOrigin, sizeof rowOrigin, fmt, args...);
+    }
+    ~RowOrigin() { rowOrigin[0] = '\0'; }
+    RowOrigin(const RowOrigin &) = delete;
+    RowOrigin &operator=(const RowOrigin &) = delete;
+};
+
+// A handler called on its own (not by the loader or an event) names only
+// the table.
+const char *originOf(char (&buf)[96], const char *table) {
+    if (rowOrigin[0] != '\0') return rowOrigin;
+    std::snprintf(buf, sizeof buf, "table %s", table);
+    return buf;
+}
+
+// The row's "id" column where the table has one (the usual integer key),
+// else its position in the load.
+const char *rowIdText(char **result, int nCols, int row) {
+    for (int c = 0; c < nCols; ++c)
+        if (result[c] != nullptr && std::strcmp(result[c], "id") == 0)
+            return result[static_cast<long>(nCols) * (row + 1) + c];
+    return nullptr;
+}
+
+int loadTable(const char *fname, const char *table, const char *sql, const char *listMsg,
+              const char *rowMsg, RowInsertFn insert) {
     int nCols = 0;
     int nRows = 0;
     TableResult result(swMgrTableGet(sql, &nCols, &nRows));
@@ -57,7 +91,15 @@ int loadTable(const char *fname, const char *sql, const char *listMsg, const cha
         return SW_EINVAL;
     }
     for (int row = 0; row < nRows; ++row) {
-        int r = insert(result.get(), nCols, row);
+        const char *id = rowIdText(result.get(), nCols, row);
+        int r;
+        if (id != nullptr) {
+            RowOrigin origin("table %s row id %.16s", table, id);
+            r = insert(result.get(), nCols, row);
+        } else {
+            RowOrigin origin("table %s row %d", table, row + 1);
+            r = insert(result.get(), nCols, row);
+        }
         if (r < 0) {
             SWMGR_LOG_AS("", SW_LOG_ERR, fname, "%s", rowMsg);
             return r;
@@ -127,20 +169,20 @@ extern "C" char **swMgrTableGet(const char *sql, int *nCols, int *nRows) {
 }
 
 extern "C" int switchCfgLoad(void) {
-    return loadTable("switchCfgLoad", "SELECT * from swGlobalCfg",
+    return loadTable("switchCfgLoad", "swGlobalCfg", "SELECT * from swGlobalCfg",
                      "failed to get list of switches from the database\n",
                      "failed to load switch profile\n", swGlobalCfgDBInsertHandler);
 }
 
 extern "C" int switchPortCfgLoad(void) {
     // Reports a failed row with the switch loader's text, as it always has.
-    return loadTable("switchPortCfgLoad", "SELECT * from swPortConfig",
+    return loadTable("switchPortCfgLoad", "swPortConfig", "SELECT * from swPortConfig",
                      "failed to get list of switch ports from the database\n",
                      "failed to load switch profile\n", swPortCfgDBInsertHandler);
 }
 
 extern "C" int switchVlanCfgLoad(void) {
-    return loadTable("switchVlanCfgLoad", "SELECT * from vlanEncapIf",
+    return loadTable("switchVlanCfgLoad", "vlanEncapIf", "SELECT * from vlanEncapIf",
                      "failed to get list of vlans from the database\n",
                      "Failed to load the switch VLAN configuration\n", swVlanCfgDBInsertHandler);
 }
@@ -148,6 +190,9 @@ extern "C" int switchVlanCfgLoad(void) {
 extern "C" int swGlobalCfgDBInsertHandler(char **result, int nCols, int row) {
     SwitchConf conf{};
     int r = swGlobalCfgFromQueryResultRead(&conf, result, nCols, row);
+    if (r < 0) return r;
+    char buf[96];
+    r = swmgr::switchConfChecked(conf, originOf(buf, "swGlobalCfg"), __func__);
     if (r < 0) return r;
     r = switchConfAdd(&conf);
     if (r < 0) {
@@ -161,6 +206,9 @@ extern "C" int swPortCfgDBInsertHandler(char **result, int nCols, int row) {
     SwitchPortConf conf{};
     int r = swPortCfgFromQueryResultRead(&conf, result, nCols, row);
     if (r < 0) return r;
+    char buf[96];
+    r = swmgr::portConfChecked(conf, originOf(buf, "swPortConfig"), __func__);
+    if (r < 0) return r;
     r = switchPortConfAdd(&conf);
     if (r < 0) {
         SWMGR_LOG("", SW_LOG_ERR, "Failed to create new switch port profile \n");
@@ -172,6 +220,9 @@ extern "C" int swPortCfgDBInsertHandler(char **result, int nCols, int row) {
 extern "C" int swVlanCfgDBInsertHandler(char **result, int nCols, int row) {
     SwitchVlanConf conf{};
     int r = swVlanCfgFromQueryResultRead(&conf, result, nCols, row);
+    if (r < 0) return r;
+    char buf[96];
+    r = swmgr::vlanConfChecked(conf, originOf(buf, "vlanEncapIf"), __func__);
     if (r < 0) return r;
     r = switchVlanConfAdd(&conf);
     if (r < 0) {
@@ -188,6 +239,10 @@ extern "C" int swVlanCfgDBUpdateHandler(char **result, char **oldRow, int nCols,
     if (r < 0) return r;
     r = oldRow != nullptr ? swVlanCfgFromQueryResultRead(&oldConf, oldRow, nCols, row) : 0;
     if (r < 0) return r;
+    // Only the new values are used beyond the lookup of the VLAN.
+    char buf[96];
+    r = swmgr::vlanConfChecked(newConf, originOf(buf, "vlanEncapIf"), __func__);
+    if (r < 0) return r;
     r = switchVlanConfUpdate(&newConf, &oldConf);
     if (r < 0) {
         SWMGR_LOG("", SW_LOG_ERR, "Failed to update switch vlan profile \n");
@@ -199,6 +254,11 @@ extern "C" int swVlanCfgDBUpdateHandler(char **result, char **oldRow, int nCols,
 extern "C" int swVlanCfgDBDeleteHandler(char **oldRow, int nCols, int row) {
     SwitchVlanConf conf{};
     int r = oldRow != nullptr ? swVlanCfgFromQueryResultRead(&conf, oldRow, nCols, row) : 0;
+    if (r < 0) return r;
+    // The old values come with the event, and their parent interface name
+    // goes into the command that removes the sub-interface.
+    char buf[96];
+    r = swmgr::vlanConfChecked(conf, originOf(buf, "vlanEncapIf"), __func__);
     if (r < 0) return r;
     r = switchVlanConfDelete(&conf);
     if (r < 0) {
@@ -279,9 +339,10 @@ extern "C" int swMgrDBUpdateHandler(DbUpdateEvent *event, unsigned int eventLen,
         SWMGR_LOG_AS("", SW_LOG_INFO, "swMgrDBUpdateHandler",
                      "DBUpdate event: Table: %s opCode:%d rowId:%d processing \n", table, opCode, rowId);
         for (const DbTableHandler *h = kTableHandlers; h->tableName != nullptr; ++h) {
-            if (std::strcmp(h->tableName, table) == 0)
-                return h->handler(pDB, opCode, rowId, event->reserved1, result.get(), nCols, nRows,
-                                  oldRow.get());
+            if (std::strcmp(h->tableName, table) != 0) continue;
+            RowOrigin origin("table %s row id %d", h->tableName, rowId);
+            return h->handler(pDB, opCode, rowId, event->reserved1, result.get(), nCols, nRows,
+                              oldRow.get());
         }
         return 0;  // not a table of ours
     };

@@ -1,10 +1,12 @@
 // Decoding rows of the three configuration tables, laid out as
 // sqlite3_get_table gives them, into configuration records by column name.
-#include <cstdlib>
 #include <cstring>
 
+#include "common/number.h"
 #include "common/text.h"
 #include "config/swconf.h"
+#include "service/swmgr.h"
+#include "switch/switch.h"
 
 namespace {
 
@@ -26,9 +28,16 @@ public:
         return nullptr;
     }
 
-    void integer(int32_t &field, const char *name) const {
-        if (const char *v = value(name)) field = std::atoi(v);
+    // A number beyond 32 bits is refused: the row is not taken at all.
+    void integer(int32_t &field, const char *name) {
+        const char *v = value(name);
+        if (v == nullptr || swmgr::parseLeadingInt32(v, field)) return;
+        SWMGR_LOG_AS("", SW_LOG_ERR, "swCfgFromQueryResultRead", "column %s: %.32s is out of range\n",
+                     name, v);
+        refused_ = true;
     }
+
+    int status() const { return refused_ ? SW_EINVAL : 0; }
 
     template <std::size_t N>
     void text(char (&field)[N], const char *name) const {
@@ -39,13 +48,11 @@ private:
     char **result_;
     int nCols_;
     int row_;
+    bool refused_ = false;
 };
 
-constexpr std::size_t kPortListScratchLen = 512;
-
-}  // namespace
-
-extern "C" uint32_t str2num(char *text) {
+// str2num's work; `ok` turns false when a token does not fit in 32 bits.
+uint32_t portListConvert(char *text, bool &ok) {
     if (text == nullptr) return 0;
     uint32_t map = 0;
     const std::size_t len = std::strlen(text);
@@ -57,10 +64,12 @@ extern "C" uint32_t str2num(char *text) {
         while (pos < len && text[pos] != ',') ++pos;
         text[pos] = '\0';
         const std::size_t tokenLen = pos - start;
-        const int n = std::atoi(text + start);
+        int32_t n = 0;
+        if (!swmgr::parseLeadingInt32(text + start, n)) ok = false;
         // Numbers with bit 5 set (32..63, negatives) name no port; larger
         // ones wrap onto the low 32 bits, as the shift on the target does.
-        if ((n & 0x20) == 0) map |= 1u << (static_cast<unsigned>(n) & 31u);
+        else if ((n & 0x20) == 0)
+            map |= 1u << (static_cast<unsigned>(n) & 31u);
         // The token moves to the front of the text: what the text holds
         // afterwards is the last token, and the VLAN decoder relies on that.
         std::memmove(text, text + start, tokenLen + 1);
@@ -69,9 +78,19 @@ extern "C" uint32_t str2num(char *text) {
     return map;
 }
 
+constexpr std::size_t kPortListScratchLen = 512;
+
+}  // namespace
+
+extern "C" uint32_t str2num(char *text) {
+    // A token beyond 32 bits names no port.
+    bool ok = true;
+    return portListConvert(text, ok);
+}
+
 extern "C" int swGlobalCfgFromQueryResultRead(SwitchConf *conf, char **result, int nCols, int row) {
     if (conf == nullptr) return 0;
-    const Row r(result, nCols, row);
+    Row r(result, nCols, row);
     r.text(conf->switchName, "switchName");
     r.text(conf->switchDevice, "switchDevice");
     r.integer(conf->numPorts, "numPorts");
@@ -81,12 +100,12 @@ extern "C" int swGlobalCfgFromQueryResultRead(SwitchConf *conf, char **result, i
     r.integer(conf->igmpSnoopingEnable, "igmpSnoopingEnable");
     r.integer(conf->mldSnoopingEnable, "mldSnoopingEnable");
     r.integer(conf->switchLevel, "switchLevel");
-    return 0;
+    return r.status();
 }
 
 extern "C" int swPortCfgFromQueryResultRead(SwitchPortConf *conf, char **result, int nCols, int row) {
     if (conf == nullptr) return 0;
-    const Row r(result, nCols, row);
+    Row r(result, nCols, row);
     r.integer(conf->portNumber, "portNumber");
     r.integer(conf->portType, "portType");
     r.text(conf->phyDevice, "phyDevice");
@@ -102,26 +121,32 @@ extern "C" int swPortCfgFromQueryResultRead(SwitchPortConf *conf, char **result,
     r.integer(conf->qos.queue2Weight, "queue2Weight");
     r.integer(conf->qos.queue3Weight, "queue3Weight");
     r.integer(conf->qos.queue4Weight, "queue4Weight");
-    return 0;
+    return r.status();
 }
 
 extern "C" int swVlanCfgFromQueryResultRead(SwitchVlanConf *conf, char **result, int nCols, int row) {
     if (conf == nullptr) return 0;
-    const Row r(result, nCols, row);
+    Row r(result, nCols, row);
     r.integer(conf->vlanId, "vlanId");
     r.integer(conf->inSwitchOnly, "inSwitchOnly");
 
     // One scratch text serves both bitmaps and is not cleared in between:
     // an absent untagMap converts whatever fwdMap's conversion left there.
     char scratch[kPortListScratchLen] = {};
+    bool mapsOk = true;
     if (const char *v = r.value("fwdMap")) swmgr::copyText(scratch, v);
-    conf->fwdMap = str2num(scratch);
+    conf->fwdMap = portListConvert(scratch, mapsOk);
     if (const char *v = r.value("untagMap")) swmgr::copyText(scratch, v);
-    conf->untagMap = str2num(scratch);
+    conf->untagMap = portListConvert(scratch, mapsOk);
 
     r.text(conf->ingressMap, "ingressMap");
     r.text(conf->egressMap, "egressMap");
     r.text(conf->interfaceName, "interfaceName");
     r.text(conf->LogicalIfName, "LogicalIfName");
-    return 0;
+    if (!mapsOk) {
+        SWMGR_LOG_AS("", SW_LOG_ERR, "swVlanCfgFromQueryResultRead",
+                     "VLAN %d: a port in fwdMap or untagMap is out of range\n", conf->vlanId);
+        return SW_EINVAL;
+    }
+    return r.status();
 }

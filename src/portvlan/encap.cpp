@@ -1,6 +1,7 @@
 // Host 802.1Q sub-interfaces: one "<parent>.<vlan>" interface per VLAN,
 // made with vconfig/ifconfig, with identity priority maps and an uptime
 // stamp file.
+#include "common/names.h"
 #include "common/text.h"
 #include "platform/osa.h"
 #include "portvlan/portvlan.h"
@@ -24,9 +25,18 @@ void uptimePath(char (&path)[kUptimePathLen], int vlanId) {
     swmgr::formatText(path, "/var/VLAN.%d.Uptime", vlanId);
 }
 
-bool missingName(const char *ifName, int vlanId, const char *fname) {
-    if (ifName != nullptr) return false;
-    SWMGR_LOG_AS("", SW_LOG_ERR, fname, "No parent interface for VLAN %d\n", vlanId);
+// The name goes into shell command lines: whatever the caller checked, a
+// name outside the rule never gets that far.
+bool unusableName(const char *ifName, int vlanId, const char *fname) {
+    if (ifName == nullptr) {
+        SWMGR_LOG_AS("", SW_LOG_ERR, fname, "No parent interface for VLAN %d\n", vlanId);
+        return true;
+    }
+    const swmgr::NameVerdict v = swmgr::checkName(ifName, kCmdLen);
+    if (v.ok()) return false;
+    char why[128];
+    SWMGR_LOG_AS("", SW_LOG_ERR, fname, "Parent interface of VLAN %d refused: %s\n", vlanId,
+                 swmgr::nameFaultText(why, v));
     return true;
 }
 
@@ -44,7 +54,7 @@ int egressCoSMapConfig(const char *subIf, int from, int to) {
 }  // namespace
 
 extern "C" int switchVlanEncapDestroy(char *ifName, int vlanId) {
-    if (missingName(ifName, vlanId, "switchVlanEncapDestroy")) return SW_EINVAL;
+    if (unusableName(ifName, vlanId, "switchVlanEncapDestroy")) return SW_EINVAL;
     char cmd[kCmdLen];
     swmgr::formatText(cmd, "vconfig rem %s.%d", ifName, vlanId);
     int status = runLogged(cmd, "switchVlanEncapDestroy");
@@ -57,7 +67,7 @@ extern "C" int switchVlanEncapDestroy(char *ifName, int vlanId) {
 }
 
 extern "C" int switchVlanEncapCreate(char *ifName, int vlanId) {
-    if (missingName(ifName, vlanId, "switchVlanEncapCreate")) return SW_EINVAL;
+    if (unusableName(ifName, vlanId, "switchVlanEncapCreate")) return SW_EINVAL;
 
     // A sub-interface left by an earlier run would make the add fail.
     switchVlanEncapDestroy(ifName, vlanId);

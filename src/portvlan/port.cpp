@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "common/list.h"
+#include "common/number.h"
 #include "common/text.h"
 #include "portvlan/portvlan.h"
 #include "service/swmgr.h"
@@ -14,6 +15,10 @@
 namespace {
 
 uint32_t portSeqNo = 0;
+
+// Why the last switchPortCreate gave no port: a refused mapping is -22,
+// anything else the generic failure.
+int createStatus = -1;
 
 constexpr std::size_t kMapNameLen = 64;
 constexpr std::size_t kMapNumberLen = 32;
@@ -47,7 +52,13 @@ int portMapEntryAdd(SwitchPort *port, std::string_view entry) {
     char number[kMapNumberLen];
     copyView(name, before(entry, colon));
     copyView(number, after(entry, colon));
-    const int portNumber = std::atoi(number);
+    int64_t parsed = 0;
+    if (!swmgr::parseLeadingInt(number, 0, swmgr::kPortMax, parsed)) {
+        SWMGR_LOG_AS(swPortStrGet(port), SW_LOG_ERR, "switchPortMapInit",
+                     "Port number %.16s of %s is out of range\n", number, name);
+        return SW_EINVAL;
+    }
+    const int portNumber = static_cast<int>(parsed);
 
     Switch *lowerSw = switchByNameGet(name);
     if (lowerSw == nullptr) {
@@ -67,6 +78,7 @@ int portMapEntryAdd(SwitchPort *port, std::string_view entry) {
 }  // namespace
 
 extern "C" SwitchPort *switchPortCreate(SwitchPortConf *conf) {
+    createStatus = -1;
     if (conf == nullptr) return nullptr;
     char swName[sizeof conf->switchName + 1];
     swmgr::copyText(swName, conf->switchName);
@@ -98,7 +110,9 @@ extern "C" SwitchPort *switchPortCreate(SwitchPortConf *conf) {
     // Parsed from a copy: the row's text stays as the caller gave it.
     char phyDevice[sizeof conf->phyDevice + 1];
     swmgr::copyText(phyDevice, conf->phyDevice);
-    if (switchPortMapInit(port, phyDevice) < 0) {
+    const int mapped = switchPortMapInit(port, phyDevice);
+    if (mapped < 0) {
+        createStatus = mapped == SW_EINVAL ? SW_EINVAL : -1;
         SWMGR_LOG(swPortStrGet(port), SW_LOG_ERR, "Failed to initiate port mappings \n");
         mappedPortsFree(port);
         std::free(port);
@@ -111,7 +125,7 @@ extern "C" int switchPortConfAdd(SwitchPortConf *conf) {
     SwitchPort *port = switchPortCreate(conf);
     if (port == nullptr) {
         SWMGR_LOG("", SW_LOG_ERR, "Failed to create switch port configuration \n");
-        return -1;
+        return createStatus;
     }
     port->seqNo = ++portSeqNo;
     osaListNodeAppend(&port->sw->portList, port);
@@ -153,11 +167,18 @@ extern "C" int switchPortMappedListAppend(SwitchPort *port, SwitchPort *lower) {
     auto *entry = static_cast<SwitchPortMapEntry *>(std::calloc(1, sizeof(SwitchPortMapEntry)));
     if (entry == nullptr) return SW_ENOMEM;
     entry->port = lower;
+    // The hierarchy decides first: a mapping that would close a loop of
+    // switches is not recorded at all.
+    const int r = switchLowerLvlSwitchListAppend(port->sw, lower->sw);
+    if (r < 0) {
+        std::free(entry);
+        return r;
+    }
     SWMGR_LOG(swPortStrGet(port), SW_LOG_TRACE, "Mapping %s:%d to %s:%d \n",
               lower->sw != nullptr ? lower->sw->switchName : "", lower->portNumber,
               port->sw != nullptr ? port->sw->switchName : "", port->portNumber);
     osaListNodeAppend(&port->mappedPorts, entry);
-    return switchLowerLvlSwitchListAppend(port->sw, lower->sw);
+    return r;
 }
 
 extern "C" int switchPortTrustModeConfigure(SwitchPort *port) {

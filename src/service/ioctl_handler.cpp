@@ -1,6 +1,7 @@
 // The bus command handler: sorts each request by its code.
 #include <cstring>
 
+#include "config/checks.h"
 #include "config/swconf.h"
 #include "portvlan/portvlan.h"
 #include "service/swmgr.h"
@@ -112,6 +113,10 @@ extern "C" int swMgrIoctlHandler(MbusCtx *ctx, const MbusMsgHeader *header, int 
             BusCommand request(data, dataLen);
             SwitchVlanConf conf;
             std::memcpy(&conf, request.bytes + SW_BUS_NAME_LEN, sizeof conf);
+            const int checked = swmgr::vlanConfChecked(
+                conf, cmd == SW_CMD_VLAN_ADD ? "VLAN add request" : "VLAN delete request",
+                "swMgrIoctlHandler");
+            if (checked < 0) return checked;
             return mapResult(switchVlanConfigure(top, cmd, &conf));
         }
         default: {

@@ -2,6 +2,8 @@
 // files so that other programs can tell since when something exists.
 #include <cstdio>
 
+#include "common/number.h"
+
 #include "platform/osa.h"
 #include "service/swmgr.h"
 
@@ -22,10 +24,16 @@ extern "C" int timeEventGet(uint32_t *seconds, const char *path) {
     *seconds = 0;
     FileCloser in{osaFileOpen(path, "r")};
     if (in.file == nullptr) return -1;
-    // "%u" stops at the decimal point, so "/proc/uptime" yields whole seconds.
-    // A file without a number leaves the zero in place.
-    unsigned value = 0;
-    if (std::fscanf(in.file, "%u\n", &value) == 1) *seconds = value;
+    // The number stops at the decimal point, so "/proc/uptime" yields whole
+    // seconds. A file without a number, or with one that a u32 cannot hold
+    // (a sign included), leaves the zero in place.
+    char text[32] = {};
+    if (std::fgets(text, sizeof text, in.file) == nullptr) return 0;
+    const char *p = text;
+    while (*p == ' ' || (*p >= '\t' && *p <= '\r')) ++p;
+    int64_t value = 0;
+    if (*p >= '0' && *p <= '9' && swmgr::parseLeadingInt(p, 0, UINT32_MAX, value))
+        *seconds = static_cast<uint32_t>(value);
     return 0;
 }
 

@@ -39,8 +39,40 @@ extern "C" Switch *switchLowerLvlSwitchByNameGet(Switch *sw, const char *name) {
     return nullptr;
 }
 
+namespace {
+
+// Whether `target` is `from` or lies below it. Every edge went through the
+// check below, so the walk meets no loop; the step bound holds even if one
+// were made by hand.
+bool reaches(Switch *from, const Switch *target) {
+    Switch *stack[64];
+    std::size_t depth = 0;
+    uint32_t steps = 0;
+    stack[depth++] = from;
+    while (depth > 0) {
+        Switch *sw = stack[--depth];
+        if (sw == target) return true;
+        if (++steps > 4096) return true;  // refuse rather than walk on
+        for (auto *ref : swmgr::listEntries<SwitchLowerRef>(sw->lowerLvlSwitchList)) {
+            if (ref->sw == nullptr) continue;
+            if (depth == sizeof stack / sizeof stack[0]) return true;
+            stack[depth++] = ref->sw;
+        }
+    }
+    return false;
+}
+
+}  // namespace
+
 extern "C" int switchLowerLvlSwitchListAppend(Switch *sw, Switch *lower) {
     if (sw == nullptr || lower == nullptr) return -1;
+    // The hierarchy is a tree: commands forwarded downwards must end.
+    if (reaches(lower, sw)) {
+        SWMGR_LOG("", SW_LOG_ERR,
+                  "Refusing %s as a lower-level switch of %s: %s would be below itself\n",
+                  lower->switchName, sw->switchName, sw->switchName);
+        return SW_EINVAL;
+    }
     if (switchLowerLvlSwitchByNameGet(sw, lower->switchName) != nullptr) {
         // Only worth saying to a developer: the mapping of a second port onto
         // the same lower switch lands here routinely.

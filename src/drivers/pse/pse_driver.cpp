@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "common/list.h"
+#include "common/names.h"
 #include "common/text.h"
 #include "drivers/pse/pse.h"
 #include "drivers/pse/pse_internal.h"
@@ -188,6 +189,14 @@ extern "C" int pseConfTransfer(Switch *sw, Switch *lower, int cmd, void *arg, in
 
 extern "C" int switchMacAddressByIfNameGet(const char *ifName, char *out) {
     if (out == nullptr) return SW_EINVAL;
+    // The kernel is asked only about names that could be interfaces.
+    const swmgr::NameVerdict v = swmgr::checkName(ifName, IFNAMSIZ);
+    if (!v.ok()) {
+        char why[128];
+        SWMGR_LOG("", SW_LOG_ERR, "Interface name refused for the MAC address lookup: %s\n",
+                  swmgr::nameFaultText(why, v));
+        return SW_EINVAL;
+    }
     // Cleared first, so a failed request yields 00:00:00:00:00:00 rather
     // than stack garbage; the result is still not examined.
     struct ifreq req;
