@@ -6,7 +6,12 @@ BUILD := build
 SYSROOT := $(CURDIR)/$(BUILD)/mipsel-sysroot
 CTEST := ctest --output-on-failure -j$(JOBS)
 
-.PHONY: all deps build test test-host test-asan test-mipsel clean
+# make fuzz   builds the fuzz targets with clang and runs each on its seed
+#             corpus for FUZZ_SECONDS (default 60), one after the other.
+FUZZ_SECONDS ?= 60
+FUZZ_TARGETS := fuzz_bus_handler fuzz_config_rows fuzz_bus_frames
+
+.PHONY: all deps build test test-host test-asan test-mipsel clean fuzz
 
 all: build
 
@@ -35,6 +40,17 @@ test-mipsel: deps
 	cd $(BUILD)/mipsel && $(CTEST)
 
 test: test-host test-asan test-mipsel
+
+fuzz:
+	@SWMGR_FUZZ=1 ./scripts/install-deps.sh
+	CC=clang CXX=clang++ cmake -S . -B $(BUILD)/fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DSWMGR_FUZZ=ON -DSWMGR_TESTS=ON
+	cmake --build $(BUILD)/fuzz -j$(JOBS) --target $(FUZZ_TARGETS)
+	@set -e; for t in $(FUZZ_TARGETS); do \
+	  echo "== $$t for $(FUZZ_SECONDS) s"; \
+	  mkdir -p $(BUILD)/fuzz/corpus/$$t; \
+	  $(BUILD)/fuzz/fuzz/$$t -max_total_time=$(FUZZ_SECONDS) -print_final_stats=1 \
+	    -artifact_prefix=$(BUILD)/fuzz/ $(BUILD)/fuzz/corpus/$$t fuzz/corpus/$$t; \
+	done
 
 clean:
 	rm -rf $(BUILD)

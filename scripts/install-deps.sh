@@ -6,6 +6,7 @@ set -eu
 top=$(cd "$(dirname "$0")/.." && pwd)
 sysroot=${MIPSEL_SYSROOT:-$top/build/mipsel-sysroot}
 want_cross=${SWMGR_CROSS:-1}
+want_fuzz=${SWMGR_FUZZ:-0}
 
 sudo_cmd=""
 [ "$(id -u)" -eq 0 ] || sudo_cmd="sudo"
@@ -13,6 +14,8 @@ sudo_cmd=""
 pkgs="build-essential cmake make googletest libgtest-dev libsqlite3-dev sqlite3 libbenchmark-dev
 libcli11-dev nlohmann-json3-dev"
 [ "$want_cross" = 1 ] && pkgs="$pkgs gcc-mipsel-linux-gnu g++-mipsel-linux-gnu qemu-user"
+# Fuzzing: clang with libFuzzer and the sanitizer runtimes.
+[ "$want_fuzz" = 1 ] && pkgs="$pkgs clang libclang-rt-dev"
 
 missing=""
 for p in $pkgs; do

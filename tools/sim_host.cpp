@@ -178,6 +178,11 @@ void SimHost::setHistoryLimit(size_t n) {
     if (host_) host_->setHistoryLimit(n);
 }
 
+bool SimHost::startDevicesOnly(const std::string &dbPath, const std::string &stateDir, std::string &err) {
+    devicesOnly_ = true;
+    return start(dbPath, stateDir, err);
+}
+
 bool SimHost::start(const std::string &dbPath, const std::string &stateDir, std::string &err) {
     sqlite3 *db = nullptr;
     if (sqlite3_open_v2(dbPath.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) != SQLITE_OK) {
@@ -213,6 +218,11 @@ bool SimHost::start(const std::string &dbPath, const std::string &stateDir, std:
             return false;
         }
     }
+    if (devicesOnly_) {
+        osaPortFileRootSet(root_.c_str());
+        started_ = true;
+        return true;
+    }
     host_ = std::make_unique<swsim::HostVlanModel>(parents);
     host_->attach();
     host_->enableHwAddr();
@@ -233,13 +243,17 @@ bool SimHost::start(const std::string &dbPath, const std::string &stateDir, std:
 void SimHost::stop() {
     if (!started_) return;
     osaPortFileRootSet(nullptr);
+    started_ = false;
+    if (devicesOnly_) {
+        chip_->detach();
+        return;
+    }
     osaPortCmdFallbackSet(nullptr, nullptr);
     osaPortSystemHookSet(engineSystem_, engineSystemCtx_);
     engine_->detach();
     host_->disableHwAddr();
     host_->detach();
     chip_->detach();
-    started_ = false;
 }
 
 void SimHost::remember(const char *command) { refused_.add(command != nullptr ? command : ""); }
@@ -259,7 +273,7 @@ int SimHost::systemLine(void *ctx, const char *command, int *status) {
 }
 
 std::string SimHost::text() const {
-    if (!started_) return "";
+    if (!started_ || devicesOnly_) return "";
     std::string out;
     out += "== switch chip (BCM) at " + (device_.empty() ? std::string("(no device)") : device_) + "\n";
     out += chip_->describe();
@@ -275,7 +289,7 @@ std::string SimHost::text() const {
 }
 
 nlohmann::json SimHost::json() const {
-    if (!started_) return nlohmann::json::object();
+    if (!started_ || devicesOnly_) return nlohmann::json::object();
     return {{"chip", chipJson(*chip_, device_)},
             {"engine", engineJson(*engine_)},
             {"host", hostJson(*host_)},

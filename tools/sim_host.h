@@ -27,6 +27,10 @@ public:
     // the database, attaches the models and sets the file root. False with
     // the reason in `err` when something cannot be set up.
     bool start(const std::string &dbPath, const std::string &stateDir, std::string &err);
+    // Only the switch chip and the file root: command lines run for real,
+    // with the PATH the process has (swmgrd --sim-devices-only). text() and
+    // json() then have nothing to tell.
+    bool startDevicesOnly(const std::string &dbPath, const std::string &stateDir, std::string &err);
     void stop();
 
     std::string text() const;
@@ -53,6 +57,7 @@ private:
     OsaCmdHook engineSystem_ = nullptr;
     void *engineSystemCtx_ = nullptr;
     bool started_ = false;
+    bool devicesOnly_ = false;
 };
 
 }  // namespace swtool

@@ -15,8 +15,10 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <tuple>
 #include <vector>
 
+#include "common/names.h"
 #include "common/text.h"
 #include "config/swconf.h"
 #include "portvlan/portvlan.h"
@@ -229,6 +231,16 @@ struct VlanArgs {
 };
 
 int sendVlan(int code, const VlanArgs &a) {
+    // The daemon refuses such names too; saying so here names the option.
+    for (const auto &[option, name, optional] :
+         {std::tuple{"--if", &a.ifName, false}, std::tuple{"--logical", &a.logical, true}}) {
+        if (optional && name->empty()) continue;
+        const swmgr::NameVerdict v = swmgr::checkName(name->c_str(), name->size() + 1);
+        if (v.ok()) continue;
+        char why[128];
+        std::fprintf(stderr, "swmgrctl: %s: %s\n", option, swmgr::nameFaultText(why, v));
+        return kRefused;
+    }
     std::string err;
     auto fwd = parsePorts(a.ports, err);
     auto untag = fwd ? parsePorts(a.untagged, err) : std::nullopt;

@@ -96,7 +96,7 @@ int main(int argc, char **argv) {
                  "switches and serves requests on the message bus until SIGINT or SIGTERM.",
                  "swmgrd"};
     std::string db, busDir, stateDir, logTo = "bus";
-    bool foreground = false, debug = false, sim = false;
+    bool foreground = false, debug = false, sim = false, devicesOnly = false;
     int busyMs = SQLITE_PORT_BUSY_MS;
     app.footer("swmgrd never forks: it runs in the foreground of whoever started it (a supervisor or a shell).");
     app.add_option("--db", db, "configuration database (SQLite file)")->required();
@@ -113,10 +113,14 @@ int main(int argc, char **argv) {
     app.add_flag("--sim", sim,
                  "simulate the hardware: switch chip at the BCM switch's device path, packet engine\n"
                  "tools, host VLAN interfaces; files go below the state directory; state for swmgrctl state");
+    app.add_flag("--sim-devices-only", devicesOnly,
+                 "simulate only the switch chip (at the BCM switch's device path) and keep files below the\n"
+                 "state directory; command lines run for real with the PATH swmgrd was given")
+        ->excludes("--sim");
     app.add_option("--bus-dir", busDir,
                    "directory of the bus sockets (default: $" MBUS_PORT_DIR_ENV " or " MBUS_PORT_DEFAULT_DIR ")");
     app.add_option("--state-dir", stateDir,
-                   "with --sim: where the simulated system's files go (default: on a RAM file system when\n"
+                   "with --sim or --sim-devices-only: where the simulated system's files go (default: on a RAM file system when\n"
                    "there is one: BUS-DIR/sim, else a new directory under $XDG_RUNTIME_DIR, /dev/shm or /run)");
     CLI11_PARSE(app, argc, argv);
 
@@ -153,14 +157,14 @@ int main(int argc, char **argv) {
         }
     } madeDir;
     swtool::SimHost host;
-    if (sim) {
+    if (sim || devicesOnly) {
         if (stateDir.empty()) {
             bool made = false;
             std::tie(stateDir, made) = simStateDir();
             if (made) madeDir.path = stateDir;
         }
         std::string err;
-        if (!host.start(db, stateDir, err)) {
+        if (!(devicesOnly ? host.startDevicesOnly(db, stateDir, err) : host.start(db, stateDir, err))) {
             std::fprintf(stderr, "swmgrd: cannot set up the simulation: %s\n", err.c_str());
             return 1;
         }

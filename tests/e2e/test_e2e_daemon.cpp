@@ -15,9 +15,11 @@
 #include <chrono>
 #include <cstdio>
 #include <map>
+#include <cstring>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "platform/mbus.h"
@@ -316,6 +318,141 @@ TEST_F(E2e, AnotherUsersConnectionIsClosedBeforeItCanSend) {
     int status = reap(pid, milliseconds(5000));
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
     EXPECT_EQ(ctl("state").status, 0);
+// The daemon on the real command path (--sim-devices-only): the switch chip
+// is the model behind its device path, every command line runs through
+// /bin/sh with a PATH whose tools only record their arguments. Texts from
+// the database and from bus requests carry shell payloads that would
+// create a file in the daemon's working directory; none may run.
+class E2eUntrusted : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (std::system("command -v sqlite3 >/dev/null 2>&1") != 0) GTEST_SKIP() << "needs the sqlite3 program";
+        const char *tmp = std::getenv("TMPDIR");
+        std::string tmpl = std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/swmgr-untrusted-XXXXXX";
+        ASSERT_NE(::mkdtemp(tmpl.data()), nullptr);
+        dir_ = tmpl;
+        ASSERT_EQ(::mkdir((dir_ + "/bin").c_str(), 0755), 0);
+        for (const char *tool : {"vconfig", "ifconfig", "vlan_table_func", "arl_table_func", "sppe_ioctl",
+                                 "rate_limit_func", "tc_func", "queue_weight_func", "pri_ctl_func"}) {
+            const std::string path = dir_ + "/bin/" + tool;
+            FILE *f = std::fopen(path.c_str(), "w");
+            ASSERT_NE(f, nullptr);
+            std::fprintf(f, "#!/bin/sh\n{ printf '%%s' \"${0##*/}\"; for a in \"$@\"; do printf ' [%%s]' \"$a\"; done; "
+                            "echo; } >> %s\n", quote(dir_ + "/argv.log").c_str());
+            std::fclose(f);
+            ASSERT_EQ(::chmod(path.c_str(), 0755), 0);
+        }
+        db_ = dir_ + "/router.db";
+        // Loading stops at the first refused row (and a refused port keeps
+        // the VLANs from loading), so the one bad row at start-up is the
+        // last VLAN row.
+        const std::string extra =
+            "INSERT INTO vlanEncapIf (vlanId, interfaceName, fwdMap, untagMap) VALUES (30, 'eth0;touch ran', '0', '0');";
+        ASSERT_EQ(sh("sqlite3 " + quote(db_) + " < " + quote(ROUTER_SQL_PATH) + " && sqlite3 " + quote(db_) + " " +
+                     quote(extra)).status, 0);
+        daemon_ = spawn("sh -c " + quote("cd " + quote(dir_) + " && PATH=" + quote(dir_ + "/bin") + ":$PATH exec " +
+                                         SWMGRD_PATH + " --db " + quote(db_) +
+                                         " --sim-devices-only --foreground --bus-dir " + quote(dir_ + "/bus") +
+                                         " >/dev/null 2>" + quote(dir_ + "/daemon.err")));
+        for (int i = 0; i < 250 && errText().find("swmgrd: serving") == std::string::npos; ++i)
+            std::this_thread::sleep_for(milliseconds(20));
+        ASSERT_NE(errText().find("swmgrd: serving"), std::string::npos) << errText();
+    }
+    void TearDown() override {
+        if (daemon_ > 0) {
+            ::kill(daemon_, SIGKILL);
+            ::waitpid(daemon_, nullptr, 0);
+        }
+        if (!dir_.empty()) sh("rm -rf " + quote(dir_));
+    }
+    std::string errText() { return readFile(dir_ + "/daemon.err"); }
+    Proc ctl(const std::string &args) {
+        return sh(std::string(SWMGRCTL_PATH) + " --bus-dir " + quote(dir_ + "/bus") + " " + args);
+    }
+    static std::string hex(const std::string &bytes) {
+        std::string out;
+        char b[3];
+        for (unsigned char c : bytes) {
+            std::snprintf(b, sizeof b, "%02x", c);
+            out += b;
+        }
+        return out;
+    }
+    // A VLAN add or delete request: the switch name area, then the VLAN record.
+    static std::string vlanRequest(int vlanId, const std::string &ifName) {
+        std::string rec(64 + 1300, '\0');
+        std::memcpy(&rec[64], &vlanId, 4);
+        rec.replace(64 + 132, std::min<size_t>(ifName.size(), 64), ifName.substr(0, 64));
+        rec[64 + 1284] = 0x3;  // fwdMap: ports 0 and 1
+        return rec;
+    }
+    static std::string refusal(const std::string &origin, const std::string &shown, const std::string &ch) {
+        return origin + ": interfaceName \"" + shown + "\" refused: character " + ch +
+               " at offset 4 is not allowed (letters, digits, '_', '.', '-')\n";
+    }
+    std::string dir_, db_;
+    pid_t daemon_ = -1;
+};
+
+TEST_F(E2eUntrusted, NoPayloadRunsAndEachIsRefusedWhileGoodConfigurationIsProgrammed) {
+    EXPECT_NE(errText().find(refusal("table vlanEncapIf row id 3", "eth0;touch ran", "';'")), std::string::npos)
+        << errText();
+    // Port rows that would make a switch its own lower-level switch, directly
+    // and through the other one.
+    for (const auto &[sw, port, phy, rowId, msg] :
+         {std::tuple{"PSE", 2, "PSE:0", 8, "Refusing PSE as a lower-level switch of PSE: PSE would be below itself\n"},
+          std::tuple{"BCM", 5, "PSE:0", 9, "Refusing PSE as a lower-level switch of BCM: BCM would be below itself\n"}}) {
+        Proc row = ctl("sql --db " + quote(db_) + " " +
+                       quote(std::string("INSERT INTO swPortConfig (switchName, portNumber, PVID, interfaceName, "
+                                         "phyDevice) VALUES ('") + sw + "', " + std::to_string(port) + ", 1, 'eth2', '" +
+                             phy + "')"));
+        EXPECT_EQ(row.out, "swPortConfig row " + std::to_string(rowId) + " insert: result -22 (invalid argument)\n");
+        EXPECT_NE(errText().find(msg), std::string::npos) << errText();
+    }
+
+    // Payload, its character as the error line shows it, and the text.
+    const std::vector<std::tuple<std::string, std::string, std::string>> payloads = {
+        {"eth0;touch ran1", "';'", "eth0;touch ran1"},      {"eth0$(touch ran2)", "'$'", "eth0$(touch ran2)"},
+        {"eth0`touch ran3`", "'`'", "eth0`touch ran3`"},    {"eth0\ntouch ran4", "'\\n'", "eth0\\x0atouch ran4"},
+        {"eth0&&touch ran5", "'&'", "eth0&&touch ran5"},    {"eth0|touch ran6", "'|'", "eth0|touch ran6"},
+        {"eth0>ran7", "'>'", "eth0>ran7"},
+    };
+    int vlanId = 40;
+    for (const auto &[payload, ch, shown] : payloads) {
+        SCOPED_TRACE(shown);
+        // A database row, inserted and announced by swmgrctl sql.
+        std::string sqlText;
+        for (char c : payload) sqlText += c == '\n' ? std::string("' || char(10) || '") : std::string(1, c);
+        Proc row = ctl("sql --db " + quote(db_) + " " +
+                       quote("INSERT INTO vlanEncapIf (vlanId, interfaceName, fwdMap, untagMap) VALUES (" +
+                             std::to_string(++vlanId) + ", '" + sqlText + "', '0', '0')"));
+        const std::string rowId = std::to_string(vlanId - 40 + 3);
+        EXPECT_EQ(row.out, "vlanEncapIf row " + rowId + " insert: result -22 (invalid argument)\n");
+        EXPECT_NE(errText().find(refusal("table vlanEncapIf row id " + rowId, shown, ch)), std::string::npos);
+        // The same name in bus requests, past swmgrctl's own check.
+        for (int code : {36, 38}) {
+            Proc req = ctl("raw " + std::to_string(code) + " " + hex(vlanRequest(vlanId, payload)));
+            EXPECT_EQ(req.out, "raw 103 " + std::to_string(code) + " (1364 bytes): result -22 (invalid argument)\n");
+            EXPECT_NE(errText().find(refusal(code == 36 ? "VLAN add request" : "VLAN delete request", shown, ch)),
+                      std::string::npos);
+        }
+    }
+    Proc ctlRefused = ctl("vlan add --id 99 --if " + quote("eth0;touch ran9"));
+    EXPECT_EQ(ctlRefused.status, 1);
+    EXPECT_EQ(ctlRefused.out, "swmgrctl: --if: character ';' at offset 4 is not allowed (letters, digits, '_', '.', '-')\n");
+
+    // A good request after all of them is programmed.
+    EXPECT_EQ(ctl("raw 36 " + hex(vlanRequest(60, "eth0"))).out, "raw 103 36 (1364 bytes): result 0 (ok)\n");
+
+    const std::string ran = sh("find " + quote(dir_) + " -name 'ran*'").out;
+    EXPECT_EQ(ran, "") << "payloads ran";
+    const std::string argv = readFile(dir_ + "/argv.log");
+    EXPECT_EQ(argv.find("touch"), std::string::npos) << argv;
+    for (const char *line : {"vconfig [add] [eth0] [10]\nifconfig [eth0.10] [up]\n",
+                             "vconfig [add] [eth0] [20]\nifconfig [eth0.20] [up]\n",
+                             "vconfig [add] [eth0] [60]\nifconfig [eth0.60] [up]\n",
+                             "vlan_table_func [edit] [6] [0] [0x6] [0x6] [60] ["})
+        EXPECT_NE(argv.find(line), std::string::npos) << line << "\n" << argv;
 }
 
 TEST_F(E2e, StateDrawsTheTopologyAndKeepsBoundedHistories) {
