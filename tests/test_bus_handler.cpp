@@ -1,6 +1,8 @@
 // The bus command handler: sorting by code, malformed requests, interface
 // events and the upstream rate limit, result mapping.
+#include <algorithm>
 #include <cstring>
+#include <string>
 #include <vector>
 
 #include "config/swconf.h"
@@ -146,6 +148,49 @@ TEST_F(BusHandler, VlanRequestWithoutATopLevelSwitchIsRefusedQuietly) {
     EXPECT_EQ(handle(SW_CMD_VLAN_ADD, req, sizeof req), SW_EINVAL);
     EXPECT_EQ(handle(SW_CMD_VLAN_DELETE, req, sizeof req), SW_EINVAL);
     EXPECT_TRUE(cap->logs.empty());
+}
+
+TEST_F(BusHandler, VlanRequestsWithUnsafeNamesOrIdsAreRefusedBeforeAnythingIsProgrammed) {
+    addBound("REC", 1);
+    const std::string rule = " is not allowed (letters, digits, '_', '.', '-')\n";
+    struct Case {
+        std::string ifName, logical;
+        int vlanId;
+        std::string why;
+    };
+    const Case cases[] = {
+        {"eth0;touch x", "", 5, "interfaceName \"eth0;touch x\" refused: character ';' at offset 4" + rule},
+        {"eth0\ntouch x", "", 5, "interfaceName \"eth0\\x0atouch x\" refused: character '\\n' at offset 4" + rule},
+        {std::string(64, 'e'), "", 5, ""},  // a full field is cut at its width, as always: accepted
+        {"", "", 5, "interfaceName \"\" refused: the name is empty\n"},
+        {".", "", 5, "interfaceName \".\" refused: \".\" and \"..\" are not names\n"},
+        {"eth0", "br lan", 5, "LogicalIfName \"br lan\" refused: character ' ' at offset 2" + rule},
+        {"eth0", "", 0, "vlanId 0 refused: outside 1..4094\n"},
+        {"eth0", "", 4095, "vlanId 4095 refused: outside 1..4094\n"},
+    };
+    for (const auto &c : cases) {
+        for (int code : {SW_CMD_VLAN_ADD, SW_CMD_VLAN_DELETE}) {
+            std::vector<char> req(SW_BUS_NAME_LEN + SW_VLAN_CONF_LEN, 0);
+            SwitchVlanConf conf{};
+            conf.vlanId = c.vlanId;
+            std::memcpy(conf.interfaceName, c.ifName.data(), std::min(c.ifName.size(), sizeof conf.interfaceName));
+            std::memcpy(conf.LogicalIfName, c.logical.data(), c.logical.size());
+            std::memcpy(req.data() + SW_BUS_NAME_LEN, &conf, sizeof conf);
+            cap->clear();
+            rec->calls.clear();
+            const int r = handle(code, req.data(), static_cast<int>(req.size()));
+            if (c.why.empty()) {
+                EXPECT_EQ(r, 0);
+                EXPECT_FALSE(cap->commands.empty());
+                continue;
+            }
+            const std::string origin = code == SW_CMD_VLAN_ADD ? "VLAN add request: " : "VLAN delete request: ";
+            EXPECT_EQ(r, SW_EINVAL) << c.why;
+            EXPECT_EQ(cap->rawLogs(), std::vector<std::string>{origin + c.why});
+            EXPECT_TRUE(cap->commands.empty());
+            EXPECT_TRUE(rec->calls.empty());
+        }
+    }
 }
 
 }  // namespace

@@ -79,7 +79,8 @@ TEST(ConfigDecode, VlanRowByNameLongMapCutAtItsField) {
 TEST(ConfigDecode, PortListBitmaps) {
     const std::pair<const char *, uint32_t> cases[] = {
         {"0,1,2,8", 0x107}, {"31", 0x80000000u}, {"40", 0}, {"70", 0x40},
-        {"-1", 0},          {"1,,2", 0x6},       {" 5", 0x20}};
+        {"-1", 0},          {"1,,2", 0x6},       {" 5", 0x20},
+        {"4294967297,2", 0x4}, {"-99999999999999999999", 0}, {"2147483615", 0x80000000u}};
     for (const auto &[text, bits] : cases) {
         std::string copy(text);
         EXPECT_EQ(str2num(copy.data()), bits) << text;
@@ -87,6 +88,34 @@ TEST(ConfigDecode, PortListBitmaps) {
     char text[] = "0,1,2,8";  // rewritten: the last token ends up at the start
     str2num(text);
     EXPECT_STREQ(text, "8");
+}
+
+TEST(ConfigDecode, NumbersBeyond32BitsRefuseTheRow) {
+    swtest::Capture cap;
+    const std::pair<std::vector<const char *>, const char *> cases[] = {
+        {{"vlanId", "4294967306"}, "column vlanId: 4294967306 is out of range\n"},
+        {{"vlanId", "-2147483649"}, "column vlanId: -2147483649 is out of range\n"},
+        {{"fwdMap", "1,2147483648"}, "VLAN 0: a port in fwdMap or untagMap is out of range\n"},
+        {{"untagMap", "99999999999999999999999"}, "VLAN 0: a port in fwdMap or untagMap is out of range\n"},
+    };
+    for (const auto &[cells, msg] : cases) {
+        Table t({cells[0]}, {{cells[1]}});
+        SwitchVlanConf c{};
+        cap.clear();
+        EXPECT_EQ(swVlanCfgFromQueryResultRead(&c, t.cells.data(), 1, 0), -22) << cells[1];
+        EXPECT_EQ(cap.rawLogs(), std::vector<std::string>{msg});
+    }
+    Table edge({"vlanId", "fwdMap"}, {{"2147483647", "-2147483648,3"}});
+    SwitchVlanConf c{};
+    EXPECT_EQ(swVlanCfgFromQueryResultRead(&c, edge.cells.data(), 2, 0), 0);
+    EXPECT_EQ(c.vlanId, 2147483647);
+    EXPECT_EQ(c.fwdMap, 0x9u) << "-2^31 has bit 5 clear: bit 0, as the shift rule gives";
+    Table sw({"switchLevel"}, {{"12345678901"}});
+    SwitchConf sc{};
+    EXPECT_EQ(swGlobalCfgFromQueryResultRead(&sc, sw.cells.data(), 1, 0), -22);
+    Table port({"portNumber"}, {{"-12345678901"}});
+    SwitchPortConf pc{};
+    EXPECT_EQ(swPortCfgFromQueryResultRead(&pc, port.cells.data(), 1, 0), -22);
 }
 
 TEST(ConfigDecode, AbsentUntagMapConvertsWhatFwdMapLeftInTheScratch) {

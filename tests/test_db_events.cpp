@@ -39,7 +39,7 @@ protected:
     std::string oldValues(const std::string &table, int rowId) { return swtest::rowValuesBlock(db, table, rowId); }
     int event(const char *table, int rowId, int opCode, std::string old = "", unsigned len = 80) {
         DbUpdateEvent ev{};
-        std::strncpy(ev.tableName, table, sizeof ev.tableName);
+        std::memcpy(ev.tableName, table, std::min(std::strlen(table), sizeof ev.tableName));
         ev.rowId = rowId;
         ev.opCode = opCode;
         return swMgrDBUpdateHandler(&ev, len, old.empty() ? nullptr : old.data(),
@@ -155,6 +155,82 @@ TEST_F(DbEvents, OldValuesAreNeverReadPastTheirLength) {
         << cap->dump();
     EXPECT_TRUE(cap->commands.empty());
     EXPECT_NE(switchVlanByIdGet(sw, 10), nullptr) << "nothing decoded, nothing deleted";
+}
+
+}  // namespace
+
+namespace {
+
+TEST_F(DbEvents, RowsWithUnsafeTextsOrNumbersAreRefusedAndLeaveTheLoadedOnesAlone) {
+    loadAll();
+    const std::string rule = " is not allowed (letters, digits, '_', '.', '-')\n";
+    struct Case {
+        const char *table;
+        std::string values;
+        std::string why;  // after "table T row id N: "
+    };
+    const Case cases[] = {
+        {"vlanEncapIf", "(11, 'eth0;touch x', '', '', '', '0', '0', 0)",
+         "interfaceName \"eth0;touch x\" refused: character ';' at offset 4" + rule},
+        {"vlanEncapIf", "(11, 'eth0' || char(10) || 'id', '', '', '', '0', '0', 0)",
+         "interfaceName \"eth0\\x0aid\" refused: character '\\n' at offset 4" + rule},
+        {"vlanEncapIf", "(11, '..', '', '', '', '0', '0', 0)",
+         "interfaceName \"..\" refused: \".\" and \"..\" are not names\n"},
+        {"vlanEncapIf", "(11, 'eth0', 'br`x`', '', '', '0', '0', 0)",
+         "LogicalIfName \"br`x`\" refused: character '`' at offset 2" + rule},
+        {"vlanEncapIf", "(4095, 'eth0', '', '', '', '0', '0', 0)", "vlanId 4095 refused: outside 1..4094\n"},
+        {"swPortConfig", "('REC', 3, 1, 0, 0, 0, 'lan|x', '', 0, 0, 4, 1, 1, 1, 1)",
+         "interfaceName \"lan|x\" refused: character '|' at offset 3" + rule},
+        {"swPortConfig", "('REC', 3, 1, 0, 0, 0, NULL, '', 0, 0, 4, 1, 1, 1, 1)",
+         "interfaceName \"\" refused: the name is empty\n"},
+        {"swPortConfig", "('REC', 32, 1, 0, 0, 0, 'lan', '', 0, 0, 4, 1, 1, 1, 1)",
+         "portNumber 32 refused: outside 0..31\n"},
+        {"swPortConfig", "('REC', 3, 4095, 0, 0, 0, 'lan', '', 0, 0, 4, 1, 1, 1, 1)",
+         "PVID 4095 refused: outside 0..4094\n"},
+        {"swGlobalCfg", "('NEW', 'dev/sw', 1, 0, 5, 0, 0, 0, 1)",
+         "switchDevice \"dev/sw\" refused: not an absolute path\n"},
+        {"swGlobalCfg", "('NEW', '/dev/../etc/x', 1, 0, 5, 0, 0, 0, 1)",
+         "switchDevice \"/dev/../etc/x\" refused: \".\" and \"..\" are not names\n"},
+        {"swGlobalCfg", "('NEW', '/dev/sw;x', 1, 0, 5, 0, 0, 0, 1)",
+         "switchDevice \"/dev/sw;x\" refused: character ';' at offset 7" + rule},
+        {"swGlobalCfg", "('NEW', '', 1, 0, 5, 0, 0, 0, 256)", "switchLevel 256 refused: outside 0..255\n"},
+    };
+    for (const auto &c : cases) {
+        exec(std::string("INSERT INTO ") + c.table + " VALUES " + c.values + ";");
+        const int row = static_cast<int>(sqlite3_last_insert_rowid(db));
+        cap->clear();
+        EXPECT_EQ(event(c.table, row, 18), -22) << c.why;
+        const std::string origin = std::string("table ") + c.table + " row id " + std::to_string(row) + ": ";
+        EXPECT_GE(cap->findLog(origin + c.why), 0) << cap->dump();
+        EXPECT_TRUE(cap->commands.empty());
+        EXPECT_TRUE(rec->calls.empty());
+    }
+    EXPECT_EQ(switchByNameGet("NEW"), nullptr);
+    EXPECT_EQ(switchPortByNumberGet(sw, 3), nullptr);
+    EXPECT_EQ(switchVlanByIdGet(sw, 11), nullptr);
+    ASSERT_NE(switchVlanByIdGet(sw, 10), nullptr) << "the loaded VLAN stays";
+    EXPECT_EQ(switchVlanByIdGet(sw, 10)->fwdMap, 0x3u);
+
+    // An update to an unsafe name leaves the VLAN as it was.
+    std::string old = oldValues("vlanEncapIf", 1);
+    exec("UPDATE vlanEncapIf SET interfaceName='eth0>x', fwdMap='2' WHERE rowid=1");
+    cap->clear();
+    EXPECT_EQ(event("vlanEncapIf", 1, 23, old), -22);
+    EXPECT_GE(cap->findLog("table vlanEncapIf row id 1: interfaceName \"eth0>x\" refused: character '>' at offset 4" +
+                           rule),
+              0);
+    EXPECT_EQ(switchVlanByIdGet(sw, 10)->fwdMap, 0x3u);
+
+    // At start-up the row's position names it when the table has no id.
+    swtest::resetRegistry();
+    exec("DELETE FROM swGlobalCfg WHERE switchName='NEW'; DELETE FROM vlanEncapIf;"
+         "INSERT INTO vlanEncapIf VALUES (12, 'eth0', '', '', '', '0', '0', 0);"
+         "INSERT INTO vlanEncapIf VALUES (13, 'a b', '', '', '', '0', '0', 0);");
+    ASSERT_EQ(switchCfgLoad(), 0);
+    cap->clear();
+    EXPECT_EQ(switchVlanCfgLoad(), -22);
+    EXPECT_GE(cap->findLog("table vlanEncapIf row 2: interfaceName \"a b\" refused: character ' ' at offset 1" + rule), 0)
+        << cap->dump();
 }
 
 }  // namespace

@@ -151,3 +151,34 @@ TEST_F(Ports, MappingFailuresRefuseThePortListsRegisterEachLowerSwitchOnceInOrde
               (std::vector<SwitchPort *>{switchPortByNumberGet(low2, 4), switchPortByNumberGet(low1, 5)}));
     EXPECT_EQ(children(top), (std::vector<Switch *>{low1, low2}));
 }
+
+TEST_F(Ports, MappingsThatWouldLoopTheHierarchyOrNameNoPortNumberAreRefused) {
+    Switch *a = add("A", 3), *b = add("B", 2), *c = add("C", 1);
+    for (auto [sw, n] : {std::pair{"A", 0}, {"B", 0}, {"C", 0}}) ASSERT_EQ(addPort(sw, n), 0);
+    ASSERT_EQ(addPort("A", 1, "B:0"), 0);
+    ASSERT_EQ(addPort("B", 1, "C:0"), 0);
+    drv.calls.clear();
+    const std::string loop = "would be below itself\n";
+    for (const auto &[sw, phy, why] : std::vector<std::tuple<const char *, const char *, std::string>>{
+             {"A", "A:0", "Refusing A as a lower-level switch of A: A " + loop},     // itself
+             {"B", "A:0", "Refusing A as a lower-level switch of B: B " + loop},     // two switches
+             {"C", "A:0", "Refusing A as a lower-level switch of C: C " + loop},     // through B
+             {"C", "B:0", "Refusing B as a lower-level switch of C: C " + loop},
+             {"A", "B:32", "(switch=A) (port:7) Port number 32 of B is out of range\n"},
+             {"A", "B:-1", "(switch=A) (port:7) Port number -1 of B is out of range\n"},
+             {"A", "B:4294967296", "(switch=A) (port:7) Port number 4294967296 of B is out of range\n"}}) {
+        cap->clear();
+        EXPECT_EQ(addPort(sw, 7, phy), -22) << sw << " " << phy;
+        const std::string port = std::string("(switch=") + sw + ") (port:7) ";
+        EXPECT_EQ(cap->rawLogs(), (Lines{why, port + "Failed to update port mapping for port7 in " + sw + " \n",
+                                         port + "Failed to initiate port mappings \n",
+                                         "Failed to create switch port configuration \n"}));
+        EXPECT_EQ(switchPortByNumberGet(switchByNameGet(sw), 7), nullptr);
+    }
+    EXPECT_EQ(children(a), std::vector<Switch *>{b});
+    EXPECT_EQ(children(b), std::vector<Switch *>{c});
+    EXPECT_TRUE(children(c).empty());
+    EXPECT_TRUE(drv.calls.empty());
+    EXPECT_EQ(switchLowerLvlSwitchListAppend(c, a), -22) << "the registry keeps the tree on its own too";
+    EXPECT_EQ(addPort("A", 7, "C:0"), 0) << "a lower switch may be reached twice";
+}

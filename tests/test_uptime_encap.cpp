@@ -112,11 +112,24 @@ TEST_F(EncapTest, DestroyReturnsToolStatusAndAlwaysDropsStamp) {
     EXPECT_EQ(host.dump(), "eth0 up\neth1 up\n");
 }
 
-TEST_F(EncapTest, MissingNameIsRefused) {
+TEST_F(EncapTest, MissingOrUnsafeNameIsRefused) {
     EXPECT_EQ(switchVlanEncapCreate(nullptr, 100), SW_EINVAL);
     EXPECT_EQ(switchVlanEncapDestroy(nullptr, 100), SW_EINVAL);
-    EXPECT_TRUE(cap->commands.empty());
     EXPECT_EQ(cap->rawLogs(), Lines(2, "No parent interface for VLAN 100\n"));
+    // Whatever a caller let through, no such name reaches a command line.
+    const std::pair<std::string, std::string> cases[] = {
+        {"eth0;reboot", "character ';' at offset 4"}, {"eth0\n", "character '\\n' at offset 4"},
+        {"$(x)", "character '$' at offset 0"},      {"a\x7f", "character 0x7f at offset 1"},
+        {"", "the name is empty"},                   {"..", "\".\" and \"..\" are not names"}};
+    for (const auto &[name, why] : cases) {
+        cap->clear();
+        std::string text = name;
+        EXPECT_EQ(switchVlanEncapCreate(text.data(), 7), SW_EINVAL) << name;
+        EXPECT_EQ(switchVlanEncapDestroy(text.data(), 7), SW_EINVAL) << name;
+        const std::string tail = why.find("character") == 0 ? " is not allowed (letters, digits, '_', '.', '-')" : "";
+        EXPECT_EQ(cap->rawLogs(), Lines(2, "Parent interface of VLAN 7 refused: " + why + tail + "\n"));
+    }
+    EXPECT_TRUE(cap->commands.empty());
 }
 
 TEST_F(EncapTest, UptimeStampReadAndWrite) {
@@ -126,6 +139,16 @@ TEST_F(EncapTest, UptimeStampReadAndWrite) {
     root->write("var/empty", "none\n");
     EXPECT_EQ(timeEventGet(&s, "/var/empty"), 0);
     EXPECT_EQ(s, 0u) << "a file without a number reads as zero";
+    // Beyond 32 bits, or negative: no number a stamp can hold.
+    for (const char *text : {"4294967296.5 1.0\n", "-1.00 2.00\n", "99999999999999999999999\n"}) {
+        root->write("var/big", text);
+        s = 99;
+        EXPECT_EQ(timeEventGet(&s, "/var/big"), 0);
+        EXPECT_EQ(s, 0u) << text;
+    }
+    root->write("var/max", "  4294967295.99 1\n");
+    EXPECT_EQ(timeEventGet(&s, "/var/max"), 0);
+    EXPECT_EQ(s, 4294967295u);
     EXPECT_EQ(timeEventGet(&s, "/var/absent"), -1);
     EXPECT_EQ(timeEventGet(nullptr, "/proc/uptime"), -1);
     EXPECT_EQ(timeEventGet(&s, nullptr), -1);
