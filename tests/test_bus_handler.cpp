@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "config/swconf.h"
@@ -191,6 +192,17 @@ TEST_F(BusHandler, VlanRequestsWithUnsafeNamesOrIdsAreRefusedBeforeAnythingIsPro
             EXPECT_TRUE(rec->calls.empty());
         }
     }
+    // The developer form names the handler.
+    swMgrDevDebug = 1;
+    std::vector<char> req(SW_BUS_NAME_LEN + SW_VLAN_CONF_LEN, 0);
+    req[SW_BUS_NAME_LEN] = 5;
+    req[SW_BUS_NAME_LEN + 132] = '|';
+    cap->clear();
+    EXPECT_EQ(handle(SW_CMD_VLAN_ADD, req.data(), static_cast<int>(req.size())), SW_EINVAL);
+    ASSERT_EQ(cap->logs.size(), 1u);
+    EXPECT_EQ(std::make_tuple(cap->logs[0].level, cap->logs[0].func, cap->logs[0].text),
+              std::make_tuple(256, std::string("swMgrIoctlHandler"),
+                              "VLAN add request: interfaceName \"|\" refused: character '|' at offset 0" + rule));
 }
 
 }  // namespace
