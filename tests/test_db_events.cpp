@@ -147,6 +147,11 @@ TEST_F(DbEvents, OldValuesAreNeverReadPastTheirLength) {
     std::vector<char> cut = {'v', 'l', 'a', 'n', 'I', 'd', '\0', '1', '0'};
     EXPECT_EQ(swMgrDBUpdateHandler(&ev, 80, cut.data(), static_cast<unsigned>(cut.size())), 0);
 
+    // An update's old values shorter than the row: the missing ones stay
+    // null (the old id reads as 0 and finds no VLAN).
+    EXPECT_EQ(event("vlanEncapIf", 1, 23, std::string("vlanId\0" "10\0", 10)), 0);
+    EXPECT_EQ(switchVlanByIdGet(sw, 10)->fwdMap, 0x3u);
+
     // An empty block passes with no columns and reaches the delete handler,
     // which refuses a row without a parent interface name.
     cap->clear();
