@@ -105,6 +105,11 @@ TEST(ConfigDecode, NumbersBeyond32BitsRefuseTheRow) {
         EXPECT_EQ(swVlanCfgFromQueryResultRead(&c, t.cells.data(), 1, 0), -22) << cells[1];
         EXPECT_EQ(cap.rawLogs(), std::vector<std::string>{msg});
     }
+    // A value is never taken for a column name.
+    Table shifted({"x"}, {{"vlanId"}, {"77"}});
+    SwitchVlanConf none{};
+    EXPECT_EQ(swVlanCfgFromQueryResultRead(&none, shifted.cells.data(), 1, 0), 0);
+    EXPECT_EQ(none.vlanId, 0);
     Table edge({"vlanId", "fwdMap"}, {{"2147483647", "-2147483648,3"}});
     SwitchVlanConf c{};
     EXPECT_EQ(swVlanCfgFromQueryResultRead(&c, edge.cells.data(), 2, 0), 0);

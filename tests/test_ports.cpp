@@ -181,4 +181,8 @@ TEST_F(Ports, MappingsThatWouldLoopTheHierarchyOrNameNoPortNumberAreRefused) {
     EXPECT_TRUE(drv.calls.empty());
     EXPECT_EQ(switchLowerLvlSwitchListAppend(c, a), -22) << "the registry keeps the tree on its own too";
     EXPECT_EQ(addPort("A", 7, "C:0"), 0) << "a lower switch may be reached twice";
+    SwitchPort *p = switchPortByNumberGet(a, 7);
+    EXPECT_EQ(switchPortMappedListAppend(p, nullptr), -1);
+    EXPECT_EQ(switchPortMappedListAppend(nullptr, p), -1);
+    EXPECT_EQ(mapped(p).size(), 1u);
 }
