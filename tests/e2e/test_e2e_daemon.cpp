@@ -14,9 +14,9 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <cstring>
 #include <map>
 #include <nlohmann/json.hpp>
+#include <cstring>
 #include <string>
 #include <thread>
 #include <tuple>
@@ -488,39 +488,6 @@ TEST_F(E2eUntrusted, NoPayloadRunsAndEachIsRefusedWhileGoodConfigurationIsProgra
                              "vconfig [add] [eth0] [60]\nifconfig [eth0.60] [up]\n",
                              "vlan_table_func [edit] [6] [0] [0x6] [0x6] [60] ["})
         EXPECT_NE(argv.find(line), std::string::npos) << line << "\n" << argv;
-}
-
-TEST_F(E2e, StateDrawsTheTopologyAndKeepsBoundedHistories) {
-    EXPECT_EQ(ctl("state --dot").out,
-              "digraph swmgr {\n  rankdir=TB;\n  node [shape=box, fontsize=10];\n"
-              "  subgraph \"cluster_PSE\" {\n    label=\"PSE (level 2)\";\n"
-              "    \"PSE:0\" [label=\"port 0\"];\n    \"PSE:1\" [label=\"port 1\"];\n"
-              "    \"PSE:vlans\" [shape=note, label=\"VLAN 10: members 0xf, untagged 0xf\\nVLAN 20: members 0x10, "
-              "untagged 0x10\\n\"];\n  }\n"
-              "  subgraph \"cluster_BCM\" {\n    label=\"BCM (level 1)\";\n    \"BCM:0\" [label=\"port 0\"];\n"
-              "    \"BCM:1\" [label=\"port 1\"];\n    \"BCM:2\" [label=\"port 2\"];\n    \"BCM:3\" [label=\"port 3\"];\n"
-              "    \"BCM:4\" [label=\"port 4\"];\n"
-              "    \"BCM:vlans\" [shape=note, label=\"VLAN 10: members 0xf, untagged 0xf\\nVLAN 20: members 0x10, "
-              "untagged 0x10\\n\"];\n  }\n"
-              "  \"PSE:1\" -> \"BCM:0\";\n  \"PSE:1\" -> \"BCM:1\";\n  \"PSE:1\" -> \"BCM:2\";\n"
-              "  \"PSE:1\" -> \"BCM:3\";\n  \"PSE:1\" -> \"BCM:4\";\n}\n");
-
-    ASSERT_EQ(::kill(daemon_, SIGTERM), 0);
-    ASSERT_NE(reap(daemon_, milliseconds(1500)), -1);
-    startDaemon("", "env SWMGR_SIM_HISTORY=3 ");
-    const json s = state();
-    EXPECT_EQ(s["history"]["engine"], json::array({"awk: system(/sysx2.0/bin/memrw 1879048216 w 0x80080)",
-                                                   "pri_ctl_func set 0 0 0 0 1 0", "pri_ctl_func set 1 0 0 1 0 0"}));
-    EXPECT_EQ(s["history"]["host"], json::array({"/sbin/vconfig set_egress_map eth0.20 6 6",
-                                                 "/sbin/vconfig set_ingress_map eth0.20 7 7",
-                                                 "/sbin/vconfig set_egress_map eth0.20 7 7"}));
-    ASSERT_EQ(::kill(daemon_, SIGTERM), 0);
-    ASSERT_NE(reap(daemon_, milliseconds(1500)), -1);
-    daemon_ = -1;
-    Proc bad = sh("SWMGR_SIM_HISTORY=many " + std::string(SWMGRD_PATH) + " --db " + quote(db_) + " --sim --bus-dir " +
-                  quote(bus_));
-    EXPECT_EQ(bad.status, 1);
-    EXPECT_NE(bad.out.find("SWMGR_SIM_HISTORY must be a number of lines up to 1000000"), std::string::npos) << bad.out;
 }
 
 }  // namespace
