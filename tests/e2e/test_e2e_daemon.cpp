@@ -265,8 +265,14 @@ TEST_F(E2e, IdleConnectionsAndAStalledLogReaderDoNotHoldRequestsUp) {
     ASSERT_NE(at, std::string::npos) << st.out;
     EXPECT_GT(std::stoul(st.out.substr(at + 8)), 0u) << st.out.substr(at);
     ASSERT_EQ(::kill(logger_, SIGCONT), 0);
-    EXPECT_EQ(ctl("vlan add --id 401 --ports 0").status, 0);
-    EXPECT_TRUE(logHas("log records dropped while the log reader was behind\n"));
+    // The count rides on the first record that gets through, which needs the
+    // reader to have drained its backlog first: keep the daemon talking.
+    bool told = false;
+    for (int i = 0; i < 10 && !told; ++i) {
+        EXPECT_EQ(ctl("vlan " + std::string(i % 2 == 0 ? "add" : "del") + " --id 401 --ports 0").status, 0);
+        told = logHas("log records dropped while the log reader was behind\n");
+    }
+    EXPECT_TRUE(told);
 }
 
 TEST_F(E2e, ALockedDatabaseFailsTheRequestInBoundedTimeAndSigtermWaitsForIt) {
