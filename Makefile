@@ -1,10 +1,12 @@
 # make test   installs what is missing, then builds and runs the tests three
 #             ways: host Release, host with ASan+UBSan, mipsel under qemu.
-# make build  host Release build only.
+# make build  host Release build only (installs nothing; `make deps` does).
 JOBS ?= $(shell nproc)
 BUILD := build
 SYSROOT := $(CURDIR)/$(BUILD)/mipsel-sysroot
 CTEST := ctest --output-on-failure -j$(JOBS)
+# This project's own builds treat warnings as errors; a consumer's need not.
+CMAKE_OPTS := -DSWMGR_WERROR=ON
 
 # make fuzz   builds the fuzz targets with clang and runs each on its seed
 #             corpus for FUZZ_SECONDS (default 60), one after the other.
@@ -18,23 +20,24 @@ all: build
 deps:
 	@./scripts/install-deps.sh
 
-build: deps
-	cmake -S . -B $(BUILD)/host -DCMAKE_BUILD_TYPE=Release
+build:
+	cmake -S . -B $(BUILD)/host -DCMAKE_BUILD_TYPE=Release $(CMAKE_OPTS)
 	cmake --build $(BUILD)/host -j$(JOBS)
 
-test-host: build
+test-host: deps
+	@$(MAKE) --no-print-directory build
 	@echo "== host (Release)"
 	cd $(BUILD)/host && $(CTEST)
 
 test-asan: deps
 	@echo "== host with AddressSanitizer and UndefinedBehaviorSanitizer"
-	cmake -S . -B $(BUILD)/asan -DCMAKE_BUILD_TYPE=Debug -DSWMGR_SANITIZE=ON
+	cmake -S . -B $(BUILD)/asan -DCMAKE_BUILD_TYPE=Debug -DSWMGR_SANITIZE=ON $(CMAKE_OPTS)
 	cmake --build $(BUILD)/asan -j$(JOBS)
 	cd $(BUILD)/asan && $(CTEST)
 
 test-mipsel: deps
 	@echo "== mipsel (32-bit little-endian MIPS) under qemu"
-	cmake -S . -B $(BUILD)/mipsel -DCMAKE_BUILD_TYPE=Release \
+	cmake -S . -B $(BUILD)/mipsel -DCMAKE_BUILD_TYPE=Release $(CMAKE_OPTS) \
 	  -DCMAKE_TOOLCHAIN_FILE=$(CURDIR)/cmake/mipsel-linux-gnu.cmake -DMIPSEL_EXTRA_ROOT=$(SYSROOT)
 	cmake --build $(BUILD)/mipsel -j$(JOBS)
 	cd $(BUILD)/mipsel && $(CTEST)

@@ -30,7 +30,7 @@ run() {
 
 step "Preparing: packages, build"
 SWMGR_CROSS=0 "$top/scripts/install-deps.sh"
-cmake -S "$top" -B "$build" -DCMAKE_BUILD_TYPE=Release >/dev/null
+cmake -S "$top" -B "$build" -DCMAKE_BUILD_TYPE=Release -DSWMGR_WERROR=ON >/dev/null
 cmake --build "$build" -j"$jobs" --target swmgrd swmgrctl >/dev/null
 swmgrd=$build/tools/swmgrd
 swmgrctl=$build/tools/swmgrctl

@@ -17,12 +17,13 @@
 
 #include "config/swconf.h"
 #include "service/swmgr.h"
-#include "sim_host.h"
 #include "swmgr_tools.h"
+#if SWMGR_WITH_SIM
+#include "sim_host.h"
+#endif
 
 namespace {
 
-swtool::SimHost *simHost = nullptr;
 int stopSignal = 0;
 
 // Runs in the bus loop, between requests, on the only thread.
@@ -32,6 +33,9 @@ void onStopSignal(void *, int fd) {
     stopSignal = static_cast<int>(info.ssi_signo);
     swMgrDeinit();  // unregisters, so the listening wait returns and swMgrRun ends
 }
+
+#if SWMGR_WITH_SIM
+swtool::SimHost *simHost = nullptr;
 
 std::string daemonStateText() {
     return "daemon: " + std::to_string(mbusPortLogDropped()) + " log records dropped\n";
@@ -55,6 +59,7 @@ int stateRequest(MbusCtx *, const MbusMsgHeader *, int cmd, void *, int, void *a
     *auxLen = static_cast<int>(n + 1);
     return out.size() < cap ? 0 : 1;  // 1: the text was cut at the buffer
 }
+#endif
 
 std::string initFailure(int r) {
     if (pSwMgrMbusCtx == nullptr && r == -1) {
@@ -65,6 +70,7 @@ std::string initFailure(int r) {
     return "the switch list could not be initialised";
 }
 
+#if SWMGR_WITH_SIM
 bool onRamFs(const std::string &dir) {
     struct statfs fs {};
     constexpr decltype(fs.f_type) kTmpfs = 0x01021994;  // TMPFS_MAGIC; ramfs is 0x858458f6
@@ -87,6 +93,7 @@ std::pair<std::string, bool> simStateDir() {
     }
     return {bus + "/sim", false};
 }
+#endif
 
 }  // namespace
 
@@ -96,7 +103,8 @@ int main(int argc, char **argv) {
                  "switches and serves requests on the message bus until SIGINT or SIGTERM.",
                  "swmgrd"};
     std::string db, busDir, stateDir, logTo = "bus";
-    bool foreground = false, debug = false, sim = false, devicesOnly = false;
+    bool foreground = false, debug = false, sim = false;
+    [[maybe_unused]] bool devicesOnly = false;  // only with the simulator built in
     int busyMs = SQLITE_PORT_BUSY_MS;
     app.footer("swmgrd never forks: it runs in the foreground of whoever started it (a supervisor or a shell).");
     app.add_option("--db", db, "configuration database (SQLite file)")->required();
@@ -110,6 +118,7 @@ int main(int argc, char **argv) {
                    "how long a query may wait in all on a database that another program holds locked;\n"
                    "after that the request fails and the next one is served")
         ->check(CLI::Range(0, 600000));
+#if SWMGR_WITH_SIM
     app.add_flag("--sim", sim,
                  "simulate the hardware: switch chip at the BCM switch's device path, packet engine\n"
                  "tools, host VLAN interfaces; files go below the state directory; state for swmgrctl state");
@@ -117,11 +126,12 @@ int main(int argc, char **argv) {
                  "simulate only the switch chip (at the BCM switch's device path) and keep files below the\n"
                  "state directory; command lines run for real with the PATH swmgrd was given")
         ->excludes("--sim");
-    app.add_option("--bus-dir", busDir,
-                   "directory of the bus sockets (default: $" MBUS_PORT_DIR_ENV " or " MBUS_PORT_DEFAULT_DIR ")");
     app.add_option("--state-dir", stateDir,
                    "with --sim or --sim-devices-only: where the simulated system's files go (default: on a RAM file system when\n"
                    "there is one: BUS-DIR/sim, else a new directory under $XDG_RUNTIME_DIR, /dev/shm or /run)");
+#endif
+    app.add_option("--bus-dir", busDir,
+                   "directory of the bus sockets (default: $" MBUS_PORT_DIR_ENV " or " MBUS_PORT_DEFAULT_DIR ")");
     CLI11_PARSE(app, argc, argv);
 
     if (!busDir.empty()) mbusPortBusDirSet(busDir.c_str());
@@ -149,6 +159,7 @@ int main(int argc, char **argv) {
         return 1;
     }
 
+#if SWMGR_WITH_SIM
     struct MadeDir {  // a state directory made for this run goes with it, after the simulation
         std::string path;
         ~MadeDir() {
@@ -170,6 +181,7 @@ int main(int argc, char **argv) {
         }
         simHost = &host;
     }
+#endif
 
     swMgrForeground = logTo == "stderr" ? 1 : 0;
     swMgrDevDebug = debug ? 1 : 0;
@@ -181,6 +193,7 @@ int main(int argc, char **argv) {
     }
 
     MbusCtx *stateCtx = nullptr;
+#if SWMGR_WITH_SIM
     if (sim) {
         stateCtx = mbusRegister(swtool::kSimModule, 2, stateRequest, nullptr);
         if (stateCtx == nullptr || mbusPortListenAlong(stateCtx, pSwMgrMbusCtx) != 0) {
@@ -190,6 +203,7 @@ int main(int argc, char **argv) {
             return 1;
         }
     }
+#endif
 
     std::fprintf(stderr, "swmgrd: serving %s on %s%s%s\n", db.c_str(), mbusPortBusDirGet(),
                  sim ? " (simulated hardware, state in " : "", sim ? (stateDir + ")").c_str() : "");
@@ -197,8 +211,10 @@ int main(int argc, char **argv) {
     swMgrDeinit();  // already done when a signal stopped the loop; then harmless
 
     if (stateCtx != nullptr) mbusUnRegister(stateCtx);
+#if SWMGR_WITH_SIM
     simHost = nullptr;
     host.stop();
+#endif
     mbusPortUnwatch(stopFd);
     ::close(stopFd);
     std::fprintf(stderr, "swmgrd: stopped (%s)\n", stopSignal == SIGINT ? "SIGINT" : "SIGTERM");
