@@ -24,6 +24,7 @@
 #include "portvlan/portvlan.h"
 #include "service/swmgr.h"
 #include "state_dot.h"
+#include "cli.h"
 #include "swmgr_tools.h"
 
 namespace {
@@ -38,8 +39,9 @@ struct Options {
 Options opt;
 
 // Exit codes: 0 the daemon accepted, 1 it refused (negative result) or the
-// input was wrong, 2 the bus could not deliver.
-enum { kOk = 0, kRefused = 1, kNoBus = 2 };
+// request could not be made, 2 the bus could not deliver, 64 the command
+// line was wrong (the parser's errors and the values it cannot check).
+enum { kOk = swtool::kExitOk, kRefused = swtool::kExitFailed, kNoBus = swtool::kExitNoBus, kUsage = swtool::kExitUsage };
 
 struct Reply {
     int result = 0;
@@ -246,7 +248,7 @@ int sendVlan(int code, const VlanArgs &a) {
     auto untag = fwd ? parsePorts(a.untagged, err) : std::nullopt;
     if (!fwd || !untag) {
         std::fprintf(stderr, "swmgrctl: %s\n", err.c_str());
-        return kRefused;
+        return kUsage;
     }
     SwitchVlanConf conf{};
     conf.vlanId = a.id;
@@ -349,7 +351,7 @@ int sendCmd(const CmdArgs &a) {
     long code = named != kCodeNames.end() ? named->second : std::strtol(a.code.c_str(), &end, 0);
     if (named == kCodeNames.end() && (end == a.code.c_str() || *end != '\0')) {
         std::fprintf(stderr, "swmgrctl: unknown command code: %s\n", a.code.c_str());
-        return kRefused;
+        return kUsage;
     }
     const bool hasNamed = a.port || a.queues || a.mode || a.trust || a.enable || a.rate || a.off || !a.weights.empty();
     std::string err;
@@ -364,11 +366,11 @@ int sendCmd(const CmdArgs &a) {
         arg = Bytes{};
     if (!arg || arg->size() > SW_BUS_ARG_LEN) {
         std::fprintf(stderr, "swmgrctl: %s\n", err.empty() ? "argument longer than 1300 bytes" : err.c_str());
-        return kRefused;
+        return kUsage;
     }
     if (a.sw.size() >= SW_BUS_NAME_LEN) {
         std::fprintf(stderr, "swmgrctl: switch name longer than %d characters\n", SW_BUS_NAME_LEN - 1);
-        return kRefused;
+        return kUsage;
     }
     Bytes data(SW_BUS_NAME_LEN + SW_BUS_ARG_LEN);
     std::memcpy(data.data(), a.sw.c_str(), a.sw.size());
@@ -464,7 +466,7 @@ int sendRaw(int module, int code, const std::vector<std::string> &hex, int auxLe
     auto data = parseHex(hex, err);
     if (!data) {
         std::fprintf(stderr, "swmgrctl: %s\n", err.c_str());
-        return kRefused;
+        return kUsage;
     }
     Bytes aux(static_cast<size_t>(std::max(auxLen, 0)));
     Reply r = request(module, code, *data, aux.empty() ? nullptr : &aux);
@@ -477,9 +479,10 @@ int sendRaw(int module, int code, const std::vector<std::string> &hex, int auxLe
 
 int main(int argc, char **argv) {
     CLI::App app{"swmgrctl - talk to swmgrd over the message bus.\n"
-                 "Each request prints the daemon's result; the exit status is 0 when it was accepted,\n"
-                 "1 when it was refused and 2 when the bus could not deliver it.",
+                 "Each request prints the daemon's result.",
                  "swmgrctl"};
+    app.footer("Exit status: 0 the request was accepted, 1 it was refused or could not be made,\n"
+               "2 the daemon could not be reached (the bus could not deliver), 64 usage error.\n");
     app.fallthrough();
     app.require_subcommand(1);
     app.add_option("--bus-dir", opt.busDir,
@@ -584,7 +587,7 @@ int main(int argc, char **argv) {
     actions.emplace_back(raw, [&] { code = sendRaw(rawModule, rawCode, rawHex, rawAux); });
 
     signal(SIGPIPE, SIG_IGN);
-    CLI11_PARSE(app, argc, argv);
+    if (int status = swtool::parseCommandLine(app, argc, argv); status >= 0) return status;
     if (!opt.busDir.empty()) mbusPortBusDirSet(opt.busDir.c_str());
     for (auto &[sub, run] : actions)
         if (sub->parsed()) run();

@@ -17,6 +17,8 @@
 
 #include "config/swconf.h"
 #include "service/swmgr.h"
+#include "cli.h"
+#include "service_notify.h"
 #include "swmgr_tools.h"
 #if SWMGR_WITH_SIM
 #include "sim_host.h"
@@ -106,7 +108,6 @@ int main(int argc, char **argv) {
     bool foreground = false, debug = false, sim = false;
     [[maybe_unused]] bool devicesOnly = false;  // only with the simulator built in
     int busyMs = SQLITE_PORT_BUSY_MS;
-    app.footer("swmgrd never forks: it runs in the foreground of whoever started it (a supervisor or a shell).");
     app.add_option("--db", db, "configuration database (SQLite file)")->required();
     app.add_option("--log", logTo,
                    "where diagnostics go: bus (the bus's log service, see swmgrctl log), stderr, or syslog;\n"
@@ -132,7 +133,11 @@ int main(int argc, char **argv) {
 #endif
     app.add_option("--bus-dir", busDir,
                    "directory of the bus sockets (default: $" MBUS_PORT_DIR_ENV " or " MBUS_PORT_DEFAULT_DIR ")");
-    CLI11_PARSE(app, argc, argv);
+    app.footer("swmgrd never forks: it runs in the foreground of whoever started it (a supervisor or a shell).\n"
+               "Exit status: 0 stopped by SIGINT or SIGTERM, 1 start-up failed, 64 usage error.\n"
+               "Under a service manager, readiness is announced on $NOTIFY_SOCKET once the\n"
+               "service has started and registered on the bus.\n");
+    if (int status = swtool::parseCommandLine(app, argc, argv); status >= 0) return status;
 
     if (!busDir.empty()) mbusPortBusDirSet(busDir.c_str());
     if (::access(db.c_str(), R_OK | W_OK) != 0) {
@@ -207,6 +212,8 @@ int main(int argc, char **argv) {
 
     std::fprintf(stderr, "swmgrd: serving %s on %s%s%s\n", db.c_str(), mbusPortBusDirGet(),
                  sim ? " (simulated hardware, state in " : "", sim ? (stateDir + ")").c_str() : "");
+    // Started and registered: a service manager may start what depends on us.
+    swtool::notifyServiceManager("READY=1");
     swMgrRun();
     swMgrDeinit();  // already done when a signal stopped the loop; then harmless
 

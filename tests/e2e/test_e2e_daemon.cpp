@@ -5,6 +5,7 @@
 #include <signal.h>
 #include <sqlite3.h>
 #include <stdlib.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -13,16 +14,19 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstddef>
 #include <cstdio>
+#include <cstring>
 #include <map>
 #include <nlohmann/json.hpp>
-#include <cstring>
 #include <string>
 #include <thread>
 #include <tuple>
 #include <vector>
 
 #include "platform/mbus.h"
+
+#include "swmgr_version.h"
 
 namespace {
 
@@ -494,6 +498,87 @@ TEST_F(E2eUntrusted, NoPayloadRunsAndEachIsRefusedWhileGoodConfigurationIsProgra
                              "vconfig [add] [eth0] [60]\nifconfig [eth0.60] [up]\n",
                              "vlan_table_func [edit] [6] [0] [0x6] [0x6] [60] ["})
         EXPECT_NE(argv.find(line), std::string::npos) << line << "\n" << argv;
+}
+
+// What scripts and service managers rely on: --version, the exit statuses
+// (64 for any usage error, 2 when the daemon cannot be reached) and their
+// description at the end of --help.
+TEST_F(E2e, ToolsFollowTheVersionAndExitStatusConventions) {
+    const std::string d = SWMGRD_PATH, c = std::string(SWMGRCTL_PATH) + " --bus-dir " + quote(bus_);
+    const std::string more = "Run with --help for more information.\n";
+    const struct {
+        std::string cmd;
+        int status;
+        std::string out;
+    } cases[] = {
+        {d + " --version", 0, "swmgrd " SWMGR_VERSION_TEXT "\n"},
+        {c + " --version", 0, "swmgrctl " SWMGR_VERSION_TEXT "\n"},
+        {d + " --bus-dir " + quote(bus_), 64, "--db is required\n" + more},
+        {d + " --db " + quote(db_) + " --nope", 64, "The following argument was not expected: --nope\n" + more},
+        {c, 64, "A subcommand is required\n" + more},
+        {c + " vlan add --id 5000", 64, "--id: Value 5000 not in range 1 to 4094\n" + more},
+        {c + " vlan add --id 5 --ports 0,40", 64, "swmgrctl: ports are numbers 0 to 31 separated by commas: 0,40\n"},
+        {c + " cmd PSE qos zz", 64, "swmgrctl: not a hex byte: zz\n"},
+        {c + " cmd PSE frobnicate", 64, "swmgrctl: unknown command code: frobnicate\n"},
+        {c + " cmd PSE qos 01 --enable 1", 64,
+         "swmgrctl: give the argument either as hex bytes or with named options, not both\n"},
+        {c + " cmd NOPE 47 --enable 1", 1, "cmd NOPE 47: result -1 (failed)\n"},
+        {std::string(SWMGRCTL_PATH) + " --bus-dir " + quote(dir_ + "/elsewhere") + " vlan add --id 7", 2,
+         "swmgrctl: vlan add 7: no module 103 on the bus at " + dir_ + "/elsewhere (-2)\n"},
+    };
+    for (const auto &k : cases) {
+        Proc r = sh(k.cmd);
+        EXPECT_EQ(r.status, k.status) << k.cmd;
+        EXPECT_EQ(r.out, k.out) << k.cmd;
+    }
+    const std::pair<std::string, std::string> footers[] = {
+        {d, "Exit status: 0 stopped by SIGINT or SIGTERM, 1 start-up failed, 64 usage error.\n"
+            "Under a service manager, readiness is announced on $NOTIFY_SOCKET once the\n"
+            "service has started and registered on the bus.\n\n"},
+        {c, "Exit status: 0 the request was accepted, 1 it was refused or could not be made,\n"
+            "2 the daemon could not be reached (the bus could not deliver), 64 usage error.\n\n"},
+    };
+    for (const auto &[tool, footer] : footers) {
+        Proc r = sh(tool + " --help");
+        EXPECT_EQ(r.status, 0);
+        const size_t at = r.out.find("Exit status:");
+        EXPECT_EQ(at == std::string::npos ? r.out : r.out.substr(at), footer) << tool;
+    }
+}
+
+// Under a service manager (a path or an abstract socket name in
+// $NOTIFY_SOCKET) the daemon announces readiness once it serves the bus.
+TEST_F(E2e, ReadinessIsAnnouncedOnceTheServiceIsRegistered) {
+    const std::string names[] = {dir_ + "/notify", "@swmgr-e2e-" + std::to_string(::getpid())};
+    for (const std::string &name : names) {
+        int fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        ASSERT_GE(fd, 0);
+        sockaddr_un addr{};
+        addr.sun_family = AF_UNIX;
+        std::memcpy(addr.sun_path, name.data(), name.size());
+        if (name[0] == '@') addr.sun_path[0] = '\0';
+        ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr *>(&addr),
+                         static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size())), 0) << name;
+        const std::string bus = dir_ + "/bus-notify";
+        pid_t daemon = spawn("env NOTIFY_SOCKET=" + quote(name) + " " + SWMGRD_PATH + " --db " + quote(db_) +
+                             " --sim --bus-dir " + quote(bus) + " 2>/dev/null");
+        pollfd p{fd, POLLIN, 0};
+        std::string got;
+        if (::poll(&p, 1, 10000) == 1) {
+            char buf[256];
+            ssize_t n = ::recv(fd, buf, sizeof buf, 0);
+            got.assign(buf, n > 0 ? static_cast<size_t>(n) : 0);
+        }
+        EXPECT_EQ(got, "READY=1") << name;
+        EXPECT_TRUE(exists(bus + "/mod-103.sock")) << "ready before the service registered";
+        ::kill(daemon, SIGTERM);
+        if (reap(daemon, milliseconds(5000)) == -1) {
+            ADD_FAILURE() << "the daemon did not stop";
+            ::kill(daemon, SIGKILL);
+            ::waitpid(daemon, nullptr, 0);
+        }
+        ::close(fd);
+    }
 }
 
 }  // namespace
