@@ -13,7 +13,7 @@ CMAKE_OPTS := -DSWMGR_WERROR=ON
 FUZZ_SECONDS ?= 60
 FUZZ_TARGETS := fuzz_bus_handler fuzz_config_rows fuzz_bus_frames
 
-.PHONY: all deps build test test-host test-asan test-mipsel clean fuzz
+.PHONY: all deps build test test-host test-asan test-mipsel debs clean fuzz
 
 all: build
 
@@ -54,6 +54,15 @@ fuzz:
 	  $(BUILD)/fuzz/fuzz/$$t -max_total_time=$(FUZZ_SECONDS) -print_final_stats=1 \
 	    -artifact_prefix=$(BUILD)/fuzz/ $(BUILD)/fuzz/corpus/$$t fuzz/corpus/$$t; \
 	done
+
+# make debs   the Debian packages from a production build (/usr prefix, no
+#             simulator, no tests) into build/deb, with their contents checked.
+debs: deps
+	cmake -S . -B $(BUILD)/deb -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr \
+	  -DSWMGR_BUILD_TESTS=OFF -DSWMGR_SIM=OFF $(CMAKE_OPTS)
+	cmake --build $(BUILD)/deb -j$(JOBS)
+	cd $(BUILD)/deb && cpack -G DEB
+	./scripts/check-debs.sh $(BUILD)/deb
 
 clean:
 	rm -rf $(BUILD)

@@ -80,10 +80,12 @@ if(HELP2MAN)
     list(GET page 0 tool)
     list(GET page 1 section)
     list(GET page 2 summary)
-    set(out ${PROJECT_BINARY_DIR}/man/${tool}.${section})
+    set(page ${PROJECT_BINARY_DIR}/man/${tool}.${section})
+    set(out ${page}.gz)
     add_custom_command(OUTPUT ${out}
       COMMAND ${CMAKE_COMMAND} -E make_directory ${PROJECT_BINARY_DIR}/man
-      COMMAND ${HELP2MAN} --no-info --section=${section} --name=${summary} --output=${out} $<TARGET_FILE:${tool}>
+      COMMAND ${HELP2MAN} --no-info --section=${section} --name=${summary} --output=${page} $<TARGET_FILE:${tool}>
+      COMMAND gzip -9nf ${page}
       DEPENDS ${tool} VERBATIM)
     install(FILES ${out} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section} COMPONENT tools)
     list(APPEND pages ${out})

@@ -21,6 +21,9 @@ set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 # Library and system dependencies come from dpkg-shlibdeps; the packages'
 # dependencies on each other are stated below.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+# The tools' own libraries are found in the build, and belong to no
+# installed package yet.
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR})
 set(exact "(= ${PROJECT_VERSION})")
 
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libswmgr${PROJECT_VERSION_MAJOR})

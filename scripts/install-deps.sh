@@ -12,7 +12,7 @@ sudo_cmd=""
 [ "$(id -u)" -eq 0 ] || sudo_cmd="sudo"
 
 pkgs="build-essential cmake make googletest libgtest-dev libsqlite3-dev sqlite3 libbenchmark-dev
-libcli11-dev nlohmann-json3-dev"
+libcli11-dev nlohmann-json3-dev pkgconf dpkg-dev help2man"
 [ "$want_cross" = 1 ] && pkgs="$pkgs gcc-mipsel-linux-gnu g++-mipsel-linux-gnu qemu-user"
 # Fuzzing: clang with libFuzzer and the sanitizer runtimes.
 [ "$want_fuzz" = 1 ] && pkgs="$pkgs clang libclang-rt-dev"
