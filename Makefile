@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # make test   installs what is missing, then builds and runs the tests three
 #             ways: host Release, host with ASan+UBSan, mipsel under qemu.
 # make build  host Release build only (installs nothing; `make deps` does).

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One command line: osaCmdExec against the C library's system() and a bare
 // posix_spawn of the same static stub program.
 #include <benchmark/benchmark.h>

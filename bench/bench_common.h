@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Shared by the benchmarks: a scratch directory and example databases.
 #ifndef SWMGR_BENCH_COMMON_H
 #define SWMGR_BENCH_COMMON_H

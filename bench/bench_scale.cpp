@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The whole configuration with every command line really spawned: the
 // example topology with 4094 VLANs (or the count given), the tools replaced
 // by a static stub on PATH, the chip model attached through the device

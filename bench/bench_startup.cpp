@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Start-up (swMgrInit: load and apply) of the example topology with 1000,
 // 2000 and 4094 VLANs, all hardware served by the models, the state
 // directory on a RAM file system and log records dropped. Reports the time

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How long one VLAN add takes: as a bus client sees it through a running
 // swmgrd on simulated hardware (the daemon's own process, sockets and all),
 // and handled in-process on the same models, which leaves out the bus.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Soak: VLAN add/delete pairs through a running swmgrd --sim, with the
 // daemon's resident memory and open descriptors at the start, the middle
 // and the end. Flat is the goal. Not a test: it prints figures.

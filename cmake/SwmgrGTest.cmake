@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # GoogleTest: the installed package when there is one for this machine,
 # else built from Debian's sources with this build's own flags. A cross
 # build always takes the sources (find_package would find the host's

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # What `cmake --install` puts where, by component: runtime (the shared
 # libraries), development (headers, pkg-config and CMake files, the
 # libraries' link names) and tools (the daemon, its client, their man pages,

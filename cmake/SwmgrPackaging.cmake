@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Debian packages, one per install component (cpack -G DEB in the build
 # directory). Built from a /usr-prefixed build so the libraries land in the
 # multiarch directory: see `make debs`.

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Writes the tools' version header: the project version and, when the
 # sources are a git checkout, the revision they were built from. Run as a
 # script at every build so the revision follows commits; the header is

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # 32-bit little-endian MIPS Linux (Debian's cross compiler); tests run under
 # qemu-mipsel. MIPSEL_EXTRA_ROOT is the folder where the mipsel -dev
 # packages that the build needs (SQLite) were unpacked.

@@ -1,3 +1,4 @@
+-- SPDX-License-Identifier: Apache-2.0
 -- Example configuration of a home router: the SoC's packet switch engine
 -- (PSE) on top, a five-port switch chip (BCM) below it. PSE port 0 faces
 -- the WAN (eth1); PSE port 1 is the trunk to the chip, whose five ports it

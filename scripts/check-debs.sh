@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
 # Usage: check-debs.sh DIR
 # Checks the Debian packages that `cpack -G DEB` left in DIR: each holds
 # exactly the files (and symbolic links) listed in packaging/debian/PKG.list,

@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
 # A guided tour of swmgr on simulated hardware: builds the daemon and its
 # client, starts swmgrd --sim on a private bus directory with the example
 # router configuration, changes a few things the way the router's other

@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
 # Installs what building and testing need on a Debian machine, and unpacks
 # the mipsel SQLite packages into a build-local sysroot. Idempotent: a second
 # run installs nothing.

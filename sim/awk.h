@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // The device's awk, for the programs the system hands it: one action
 // ({ ... }) of assignments and calls, run once per input line.
 //

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // A model of the five-port BCM switch chip behind the kernel's switch
 // device. Attached to a device path, it answers the driver's ioctl requests
 // by decoding their argument bytes at the kernel's offsets (independently of

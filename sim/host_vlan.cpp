@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Host VLAN interfaces behind the command seam: the subset of vconfig and
 // ifconfig that the switch manager uses, with the tools' failures.
 #include "host_vlan.h"

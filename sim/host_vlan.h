@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Model of the host's 802.1Q sub-interfaces as vconfig and ifconfig see
 // them. While attached it takes those command lines from the command seam,
 // keeps the interfaces and their priority maps, and fails the way the tools

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Model of the packet switch engine as its command-line tools see it. While
 // attached it takes the tools' command lines from the command seam and the
 // register pipelines from the C library's system(), reads each line as the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The engine's register tool and the filters of its read-modify-write
 // pipelines (assumptions in pse_engine.h).
 #include <cerrno>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // How the device's /bin/sh reads the command lines the system runs, shared
 // by every model that stands in for a tool.
 //

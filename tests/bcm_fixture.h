@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // A BCM switch bound to the driver, with the chip model behind its device.
 #ifndef SWMGR_TESTS_BCM_FIXTURE_H
 #define SWMGR_TESTS_BCM_FIXTURE_H

@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
 # Usage: check_exports.sh NM LIBSWMGR LIBPORT EXPORTS_LIST
 # The system library exports every listed name and no platform symbol; the
 # port library defines every platform symbol.

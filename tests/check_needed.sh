@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
 # Usage: check_needed.sh READELF LIBSWMGR
 # The system library needs the C library, libm and SQLite only: no C++
 # run-time or unwinder on the device.

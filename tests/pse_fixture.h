@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // A PSE switch bound to its driver, with the engine model behind the
 // command seams and helpers to hang ports and lower-level switches off it.
 #ifndef SWMGR_TESTS_PSE_FIXTURE_H

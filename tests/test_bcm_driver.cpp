@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Binding the BCM driver, its command entry, and the read-only operations.
 #include <cstring>
 

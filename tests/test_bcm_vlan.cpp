@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // VLAN programming of the BCM chip.
 #include "bcm_fixture.h"
 

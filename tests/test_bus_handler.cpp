@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The bus command handler: sorting by code, malformed requests, interface
 // events and the upstream rate limit, result mapping.
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The bus between processes: a module served by a forked child, reached
 // through its socket, and what the listener refuses.
 #include <fcntl.h>

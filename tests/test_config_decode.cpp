@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Decoding configuration rows by column name, and port-list bitmaps.
 #include <cstring>
 #include <optional>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Configuration loading and row-change events on a real database file.
 #include <sqlite3.h>
 

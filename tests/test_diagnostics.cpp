@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Diagnostic output in both forms and both destinations, and zone lookup.
 #include <string>
 

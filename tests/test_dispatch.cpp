@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Driver table binding and command routing by switch name.
 #include <cstring>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The whole system started the way the device starts it: the example router
 // configuration in a real database file and swMgrInit on it, with the chip,
 // the engine's tools and the host's VLAN interfaces simulated. What follows

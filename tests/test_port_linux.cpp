@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The Linux host port: lists, commands, files, device models and the SQLite
 // helper. The bus has tests of its own.
 #include <fcntl.h>

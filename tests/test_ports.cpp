@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Switch ports: creation, trust mode, port mapping onto lower-level switches.
 #include <cstring>
 #include <string>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The PSE driver's attach, command table and forwarding to lower switches.
 #include "pse_fixture.h"
 

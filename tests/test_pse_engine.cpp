@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The engine model itself: lines read as the device's shell reads them,
 // tools that refuse what they cannot take, register pipelines computed as
 // the device's awk computes them.

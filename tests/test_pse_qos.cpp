@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // QoS on the engine: global switch, queue scheduling, pause frames, rate
 // limits and trust modes.
 #include "pse_fixture.h"

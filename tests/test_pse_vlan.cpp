@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // VLAN membership on the engine, the CPU's ARL entry and the MAC address text.
 #include "host_vlan.h"
 #include "pse_fixture.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Switch registry: lookups by name, lower-level references, prefixes. The
 // top-level lookup is exercised with the switch lifecycle.
 #include <cstring>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Service start-up, main loop and shutdown against real database files.
 #include <sqlite3.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The host VLAN model stands in for vconfig and ifconfig, so it has to
 // refuse what the tools refuse and leave alone what it does not know.
 #include <string>

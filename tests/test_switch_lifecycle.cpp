@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Switch creation, binding, initial settings, apply, disable and release.
 #include <cstdlib>
 #include <string>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Uptime stamps and host VLAN sub-interfaces, checked against the exact
 // command lines and the host state the model ends in.
 #include <sys/stat.h>

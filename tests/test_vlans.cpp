@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // VLAN records on every switch: index, add, update, disable, delete, and the
 // host sub-interface that goes with each VLAN.
 #include <sys/stat.h>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // What swmgrd and swmgrctl share about their command lines: the version
 // they print, how a command line that cannot be parsed ends, and the exit
 // statuses that scripts and service managers rely on.

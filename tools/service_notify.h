@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Readiness for a service manager: the datagram notify protocol, spoken
 // directly so the daemon needs no extra library. $NOTIFY_SOCKET names the
 // manager's socket, a path or, with a leading '@', an abstract name.

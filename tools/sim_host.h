@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // The simulated hardware of swmgrd --sim: the switch chip behind its device
 // path, the packet engine behind its tools, the host's VLAN interfaces, and
 // a file root so nothing is written outside the state directory. Anything

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // The topology part of swmgrd --sim's state as a Graphviz graph.
 #ifndef SWMGR_TOOLS_STATE_DOT_H
 #define SWMGR_TOOLS_STATE_DOT_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // What swmgrd and swmgrctl agree on beyond the service's own requests: the
 // simulator's state module on the bus and how results are worded.
 #ifndef SWMGR_TOOLS_SWMGR_TOOLS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // swmgrctl: talks to swmgrd over the message bus. Changes the configuration
 // database and tells the daemon, adds and deletes VLANs, reports interface
 // events, sends driver commands, shows the simulated hardware and follows

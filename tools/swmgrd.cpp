@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // swmgrd: the host daemon of the switch manager. Starts the service on a
 // configuration database, serves the message bus until SIGINT or SIGTERM,
 // and stops it, all on one thread: the stop signals arrive through a

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Sending on the host bus: mbusIoctl reaches a module of this process
 // directly and another one through a connection of its own, opened for the
 // request and closed with its reply. Log records take the log path instead

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The host bus: the modules this process registered and the loop that
 // serves them. Each module listens on its own Unix socket; mbusListen is a
 // single poll over the listening sockets, every connection they accepted

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The log path: records for the log service go over one kept connection and
 // are sent only when it has room, so a log reader that stalls (a paused
 // pager) costs the sender nothing but the records it loses. Those are

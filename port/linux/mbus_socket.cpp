@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Unix sockets of the host bus. One SOCK_SEQPACKET socket per module keeps
 // each message whole, so a request or reply is one send and one receive
 // and its size is known on arrival.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Internals of the host bus shared by its files: where modules listen, how
 // a message travels and how a received one is checked (mbus_socket.cpp),
 // the registered contexts (mbus_core.cpp) and the log path (mbus_log.cpp).

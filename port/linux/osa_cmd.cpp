@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Shell commands, unless a hook takes them: a line without shell syntax is
 // split on blanks and spawned as it stands (PATH lookup), so it costs one
 // process instead of two; any other line runs with /bin/sh -c. A program

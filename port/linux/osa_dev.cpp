@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Devices over open/ioctl/close, with device models served in-process.
 #include <fcntl.h>
 #include <sys/ioctl.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Files over stdio, optionally below a root directory so that a test or the
 // simulator never touches the real /var.
 #include <sys/stat.h>

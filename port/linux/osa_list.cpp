@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Doubly linked lists whose nodes sit at the start of their records.
 #include "platform/osa.h"
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Seams of the Linux host port. Tests and the simulator attach device
  * models and take over commands, files and bus traffic through these; the
  * system itself never calls them. */

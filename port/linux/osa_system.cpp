@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The C library's system(), as the system calls it for the engine's register
 // pipelines, with a seam: this port library comes before the C library in
 // the process's lookup order, so its definition is the one the system's

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Query helper and busy handler over the SQLite library. A query waits on a
 // database that someone else holds for one bounded time in all, whether
 // the waiting happens in the busy handler or in the helper's own retries:

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Marks the entry points and globals that the library exports; everything
  * else is built hidden. */
 #ifndef SWMGR_COMMON_API_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Typed walks over the OS-adaptation lists. A record starts with its list
 // node, so the node the list hands back is the record itself.
 //

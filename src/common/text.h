@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Bounded text helpers: every copy and print is limited by its destination,
 // so an over-long value is cut at the field width instead of overflowing it.
 #ifndef SWMGR_COMMON_TEXT_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The configuration database: the connection, the start-up load of the three
 // tables and the row-change events that arrive over the bus.
 #include <sqlite3.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Decoding rows of the three configuration tables, laid out as
 // sqlite3_get_table gives them, into configuration records by column name.
 #include <cstring>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Configuration store: records decoded from the three configuration tables,
  * the decoders, the start-up loaders and the change-event handler. */
 #ifndef SWMGR_CONFIG_SWCONF_H

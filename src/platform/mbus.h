@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Message bus interface: module registration, the listening loop, requests
  * to other modules (the log service among them). */
 #ifndef SWMGR_PLATFORM_MBUS_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* OS-adaptation interface: lists, devices, files and shell commands.
  * The system only calls these; the device's own library (or port/linux on a
  * host) provides them. */

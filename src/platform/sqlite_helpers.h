@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* The platform's SQLite helpers. */
 #ifndef SWMGR_PLATFORM_SQLITE_HELPERS_H
 #define SWMGR_PLATFORM_SQLITE_HELPERS_H

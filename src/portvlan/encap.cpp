@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Host 802.1Q sub-interfaces: one "<parent>.<vlan>" interface per VLAN,
 // made with vconfig/ifconfig, with identity priority maps and an uptime
 // stamp file.

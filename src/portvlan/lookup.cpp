@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Lookups of ports and VLANs within a switch, and their log prefixes.
 #include <cstring>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Switch ports: creation from a port row, the mapping of an upper-level port
 // onto lower-level ports, and the per-port commands.
 #include <cstdint>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Ports, port mapping, VLANs and host VLAN interfaces. */
 #ifndef SWMGR_PORTVLAN_PORTVLAN_H
 #define SWMGR_PORTVLAN_PORTVLAN_H

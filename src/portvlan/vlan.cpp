@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // VLAN records: one per VLAN row on every switch, their index, and the
 // driver commands for membership, apply, disable and the port-based VLAN.
 #include <cstdint>

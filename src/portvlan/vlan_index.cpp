@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Side index of the VLAN lists: a table of VLAN ids per switch. Switch and
 // VLAN records cross the driver boundary with fixed layouts, so the index
 // lives here, keyed by the switch record's address.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Per-switch index from VLAN id to listed record, kept beside the switch's
 // VLAN list so that finding a VLAN costs the same with 4 or 4094 of them.
 // The list stays the record of truth: the index is a cache that notices a

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Diagnostic output and the interface-name to zone lookup.
 #include <cstdarg>
 #include <cstdio>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The service's global state, written by the entry points and the host.
 #include "service/swmgr.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The bus command handler: sorts each request by its code.
 #include <cstring>
 

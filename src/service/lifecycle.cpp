@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Service start-up, the bus listening loop and shutdown.
 #include "config/swconf.h"
 #include "platform/mbus.h"

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Manager service: host entry points, service globals, the bus command
  * handler, diagnostics, zone lookup and uptime records. */
 #ifndef SWMGR_SERVICE_SWMGR_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Uptime stamps: the system's uptime in whole seconds, kept in small text
 // files so that other programs can tell since when something exists.
 #include <cstdio>

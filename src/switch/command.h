@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Commands that the framework sends to a switch it already holds.
 #ifndef SWMGR_SWITCH_COMMAND_H
 #define SWMGR_SWITCH_COMMAND_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The driver table and the routing of numbered commands to a switch's driver.
 #include <cstring>
 

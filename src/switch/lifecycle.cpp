@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Switch lifecycle: from a configuration record to a listed switch bound to
 // its driver, the start-up apply, disabling and releasing.
 #include <cstdint>

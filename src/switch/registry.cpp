@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The switch registry: all switch records, lookups by name and by level, and
 // the references from a switch to the lower-level switches it reaches.
 #include <cstdlib>

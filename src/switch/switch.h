@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Switch framework: the switch record and registry, the command code space,
  * the driver configuration function and the driver table, the switch
  * lifecycle. */

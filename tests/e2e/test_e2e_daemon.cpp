@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // swmgrd --sim and swmgrctl as separate processes on a private bus
 // directory; the database is changed with the sqlite3 program and the
 // simulated hardware is read back after each step.

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Installs the build into a fresh prefix, builds consumer.c against it once
 # with find_package and once with pkg-config, runs both on the installed
 # example schema and compares what each prints with expected.txt.

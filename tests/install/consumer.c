@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* A host program built against an installed swmgr: starts the service on
  * the example database with a stand-in switch chip and every command line
  * taken instead of run, and prints what it did to the host's interfaces.

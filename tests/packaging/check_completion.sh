@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: Apache-2.0
 # Usage: check_completion.sh SWMGRCTL COMPLETION
 # The completion offers exactly the verbs and options that swmgrctl's own
 # --help lists, for the tool and for each verb, so the two cannot drift.

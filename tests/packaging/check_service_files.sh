@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
 # Usage: check_service_files.sh UNIT OPENWRT_INIT [SWMGRD]
 # The procd script must parse; the systemd unit must pass systemd-analyze
 # verify (when it is installed), with ExecStart pointed at the built daemon

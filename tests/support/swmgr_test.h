@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Test support: captures every diagnostic, command line, ioctl and log
 // record the system produces, lets a test script results, and provides a
 // recording driver and registry clean-up. Every test file builds on these.

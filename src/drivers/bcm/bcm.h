@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* BCM switch driver: a switch chip reached through ioctl requests on the
  * kernel's switch device. */
 #ifndef SWMGR_DRIVERS_BCM_BCM_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Attaching the BCM driver to a switch record, its command entry, and the
 // read-only operations and console dumps of the chip.
 #include <cstdio>

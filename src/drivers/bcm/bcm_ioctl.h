@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Requests of the kernel's switch device and their argument records.
 //
 // The records are the kernel driver's wire format: packed, little-endian,

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // QoS programming of the BCM chip: QoS and pause frames for the whole chip,
 // queue scheduling, rate limits, trust modes and CoS maps per port.
 #include <cstring>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // VLAN programming of the BCM chip: 802.1Q mode, VLAN table entries, PVIDs
 // and untagged-frame handling per port, port-based VLANs and snooping.
 #include "drivers/bcm/bcm.h"

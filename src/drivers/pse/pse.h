@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* PSE switch driver: the SoC's packet switch engine, programmed through the
  * engine's command-line tools; carries commands down to lower-level
  * switches. */

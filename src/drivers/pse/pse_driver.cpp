@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Attaching the PSE driver to a switch record, its command entry, the
 // forwarding of commands to the lower-level switches and the engine's
 // command runner.

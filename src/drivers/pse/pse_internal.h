@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Shared by the PSE driver's sources; nothing here leaves the library.
 #ifndef SWMGR_DRIVERS_PSE_PSE_INTERNAL_H
 #define SWMGR_DRIVERS_PSE_PSE_INTERNAL_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // QoS on the packet switch engine: the global switch, queue scheduling,
 // pause frames, ingress rate limits and trust modes.
 #include <climits>

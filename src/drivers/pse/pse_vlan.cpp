@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // VLAN membership on the packet switch engine and the CPU's ARL entry for
 // each VLAN.
 #include <cstring>
