@@ -7,7 +7,7 @@
 
 #include <cstdlib>
 
-#include "platform/osa.h"
+#include "swmgr/platform/osa.h"
 
 extern char **environ;
 

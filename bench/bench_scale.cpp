@@ -20,7 +20,7 @@
 #include "bcm_chip.h"
 #include "bench_common.h"
 #include "osa_port.h"
-#include "service/swmgr.h"
+#include "swmgr/swmgr.h"
 
 namespace {
 

@@ -12,7 +12,7 @@
 
 #include "bench_common.h"
 #include "osa_port.h"
-#include "service/swmgr.h"
+#include "swmgr/swmgr.h"
 #include "sim_host.h"
 
 namespace {

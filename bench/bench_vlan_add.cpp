@@ -24,10 +24,10 @@
 #include <vector>
 
 #include "bench_common.h"
-#include "config/swconf.h"
+#include "swmgr/swconf.h"
 #include "osa_port.h"
-#include "portvlan/portvlan.h"
-#include "service/swmgr.h"
+#include "swmgr/portvlan.h"
+#include "swmgr/swmgr.h"
 #include "sim_host.h"
 
 extern char **environ;

@@ -22,10 +22,10 @@
 #include <thread>
 #include <vector>
 
-#include "config/swconf.h"
+#include "swmgr/swconf.h"
 #include "osa_port.h"
-#include "portvlan/portvlan.h"
-#include "service/swmgr.h"
+#include "swmgr/portvlan.h"
+#include "swmgr/swmgr.h"
 
 extern char **environ;
 

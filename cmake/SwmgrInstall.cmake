@@ -12,16 +12,11 @@ install(TARGETS swmgr swmgr_port_linux EXPORT swmgrTargets
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development
         INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 
-# The public headers: what a host daemon, a platform library or a driver
-# needs to call or implement the system. Internal headers stay in the tree.
-set(SWMGR_PUBLIC_HEADERS
-    common/api.h service/swmgr.h switch/switch.h config/swconf.h portvlan/portvlan.h
-    platform/mbus.h platform/osa.h platform/sqlite_helpers.h)
-foreach(header ${SWMGR_PUBLIC_HEADERS})
-  get_filename_component(dir ${header} DIRECTORY)
-  install(FILES ${PROJECT_SOURCE_DIR}/src/${header} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/swmgr/${dir}
-          COMPONENT development)
-endforeach()
+# The public headers (include/swmgr): what a host daemon, a platform
+# library or a driver needs to call or implement the system. Internal
+# headers stay in src.
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/swmgr DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+        COMPONENT development FILES_MATCHING PATTERN "*.h")
 install(FILES ${PROJECT_SOURCE_DIR}/port/linux/osa_port.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/swmgr
         COMPONENT development)
 

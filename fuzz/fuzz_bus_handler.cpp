@@ -8,9 +8,9 @@
 #include <cstdlib>
 #include <vector>
 
-#include "config/swconf.h"
+#include "swmgr/swconf.h"
 #include "fuzz_world.h"
-#include "service/swmgr.h"
+#include "swmgr/swmgr.h"
 
 namespace {
 

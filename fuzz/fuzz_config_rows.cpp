@@ -9,10 +9,10 @@
 
 #include <string>
 
-#include "config/swconf.h"
+#include "swmgr/swconf.h"
 #include "fuzz_world.h"
 #include "osa_port.h"
-#include "switch/switch.h"
+#include "swmgr/switch.h"
 
 namespace {
 

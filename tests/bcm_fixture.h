@@ -8,7 +8,7 @@
 
 #include "bcm_chip.h"
 #include "drivers/bcm/bcm.h"
-#include "portvlan/portvlan.h"
+#include "swmgr/portvlan.h"
 #include "swmgr_test.h"
 
 namespace bcmtest {

@@ -7,7 +7,7 @@
 #include <cstdlib>
 
 #include "drivers/pse/pse.h"
-#include "portvlan/portvlan.h"
+#include "swmgr/portvlan.h"
 #include "pse_engine.h"
 #include "swmgr_test.h"
 

@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "config/swconf.h"
-#include "portvlan/portvlan.h"
+#include "swmgr/swconf.h"
+#include "swmgr/portvlan.h"
 #include "swmgr_test.h"
 
 namespace {

@@ -12,9 +12,9 @@
 #include <string>
 
 #include "bcm_chip.h"
-#include "config/swconf.h"
+#include "swmgr/swconf.h"
 #include "host_vlan.h"
-#include "portvlan/portvlan.h"
+#include "swmgr/portvlan.h"
 #include "pse_engine.h"
 #include "swmgr_test.h"
 

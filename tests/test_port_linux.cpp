@@ -15,7 +15,7 @@
 #include <thread>
 #include <vector>
 
-#include "platform/sqlite_helpers.h"
+#include "swmgr/platform/sqlite_helpers.h"
 #include "swmgr_test.h"
 
 extern char **environ;

@@ -6,7 +6,7 @@
 
 #include <atomic>
 
-#include "config/swconf.h"
+#include "swmgr/swconf.h"
 #include "swmgr_test.h"
 
 namespace {

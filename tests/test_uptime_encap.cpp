@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "host_vlan.h"
-#include "portvlan/portvlan.h"
+#include "swmgr/portvlan.h"
 #include "swmgr_test.h"
 
 namespace {

@@ -10,9 +10,9 @@
 #include <tuple>
 #include <vector>
 
-#include "config/swconf.h"
+#include "swmgr/swconf.h"
 #include "host_vlan.h"
-#include "portvlan/portvlan.h"
+#include "swmgr/portvlan.h"
 #include "swmgr_test.h"
 
 namespace {

@@ -13,8 +13,8 @@
 #include <vector>
 
 #include "osa_port.h"
-#include "portvlan/portvlan.h"
-#include "switch/switch.h"
+#include "swmgr/portvlan.h"
+#include "swmgr/switch.h"
 
 namespace swtool {
 namespace {

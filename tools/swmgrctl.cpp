@@ -21,9 +21,9 @@
 
 #include "common/names.h"
 #include "common/text.h"
-#include "config/swconf.h"
-#include "portvlan/portvlan.h"
-#include "service/swmgr.h"
+#include "swmgr/swconf.h"
+#include "swmgr/portvlan.h"
+#include "swmgr/swmgr.h"
 #include "state_dot.h"
 #include "cli.h"
 #include "swmgr_tools.h"

@@ -16,8 +16,8 @@
 #include <filesystem>
 #include <string>
 
-#include "config/swconf.h"
-#include "service/swmgr.h"
+#include "swmgr/swconf.h"
+#include "swmgr/swmgr.h"
 #include "cli.h"
 #include "service_notify.h"
 #include "swmgr_tools.h"

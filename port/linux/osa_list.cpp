@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Doubly linked lists whose nodes sit at the start of their records.
-#include "platform/osa.h"
+#include "swmgr/platform/osa.h"
 
 extern "C" int osaListInit(OsaList *list) {
     if (list == nullptr) return -1;

@@ -7,8 +7,8 @@
 
 #include <stdint.h>
 
-#include "platform/mbus.h"
-#include "platform/osa.h"
+#include "swmgr/platform/mbus.h"
+#include "swmgr/platform/osa.h"
 
 #ifdef __cplusplus
 extern "C" {

@@ -10,7 +10,7 @@
 #include <chrono>
 
 #include "mbus_wire.h"
-#include "platform/sqlite_helpers.h"
+#include "swmgr/platform/sqlite_helpers.h"
 
 namespace {
 using Clock = std::chrono::steady_clock;

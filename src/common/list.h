@@ -13,7 +13,7 @@
 #include <cstddef>
 #include <type_traits>
 
-#include "platform/osa.h"
+#include "swmgr/platform/osa.h"
 
 namespace swmgr {
 

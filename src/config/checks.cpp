@@ -6,8 +6,8 @@
 
 #include "common/names.h"
 #include "common/number.h"
-#include "service/swmgr.h"
-#include "switch/switch.h"
+#include "swmgr/swmgr.h"
+#include "swmgr/switch.h"
 
 namespace swmgr {
 

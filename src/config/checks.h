@@ -8,7 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "config/swconf.h"
+#include "swmgr/swconf.h"
 
 namespace swmgr {
 

@@ -11,11 +11,11 @@
 
 #include "common/text.h"
 #include "config/checks.h"
-#include "config/swconf.h"
-#include "platform/sqlite_helpers.h"
-#include "portvlan/portvlan.h"
-#include "service/swmgr.h"
-#include "switch/switch.h"
+#include "swmgr/swconf.h"
+#include "swmgr/platform/sqlite_helpers.h"
+#include "swmgr/portvlan.h"
+#include "swmgr/swmgr.h"
+#include "swmgr/switch.h"
 
 extern "C" {
 sqlite3 *pDB = nullptr;

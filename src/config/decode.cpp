@@ -5,9 +5,9 @@
 
 #include "common/number.h"
 #include "common/text.h"
-#include "config/swconf.h"
-#include "service/swmgr.h"
-#include "switch/switch.h"
+#include "swmgr/swconf.h"
+#include "swmgr/swmgr.h"
+#include "swmgr/switch.h"
 
 namespace {
 

@@ -4,9 +4,9 @@
 // stamp file.
 #include "common/names.h"
 #include "common/text.h"
-#include "platform/osa.h"
-#include "portvlan/portvlan.h"
-#include "service/swmgr.h"
+#include "swmgr/platform/osa.h"
+#include "swmgr/portvlan.h"
+#include "swmgr/swmgr.h"
 
 namespace {
 constexpr int kCmdLen = 512;

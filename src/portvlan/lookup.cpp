@@ -4,7 +4,7 @@
 
 #include "common/list.h"
 #include "common/text.h"
-#include "portvlan/portvlan.h"
+#include "swmgr/portvlan.h"
 #include "portvlan/vlan_index.h"
 
 extern "C" {

@@ -9,8 +9,8 @@
 #include "common/list.h"
 #include "common/number.h"
 #include "common/text.h"
-#include "portvlan/portvlan.h"
-#include "service/swmgr.h"
+#include "swmgr/portvlan.h"
+#include "swmgr/swmgr.h"
 #include "switch/command.h"
 
 namespace {

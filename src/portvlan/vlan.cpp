@@ -7,9 +7,9 @@
 
 #include "common/list.h"
 #include "common/text.h"
-#include "portvlan/portvlan.h"
+#include "swmgr/portvlan.h"
 #include "portvlan/vlan_index.h"
-#include "service/swmgr.h"
+#include "swmgr/swmgr.h"
 #include "switch/command.h"
 
 namespace {

@@ -6,7 +6,7 @@
 #ifndef SWMGR_PORTVLAN_VLAN_INDEX_H
 #define SWMGR_PORTVLAN_VLAN_INDEX_H
 
-#include "portvlan/portvlan.h"
+#include "swmgr/portvlan.h"
 
 namespace swmgr {
 

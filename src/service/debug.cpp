@@ -4,9 +4,9 @@
 #include <cstdio>
 #include <cstring>
 
-#include "platform/mbus.h"
-#include "platform/osa.h"
-#include "service/swmgr.h"
+#include "swmgr/platform/mbus.h"
+#include "swmgr/platform/osa.h"
+#include "swmgr/swmgr.h"
 
 extern "C" int swMgrDebug(const char *prefix, int level, const char *func, int line,
                           const char *format, ...) {

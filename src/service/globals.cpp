@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The service's global state, written by the entry points and the host.
-#include "service/swmgr.h"
+#include "swmgr/swmgr.h"
 
 extern "C" {
 int swMgrInitialized = 0;

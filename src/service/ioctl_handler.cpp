@@ -3,10 +3,10 @@
 #include <cstring>
 
 #include "config/checks.h"
-#include "config/swconf.h"
-#include "portvlan/portvlan.h"
-#include "service/swmgr.h"
-#include "switch/switch.h"
+#include "swmgr/swconf.h"
+#include "swmgr/portvlan.h"
+#include "swmgr/swmgr.h"
+#include "swmgr/switch.h"
 
 namespace {
 

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // Service start-up, the bus listening loop and shutdown.
-#include "config/swconf.h"
-#include "platform/mbus.h"
-#include "service/swmgr.h"
-#include "switch/switch.h"
+#include "swmgr/swconf.h"
+#include "swmgr/platform/mbus.h"
+#include "swmgr/swmgr.h"
+#include "swmgr/switch.h"
 
 namespace {
 constexpr int kRegisterKind = 2;

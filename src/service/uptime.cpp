@@ -5,8 +5,8 @@
 
 #include "common/number.h"
 
-#include "platform/osa.h"
-#include "service/swmgr.h"
+#include "swmgr/platform/osa.h"
+#include "swmgr/swmgr.h"
 
 namespace {
 constexpr const char *kUptimeSource = "/proc/uptime";

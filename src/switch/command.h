@@ -3,7 +3,7 @@
 #ifndef SWMGR_SWITCH_COMMAND_H
 #define SWMGR_SWITCH_COMMAND_H
 
-#include "switch/switch.h"
+#include "swmgr/switch.h"
 
 namespace swmgr {
 

@@ -4,8 +4,8 @@
 
 #include "drivers/bcm/bcm.h"
 #include "drivers/pse/pse.h"
-#include "service/swmgr.h"
-#include "switch/switch.h"
+#include "swmgr/swmgr.h"
+#include "swmgr/switch.h"
 
 extern "C" {
 // Searched in order; the empty last entry never matches a real switch name.

@@ -6,12 +6,12 @@
 #include <cstring>
 
 #include "common/text.h"
-#include "config/swconf.h"
-#include "portvlan/portvlan.h"
+#include "swmgr/swconf.h"
+#include "swmgr/portvlan.h"
 #include "portvlan/vlan_index.h"
-#include "service/swmgr.h"
+#include "swmgr/swmgr.h"
 #include "switch/command.h"
-#include "switch/switch.h"
+#include "swmgr/switch.h"
 
 extern "C" int switchLibInit(void) {
     // Records listed before are forgotten, not freed: nothing frees switches.

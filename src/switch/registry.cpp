@@ -6,8 +6,8 @@
 
 #include "common/list.h"
 #include "common/text.h"
-#include "service/swmgr.h"
-#include "switch/switch.h"
+#include "swmgr/swmgr.h"
+#include "swmgr/switch.h"
 
 extern "C" {
 OsaList switchTbl = {nullptr, nullptr};

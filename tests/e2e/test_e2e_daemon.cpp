@@ -25,7 +25,7 @@
 #include <tuple>
 #include <vector>
 
-#include "platform/mbus.h"
+#include "swmgr/platform/mbus.h"
 
 #include "swmgr_version.h"
 

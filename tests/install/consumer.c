@@ -3,13 +3,13 @@
  * the example database with a stand-in switch chip and every command line
  * taken instead of run, and prints what it did to the host's interfaces.
  * Usage: consumer SCHEMA.sql WORKDIR */
-#include <osa_port.h>
-#include <service/swmgr.h>
+#include <swmgr/osa_port.h>
+#include <swmgr/swmgr.h>
 #include <sqlite3.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <switch/switch.h>
+#include <swmgr/switch.h>
 
 static unsigned chipRequests;
 

@@ -14,7 +14,7 @@
 
 #include <sqlite3.h>
 
-#include "portvlan/portvlan.h"
+#include "swmgr/portvlan.h"
 
 namespace swtest {
 

@@ -16,8 +16,8 @@
 #include <vector>
 
 #include "osa_port.h"
-#include "service/swmgr.h"
-#include "switch/switch.h"
+#include "swmgr/swmgr.h"
+#include "swmgr/switch.h"
 
 namespace swtest {
 

@@ -6,7 +6,7 @@
 
 #include "drivers/bcm/bcm.h"
 #include "drivers/bcm/bcm_ioctl.h"
-#include "service/swmgr.h"
+#include "swmgr/swmgr.h"
 
 extern "C" {
 int fd = 0;

@@ -14,7 +14,7 @@
 
 #include "common/list.h"
 #include "drivers/bcm/bcm.h"
-#include "platform/osa.h"
+#include "swmgr/platform/osa.h"
 
 namespace swmgr::bcm {
 

@@ -5,7 +5,7 @@
 
 #include "drivers/bcm/bcm.h"
 #include "drivers/bcm/bcm_ioctl.h"
-#include "service/swmgr.h"
+#include "swmgr/swmgr.h"
 
 namespace {
 using namespace swmgr::bcm;

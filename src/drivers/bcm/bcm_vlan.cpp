@@ -3,7 +3,7 @@
 // and untagged-frame handling per port, port-based VLANs and snooping.
 #include "drivers/bcm/bcm.h"
 #include "drivers/bcm/bcm_ioctl.h"
-#include "service/swmgr.h"
+#include "swmgr/swmgr.h"
 
 namespace {
 using namespace swmgr::bcm;

@@ -7,9 +7,9 @@
 
 #include <stdint.h>
 
-#include "common/api.h"
-#include "portvlan/portvlan.h"
-#include "switch/switch.h"
+#include "swmgr/api.h"
+#include "swmgr/portvlan.h"
+#include "swmgr/switch.h"
 
 SWMGR_EXTERN_C_BEGIN
 

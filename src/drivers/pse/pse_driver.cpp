@@ -14,8 +14,8 @@
 #include "common/text.h"
 #include "drivers/pse/pse.h"
 #include "drivers/pse/pse_internal.h"
-#include "platform/osa.h"
-#include "service/swmgr.h"
+#include "swmgr/platform/osa.h"
+#include "swmgr/swmgr.h"
 
 namespace swmgr::pse {
 

@@ -7,7 +7,7 @@
 #include "common/text.h"
 #include "drivers/pse/pse.h"
 #include "drivers/pse/pse_internal.h"
-#include "service/swmgr.h"
+#include "swmgr/swmgr.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include <sqlite3.h>
 #include <stdint.h>
 
-#include "common/api.h"
+#include "swmgr/api.h"
 
 SWMGR_EXTERN_C_BEGIN
 

@@ -5,9 +5,9 @@
 
 #include <stdint.h>
 
-#include "common/api.h"
-#include "config/swconf.h"
-#include "switch/switch.h"
+#include "swmgr/api.h"
+#include "swmgr/swconf.h"
+#include "swmgr/switch.h"
 
 SWMGR_EXTERN_C_BEGIN
 

@@ -7,8 +7,8 @@
 
 #include <stdint.h>
 
-#include "common/api.h"
-#include "platform/osa.h"
+#include "swmgr/api.h"
+#include "swmgr/platform/osa.h"
 
 SWMGR_EXTERN_C_BEGIN
 

@@ -6,8 +6,8 @@
 
 #include <stdint.h>
 
-#include "common/api.h"
-#include "platform/mbus.h"
+#include "swmgr/api.h"
+#include "swmgr/platform/mbus.h"
 
 SWMGR_EXTERN_C_BEGIN
 
