@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The host bus's frame decoding, on both sides, over real sockets in a
 // private bus directory: arbitrary bytes sent to a listening module (the
 // server's receive and check), and arbitrary bytes sent back as the reply

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Bus requests after start-up: the service runs on the example database
 // with the simulated hardware, and each input is one request to the bus
 // command handler with an arbitrary code, data and auxiliary block.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Configuration rows: arbitrary texts and numbers in the three tables,
 // loaded as at start-up, then change events on them with arbitrary
 // old-value blocks. Each input starts from an empty registry.

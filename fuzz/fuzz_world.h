@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the fuzz targets share: the system started on the example database
 // with the simulator's models attached (no command line ever reaches a
 // shell, no device the kernel's), diagnostics swallowed, and input split

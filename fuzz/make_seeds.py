@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Writes the seed corpora under fuzz/corpus/ (checked in; rerun after a
 change of a target's input layout)."""
 import os

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The one rule for names that come from outside (database rows, bus
 // requests, command lines): letters, digits, '_', '.' and '-', not empty and
 // not "." or "..". Such a name is safe in a shell command line and as a path

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Numbers in configuration text, read as atoi always read them (leading
 // blanks, an optional sign, the digits; whatever follows is ignored; no
 // digits at all is 0) but with the value's range checked (no more than 2^40 in size) instead of left to

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the system accepts from outside; see checks.h.
 #include "config/checks.h"
 

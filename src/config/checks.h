@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Checks on configuration that comes from outside (rows, bus requests)
 // before any of it is stored or programmed. Each returns 0, or -22 after an
 // error line naming where the value came from (`origin`, e.g. "table
