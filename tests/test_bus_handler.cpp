@@ -51,8 +51,12 @@ protected:
     }
     std::unique_ptr<swtest::RecordingDriver> rec;
 };
+using BusHandlerForms = swtest::BothForms<BusHandler>;
+SWTEST_BOTH_FORMS(BusHandlerForms);
 
-TEST_F(BusHandler, MalformedRequestsAndRepliesAreRefused) {
+const std::string kIf = "swMgrHandleIfDevEvent", kHandler = "swMgrIoctlHandler";
+
+TEST_P(BusHandlerForms, MalformedRequestsAndRepliesAreRefused) {
     EXPECT_EQ(swMgrIoctlHandler(nullptr, nullptr, 37, nullptr, 0, nullptr, nullptr), -1);
     MbusMsgHeader reply = request(20);
     reply.isRequest = 0;
@@ -63,72 +67,78 @@ TEST_F(BusHandler, MalformedRequestsAndRepliesAreRefused) {
     std::vector<uint8_t> db(DB_UPDATE_EVENT_LEN - 1, 0);
     EXPECT_EQ(handle(SW_CMD_DB_EVENT, db.data(), static_cast<int>(db.size())), -1);
     EXPECT_EQ(handle(SW_CMD_DB_EVENT, nullptr, DB_UPDATE_EVENT_LEN), -1);
-    EXPECT_EQ(cap->rawLogs(), (std::vector<std::string>{
-                                  "unexpected reply from 20 cmd=4 !\n",
-                                  "swMgrIoctlHandler: short ifDev event request!\n",
-                                  "swMgrIoctlHandler: short ifDev event request!\n",
-                                  "Invalid database event\n", "Invalid database event\n"}));
-    for (const auto &l : cap->logs) EXPECT_EQ(l.level, 8);
+    EXPECT_TRUE(cap->logsAre({{8, kHandler, "unexpected reply from 20 cmd=4 !\n"},
+                              {8, kHandler, "swMgrIoctlHandler: short ifDev event request!\n"},
+                              {8, kHandler, "swMgrIoctlHandler: short ifDev event request!\n"},
+                              {8, kHandler, "Invalid database event\n"},
+                              {8, kHandler, "Invalid database event\n"}}));
     EXPECT_TRUE(rec->calls.empty());
 }
 
-TEST_F(BusHandler, BandwidthEventSetsTheUpstreamLimitOnPortOne) {
-    addBound("REC", 2);
-    EXPECT_EQ(ifEvent("eth1", 22, 100000, 80), 0);
-    ASSERT_EQ(rec->calls.size(), 1u);
-    EXPECT_EQ(rec->calls[0].cmd, SW_CMD_PORT_RATE_LIMIT);
-    EXPECT_EQ(rec->calls[0].argLen, 12);
-    SwitchRateLimitArg want{};
-    want.portNumber = 1;
-    want.action = 1;
-    want.rate = 80000;
-    EXPECT_EQ(rec->calls[0].arg, swtest::bytesOf(want));
-    EXPECT_EQ(cap->rawLogs(), (std::vector<std::string>{
-                                  "Received interface event=22 on eth1\n",
-                                  "Configure upstream bandwdith limit of eth1 to 80000 kbps (80% of "
-                                  "total bandwidth(100000))\n"}));
-    for (const auto &l : cap->logs) EXPECT_EQ(l.level, 64);
-
-    // Bandwidth 0 switches the limit off; events 25 and 26 are handled too.
-    rec->calls.clear();
-    EXPECT_EQ(ifEvent("eth0", 26, 0, 80), 0);
-    want.action = 0;
-    want.rate = 0;
-    ASSERT_EQ(rec->calls.size(), 1u);
-    EXPECT_EQ(rec->calls[0].arg, swtest::bytesOf(want));
-    EXPECT_EQ(ifEvent("eth0", 25, 1000, 50), 0);
-
-    // Unsigned 32-bit: 100000000 * 80 wraps to 3705032704 before dividing.
-    EXPECT_EQ(ifEvent("eth1", 22, 100000000u, 80), 0);
-    uint32_t rate = 0;
-    std::memcpy(&rate, rec->calls.back().arg.data() + 8, 4);
-    EXPECT_EQ(rate, 37050327u);
+// Each bandwidth event: the request, the result, the rate-limit record sent
+// to the top-level switch (none when empty) and the whole log.
+TEST_P(BusHandlerForms, InterfaceEventsSetTheUpstreamLimitOnPortOne) {
+    const std::string got22 = "Received interface event=22 on eth1\n", failed = "failed to handle interface events\n";
+    const std::string limit80 =
+        "Configure upstream bandwdith limit of eth1 to 80000 kbps (80% of total bandwidth(100000))\n";
+    struct Case {
+        bool bound;
+        const char *ifName;
+        uint32_t event, total, pct;
+        bool withAux;
+        int driverResult;
+        int result;
+        std::vector<uint32_t> sent;  // port, action, rate
+        swtest::Logs logs;
+    } cases[] = {
+        {true, "eth1", 22, 100000, 80, true, 0, 0, {1, 1, 80000}, {{64, kIf, got22}, {64, kIf, limit80}}},
+        {true, "eth0", 26, 0, 80, true, 0, 0, {1, 0, 0},
+         {{64, kIf, "Received interface event=26 on eth0\n"},
+          {64, kIf, "Configure upstream bandwdith limit of eth0 to 0 kbps (80% of total bandwidth(0))\n"}}},
+        {true, "eth0", 25, 1000, 50, true, 0, 0, {1, 1, 500},
+         {{64, kIf, "Received interface event=25 on eth0\n"},
+          {64, kIf, "Configure upstream bandwdith limit of eth0 to 500 kbps (50% of total bandwidth(1000))\n"}}},
+        // Unsigned 32-bit: 100000000 * 80 wraps to 3705032704 before dividing.
+        {true, "eth1", 22, 100000000u, 80, true, 0, 0, {1, 1, 37050327},
+         {{64, kIf, got22},
+          {64, kIf, "Configure upstream bandwdith limit of eth1 to 37050327 kbps (80% of total "
+                    "bandwidth(100000000))\n"}}},
+        {false, "eth1", 22, 100000, 80, true, 0, -1, {},
+         {{64, kIf, got22}, {8, kIf, "No Switch is yet initialized\n"}, {8, kHandler, failed}}},
+        {true, "eth1", 23, 100000, 80, true, 0, -122, {},
+         {{64, kIf, "Received interface event=23 on eth1\n"}, {8, kHandler, failed}}},
+        {true, "eth1", 27, 100000, 80, true, 0, -122, {},
+         {{64, kIf, "Received interface event=27 on eth1\n"}, {8, kHandler, failed}}},
+        {true, "eth1", 22, 100000, 80, false, 0, -1, {},
+         {{64, kIf, got22}, {8, kIf, "No bandwidth information provided in event\n"}, {8, kHandler, failed}}},
+        {true, "eth1", 22, 100000, 80, true, -7, -7, {1, 1, 80000},
+         {{64, kIf, got22}, {64, kIf, limit80},
+          {8, kIf, "Failed to configure rate limiting based on interface bandwidth change \n"},
+          {8, kHandler, failed}}},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(std::string(c.ifName) + " event " + std::to_string(c.event));
+        swtest::resetRegistry();
+        if (c.bound) addBound("REC", 2);
+        rec->calls.clear();
+        rec->results[SW_CMD_PORT_RATE_LIMIT] = c.driverResult;
+        cap->clear();
+        EXPECT_EQ(ifEvent(c.ifName, c.event, c.total, c.pct, c.withAux), c.result);
+        std::vector<swtest::Bytes> sent, want;
+        for (const auto &call : rec->calls) {
+            EXPECT_EQ(std::make_pair(call.cmd, call.argLen), std::make_pair(int{SW_CMD_PORT_RATE_LIMIT}, 12));
+            sent.push_back(call.arg);
+        }
+        if (!c.sent.empty()) {
+            want.emplace_back();
+            for (uint32_t w : c.sent) for (uint8_t b : swtest::le32(w)) want.back().push_back(b);
+        }
+        EXPECT_EQ(sent, want);
+        EXPECT_TRUE(cap->logsAre(c.logs));
+    }
 }
 
-TEST_F(BusHandler, UnhandledEventAndMissingPiecesFail) {
-    EXPECT_EQ(ifEvent("eth1", 22, 100000, 80), -1);
-    EXPECT_EQ(cap->findLog("No Switch is yet initialized\n"), 1);
-    EXPECT_EQ(cap->findLog("failed to handle interface events\n"), 2);
-    cap->clear();
-
-    addBound("REC", 2);
-    EXPECT_EQ(ifEvent("eth1", 23, 100000, 80), -122);
-    EXPECT_EQ(ifEvent("eth1", 27, 100000, 80), -122);
-    EXPECT_EQ(ifEvent("eth1", 22, 100000, 80, false), -1);
-    rec->results[SW_CMD_PORT_RATE_LIMIT] = -7;
-    EXPECT_EQ(ifEvent("eth1", 22, 100000, 80), -7);
-    EXPECT_EQ(cap->rawLogs(),
-              (std::vector<std::string>{
-                  "Received interface event=23 on eth1\n", "failed to handle interface events\n",
-                  "Received interface event=27 on eth1\n", "failed to handle interface events\n",
-                  "Received interface event=22 on eth1\n", "No bandwidth information provided in event\n",
-                  "failed to handle interface events\n", "Received interface event=22 on eth1\n",
-                  "Configure upstream bandwdith limit of eth1 to 80000 kbps (80% of total bandwidth(100000))\n",
-                  "Failed to configure rate limiting based on interface bandwidth change \n",
-                  "failed to handle interface events\n"}));
-}
-
-TEST_F(BusHandler, DriverCommandsGoToTheNamedSwitchWithResultsMapped) {
+TEST_P(BusHandlerForms, DriverCommandsGoToTheNamedSwitchWithResultsMapped) {
     addBound("REC", 2);
     char req[SW_BUS_NAME_LEN + SW_BUS_ARG_LEN] = "REC";
     rec->results[37] = 5;
@@ -143,9 +153,10 @@ TEST_F(BusHandler, DriverCommandsGoToTheNamedSwitchWithResultsMapped) {
     char unknown[SW_BUS_NAME_LEN + SW_BUS_ARG_LEN] = "NONE";
     EXPECT_EQ(handle(37, unknown, sizeof unknown), -1);
     EXPECT_EQ(handle(37, nullptr, 0), -1);
+    EXPECT_TRUE(cap->logsAre({{8, "switchConfig", "Failed to process cmd 37 on REC \n"}}));
 }
 
-TEST_F(BusHandler, VlanRequestWithoutATopLevelSwitchIsRefusedQuietly) {
+TEST_P(BusHandlerForms, VlanRequestWithoutATopLevelSwitchIsRefusedQuietly) {
     char req[SW_BUS_NAME_LEN + SW_BUS_ARG_LEN] = "ignored";
     EXPECT_EQ(handle(SW_CMD_VLAN_ADD, req, sizeof req), SW_EINVAL);
     EXPECT_EQ(handle(SW_CMD_VLAN_DELETE, req, sizeof req), SW_EINVAL);

@@ -7,7 +7,9 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <cctype>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <regex>
 #include <sstream>
@@ -145,6 +147,71 @@ std::string Capture::dump() const {
     std::ostringstream os;
     for (const auto &l : logs) os << "[" << l.level << "] " << l.raw;
     return os.str();
+}
+
+namespace {
+
+// The sources' lines, read once.
+const std::vector<std::vector<std::string>> &sourceFiles() {
+    static const std::vector<std::vector<std::string>> files = [] {
+        std::vector<std::vector<std::string>> out;
+        std::error_code ec;
+        for (auto &e : std::filesystem::recursive_directory_iterator(SWMGR_SOURCE_DIR "/src", ec)) {
+            if (e.path().extension() != ".cpp" && e.path().extension() != ".h") continue;
+            std::ifstream in(e.path());
+            std::vector<std::string> lines{""};  // lines count from 1
+            for (std::string l; std::getline(in, l);) lines.push_back(l);
+            out.push_back(std::move(lines));
+        }
+        return out;
+    }();
+    return files;
+}
+
+// The message's first words as the source spells them (up to the first
+// character a conversion could have produced).
+std::string literalStart(const std::string &text) {
+    std::string out;
+    for (char c : text) {
+        if (std::isdigit(static_cast<unsigned char>(c)) || c == '(' || c == '\n' || out.size() >= 12) break;
+        out += c;
+    }
+    return out;
+}
+
+// Whether some source file logs at `line` a message that starts like `text`.
+bool callSiteAt(int line, const std::string &text) {
+    const std::string start = literalStart(text);
+    for (const auto &lines : sourceFiles()) {
+        if (line <= 0 || static_cast<size_t>(line) >= lines.size()) continue;
+        if (lines[line].find("SWMGR_LOG") == std::string::npos) continue;
+        std::string call;
+        for (size_t i = line; i < lines.size() && i < static_cast<size_t>(line) + 4; ++i) call += lines[i];
+        if (start.empty() || call.find(start) != std::string::npos || call.find("\"%") != std::string::npos)
+            return true;
+    }
+    return false;
+}
+
+}  // namespace
+
+::testing::AssertionResult Capture::logsAre(const Logs &expected) const {
+    std::ostringstream want;
+    std::vector<const Log *> shown;
+    for (const auto &e : expected) {
+        if (!swMgrDevDebug && e.level < 0) continue;
+        shown.push_back(&e);
+        want << "[" << (swMgrDevDebug ? SW_LOG_DEV : e.level) << "] " << (swMgrDevDebug ? e.func + ": " : "")
+             << e.text;
+    }
+    std::ostringstream got;
+    for (const auto &l : logs) got << "[" << l.level << "] " << (swMgrDevDebug ? l.func + ": " : "") << l.prefix << l.text;
+    if (want.str() != got.str() || shown.size() != logs.size())
+        return ::testing::AssertionFailure() << "logs differ\nexpected:\n" << want.str() << "actual:\n" << got.str();
+    for (size_t i = 0; swMgrDevDebug && i < logs.size(); ++i)
+        if (!callSiteAt(logs[i].line, logs[i].text))
+            return ::testing::AssertionFailure() << "no logging call at line " << logs[i].line << " for " << logs[i].raw;
+    return ::testing::AssertionSuccess();
 }
 
 void Capture::clear() {

@@ -44,6 +44,17 @@ struct IoctlCall {
     uintptr_t value = 0;  // the integer argument of requests without data
 };
 
+// One expected diagnostic, written once for both forms: the plain level
+// (negative for a trace line, which only the developer form shows), the
+// function the developer form names, and the text as the plain form reads
+// it (object prefix included).
+struct Log {
+    int level;
+    std::string func;
+    std::string text;
+};
+using Logs = std::vector<Log>;
+
 // Installs the capture hooks for its lifetime.
 class Capture {
 public:
@@ -73,6 +84,11 @@ public:
     // Index of the first log whose raw text equals `raw` at or after `from`, or -1.
     int findLog(std::string_view raw, size_t from = 0) const;
     std::string dump() const;  // all logs, for failure messages
+    // The logs are exactly `expected` in the form swMgrDevDebug selects:
+    // plain records at their level, trace lines left out; or level-256
+    // records naming the function and the line of a logging call site of
+    // the sources whose message starts as the text does.
+    ::testing::AssertionResult logsAre(const Logs &expected) const;
     void clear();
 
 private:
@@ -154,6 +170,23 @@ protected:
     std::unique_ptr<Capture> cap;
     std::unique_ptr<TempDir> root;
 };
+
+// Runs each case of a fixture twice, with swMgrDevDebug clear ("plain")
+// and set ("dev"): declare the cases with TEST_P(BothForms<Fixture>-alias,
+// ...) and instantiate the suite with SWTEST_BOTH_FORMS(alias).
+template <typename Fixture>
+class BothForms : public Fixture, public ::testing::WithParamInterface<bool> {
+protected:
+    void SetUp() override {
+        Fixture::SetUp();
+        swMgrDevDebug = this->GetParam() ? 1 : 0;
+    }
+};
+#define SWTEST_BOTH_FORMS(Suite)                                                  \
+    INSTANTIATE_TEST_SUITE_P(Form, Suite, ::testing::Bool(),                      \
+                             [](const ::testing::TestParamInfo<bool> &i) {        \
+                                 return std::string(i.param ? "dev" : "plain");   \
+                             })
 
 // Bytes of a value, for comparing recorded arguments.
 template <typename T>
