@@ -18,7 +18,6 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
 enum { kEcho = 7, kSlow = 8, kCount = 9 };
@@ -124,9 +123,7 @@ int inProcess(MbusCtx *, const MbusMsgHeader *h, int cmd, void *, int, void *, i
 }
 
 TEST(BusSocket, ModulesServeOtherProcessesUntilTheyUnregister) {
-    auto t0 = Clock::now();
     EXPECT_EQ(mbusIoctl(nullptr, 201, kEcho, nullptr, 0, nullptr, nullptr, 0, 0, 0), MBUS_PORT_ERR_NOMODULE);
-    EXPECT_LT(Clock::now() - t0, milliseconds(200));
     EXPECT_EQ(std::string(mbusPortLastError()), std::string("no module 201 on the bus at ") + mbusPortBusDirGet());
     {
         Server child(201);
@@ -150,10 +147,7 @@ TEST(BusSocket, ModulesServeOtherProcessesUntilTheyUnregister) {
         EXPECT_EQ(mbusIoctl(self, 202, 3, nullptr, 0, nullptr, nullptr, 0, 0, 0), 202 * 100 + 3);
         EXPECT_EQ(mbusUnRegister(self), 0);
 
-        t0 = Clock::now();
         EXPECT_EQ(mbusIoctl(nullptr, 201, kSlow, nullptr, 0, nullptr, nullptr, 0, 100, 0), MBUS_PORT_ERR_TIMEOUT);
-        EXPECT_GE(Clock::now() - t0, milliseconds(90));
-        EXPECT_LT(Clock::now() - t0, milliseconds(390));
         EXPECT_EQ(count(201), 303) << "the module serves on after the late request";
 
         // While its process lives, nobody else may register the module.
@@ -170,10 +164,7 @@ TEST(BusSocket, ModulesServeOtherProcessesUntilTheyUnregister) {
     EXPECT_EQ(mbusListen(ctx, 100000), 1);
 
     // With nothing to serve, listening lasts its time-out.
-    t0 = Clock::now();
     EXPECT_EQ(mbusListen(ctx, 100000), 0);
-    EXPECT_GE(Clock::now() - t0, milliseconds(95));
-    EXPECT_LT(Clock::now() - t0, milliseconds(400));
 
     // A watched descriptor's callback runs inside the wait; unregistering
     // there ends it at once and removes the socket. The context stays
@@ -185,9 +176,7 @@ TEST(BusSocket, ModulesServeOtherProcessesUntilTheyUnregister) {
     stopping = ctx;
     ASSERT_EQ(mbusPortWatch(wake[0], [](void *, int) { mbusUnRegister(stopping); }, nullptr), 0);
     EXPECT_EQ(mbusPortWatch(wake[0], [](void *, int) {}, nullptr), -1) << "one callback per descriptor";
-    t0 = Clock::now();
     EXPECT_EQ(mbusListen(ctx, 5000000), 1);
-    EXPECT_LT(Clock::now() - t0, milliseconds(1000));
     EXPECT_EQ(mbusPortUnwatch(wake[0]), 0);
     EXPECT_EQ(mbusPortUnwatch(wake[0]), -1);
     ::close(wake[0]);

@@ -25,6 +25,8 @@ protected:
         rec = std::make_unique<swtest::RecordingDriver>();
         path = root->file("config.db");
         ASSERT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
+        // A scratch file: the cases rebuild its tables, no need to wait for the disk.
+        ASSERT_EQ(sqlite3_exec(db, "PRAGMA synchronous=OFF", nullptr, nullptr, nullptr), SQLITE_OK);
         ASSERT_EQ(sqlite3_exec(db, kSchema.c_str(), nullptr, nullptr, nullptr), SQLITE_OK);
         ASSERT_EQ(swMgrDBInit(const_cast<char *>(path.c_str())), 0);
     }
@@ -61,33 +63,135 @@ protected:
     Switch *sw = nullptr;
 };
 
-TEST_F(DbEvents, EmptyTablesLoadAndRefusedRowsStopTheLoad) {
-    exec("DELETE FROM vlanEncapIf;");
-    EXPECT_EQ(switchVlanCfgLoad(), 0);
-    exec("INSERT INTO swPortConfig VALUES ('NOPE', 1, 1, 0, 0, 0, '', '', 0, 0, 4, 1, 1, 1, 1);");
-    ASSERT_EQ(switchCfgLoad(), 0);
-    cap->clear();
-    EXPECT_LT(switchPortCfgLoad(), 0);
-    // A refused port row reports with the switch loader's words.
-    EXPECT_GE(cap->findLog("failed to load switch profile\n"), 0) << cap->dump();
-    exec("DROP TABLE vlanEncapIf;");
-    EXPECT_EQ(switchVlanCfgLoad(), -22);
-    EXPECT_GE(cap->findLog("failed to get list of vlans from the database\n"), 0);
+using DbEventForms = swtest::BothForms<DbEvents>;
+SWTEST_BOTH_FORMS(DbEventForms);
+
+using Ints = std::vector<int>;
+using swtest::Logs;
+const std::string kHandler = "swMgrDBUpdateHandler";
+
+// The log lines that frame every well-formed event.
+Logs framed(const std::string &table, int op, int row, int status, const Logs &inner, bool processed = true) {
+    const std::string head = "DBUpdate event: Table: " + table + " opCode:" + std::to_string(op) +
+                             " rowId:" + std::to_string(row);
+    Logs out{{-1, kHandler, head + "\n"}};
+    if (processed) out.push_back({64, kHandler, head + " processing \n"});
+    out.insert(out.end(), inner.begin(), inner.end());
+    out.push_back({64, kHandler, head + " status=" + std::to_string(status) + "\n"});
+    return out;
 }
 
-TEST_F(DbEvents, VlanRowInsertUpdateDeleteFollowTheDatabase) {
+// Each start-up load over tables changed by `sql`: the result, what the
+// switch, port and VLAN layers then hold, and the whole log.
+TEST_P(DbEventForms, LoadersStopAtTheFirstRefusedRow) {
+    struct Case {
+        std::string sql;
+        int (*load)();
+        int result;
+        Ints ports, vlans;  // on REC afterwards
+        Logs logs;
+    } cases[] = {
+        {"DELETE FROM vlanEncapIf;", switchVlanCfgLoad, 0, {}, {}, {}},
+        {"INSERT INTO swPortConfig VALUES ('NOPE', 1, 1, 0, 0, 0, '', '', 0, 0, 4, 1, 1, 1, 1);"
+         "INSERT INTO swPortConfig VALUES ('REC', 3, 1, 0, 0, 0, '', '', 0, 0, 4, 1, 1, 1, 1);",
+         switchPortCfgLoad, -1, {2}, {},
+         {{-1, "switchPortCreate", "Creating 2 port in REC \n"},
+          {64, "switchPortConfAdd", "(switch=REC) (port:2) Added switch port configuration.\n"},
+          {-1, "switchPortCreate", "Creating 1 port in NOPE \n"},
+          {8, "switchPortCreate", "NOPE switch is not yet created \n"},
+          {8, "switchPortConfAdd", "Failed to create switch port configuration \n"},
+          {8, "swPortCfgDBInsertHandler", "Failed to create new switch port profile \n"},
+          {8, "switchPortCfgLoad", "failed to load switch profile\n"}}},
+        {"DROP TABLE vlanEncapIf;", switchVlanCfgLoad, -22, {}, {},
+         {{8, "switchVlanCfgLoad", "failed to get list of vlans from the database\n"}}},
+        {"DROP TABLE swPortConfig;", switchPortCfgLoad, -22, {}, {},
+         {{8, "switchPortCfgLoad", "failed to get list of switch ports from the database\n"}}},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.sql);
+        swtest::resetRegistry();
+        exec("DROP TABLE IF EXISTS swGlobalCfg; DROP TABLE IF EXISTS swPortConfig;"
+             "DROP TABLE IF EXISTS vlanEncapIf;" + kSchema + c.sql);
+        ASSERT_EQ(switchCfgLoad(), 0);
+        sw = switchByNameGet("REC");
+        cap->clear();
+        EXPECT_EQ(c.load(), c.result);
+        Ints ports, vlans;
+        for (void *p = osaListFirst(&sw->portList); p; p = osaListNext(p)) ports.push_back(static_cast<SwitchPort *>(p)->portNumber);
+        for (void *v = osaListFirst(&sw->vlanList); v; v = osaListNext(v)) vlans.push_back(static_cast<SwitchVlan *>(v)->vlanId);
+        EXPECT_EQ(ports, c.ports);
+        if (c.load == switchVlanCfgLoad) {
+            EXPECT_EQ(vlans, c.vlans);
+        }
+        EXPECT_TRUE(cap->logsAre(c.logs));
+    }
+}
+
+// Each change event after a load of REC (port 2, VLAN 10): the result, the
+// driver commands it led to and the whole log.
+TEST_P(DbEventForms, EventsFollowTheTableHandlers) {
+    struct Case {
+        bool loaded;  // REC and its rows loaded first
+        std::string sql;
+        const char *table;
+        int row, op;
+        bool oldValues;  // the row's values before `sql` travel with the event
+        int result;
+        Ints cmds;
+        Logs logs;
+    } cases[] = {
+        {false, "", "swGlobalCfg", 1, 18, false, 0, {33, 47, 49, 56, 57},
+         framed("swGlobalCfg", 18, 1, 0,
+                {{64, "switchCreate", "Creating REC Switch \n"},
+                 {64, "switchConfAdd", "(switch=REC) Added switch configuration.\n"}})},
+        {true, "", "swGlobalCfg", 1, 18, false, -22, {},
+         framed("swGlobalCfg", 18, 1, -22,
+                {{64, "switchCreate", "Creating REC Switch \n"},
+                 {8, "switchCreate", "There is a switch created already for this name\n"},
+                 {8, "switchConfAdd", "Failed to create switch configuration \n"},
+                 {8, "swGlobalCfgDBInsertHandler", "Failed to create new switch profile \n"}})},
+        {true, "INSERT INTO swPortConfig VALUES ('REC', 3, 1, 0, 0, 2, 'lan', '', 0, 0, 4, 1, 1, 1, 1);",
+         "swPortConfig", 2, 18, false, 0, {51},
+         framed("swPortConfig", 18, 2, 0,
+                {{-1, "switchPortCreate", "Creating 3 port in REC \n"},
+                 {64, "switchPortConfAdd", "(switch=REC) (port:3) Added switch port configuration.\n"}})},
+        {true, "UPDATE swPortConfig SET trustMode=3 WHERE rowid=1", "swPortConfig", 1, 23, true, -1, {},
+         framed("swPortConfig", 23, 1, -1, {})},
+        {true, "", "swPortConfig", 1, 9, true, -1, {}, framed("swPortConfig", 9, 1, -1, {})},
+        {true, "", "swGlobalCfg", 1, 9, true, -1, {}, framed("swGlobalCfg", 9, 1, -1, {})},
+        {true, "", "swGlobalCfg", 1, 23, true, -1, {}, framed("swGlobalCfg", 23, 1, -1, {})},
+        {true, "", "vlanEncapIf", 1, 99, false, -1, {}, framed("vlanEncapIf", 99, 1, -1, {})},
+        // A row deleted before its update is read: no row, no processing.
+        {true, "", "vlanEncapIf", 999, 23, false, -1, {}, framed("vlanEncapIf", 23, 999, -1, {}, false)},
+        {true, "", "SWGLOBALCFG", 1, 18, false, 0, {}, framed("SWGLOBALCFG", 18, 1, 0, {})},
+        {true, "", "vlanEncapIf; DROP TABLE swGlobalCfg", 1, 18, false, -1, {},
+         framed("vlanEncapIf; DROP TABLE swGlobalCfg", 18, 1, -1, {}, false)},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(std::string(c.table) + " op " + std::to_string(c.op) + " " + c.sql);
+        swtest::resetRegistry();
+        exec("DROP TABLE IF EXISTS swGlobalCfg; DROP TABLE IF EXISTS swPortConfig;"
+             "DROP TABLE IF EXISTS vlanEncapIf;" + kSchema);
+        if (c.loaded) loadAll();
+        cap->clear();
+        rec->calls.clear();
+        std::string old = c.oldValues ? oldValues(c.table, c.row) : "";
+        if (!c.sql.empty()) exec(c.sql);
+        EXPECT_EQ(event(c.table, c.row, c.op, old), c.result);
+        EXPECT_EQ(rec->cmds(), c.cmds);
+        EXPECT_TRUE(cap->logsAre(c.logs));
+        EXPECT_EQ(sqlite3_exec(db, "SELECT * FROM swGlobalCfg", nullptr, nullptr, nullptr), SQLITE_OK)
+            << "a table name is never run as SQL";
+    }
+}
+
+TEST_P(DbEventForms, VlanRowInsertUpdateDeleteFollowTheDatabase) {
     loadAll();
     exec("INSERT INTO vlanEncapIf VALUES (100, 'eth0', 'br-guest', '', '', '2', '2', 0);");
     const int row = static_cast<int>(sqlite3_last_insert_rowid(db));
     EXPECT_EQ(event("vlanEncapIf", row, 18), 0);
     ASSERT_NE(switchVlanByIdGet(sw, 100), nullptr);
     EXPECT_EQ(switchVlanByIdGet(sw, 100)->fwdMap, 0x4u);
-    EXPECT_EQ(cap->findLog("DBUpdate event: Table: vlanEncapIf opCode:18 rowId:" + std::to_string(row) +
-                           " processing \n"),
-              0)
-        << cap->dump();
-    EXPECT_EQ(cap->logs.back().raw,
-              "DBUpdate event: Table: vlanEncapIf opCode:18 rowId:" + std::to_string(row) + " status=0\n");
     EXPECT_GE(std::count(cap->commands.begin(), cap->commands.end(), "vconfig add eth0 100"), 1);
 
     // The update finds the VLAN by its old id and stores the new one.
@@ -106,40 +210,22 @@ TEST_F(DbEvents, VlanRowInsertUpdateDeleteFollowTheDatabase) {
     EXPECT_EQ(cap->commands.front(), "vconfig rem eth0.101");
 }
 
-TEST_F(DbEvents, MalformedAndRefusedEvents) {
+TEST_P(DbEventForms, MalformedEventsAreRefused) {
     loadAll();
     EXPECT_EQ(event("vlanEncapIf", 1, 18, "", 79), -1);
     EXPECT_EQ(swMgrDBUpdateHandler(nullptr, 80, nullptr, 0), -1);
-    EXPECT_EQ(cap->rawLogs(), (std::vector<std::string>{"incomplete DB update information \n",
-                                                        "incomplete DB update information \n"}));
-
     // Three strings cannot be names and values of one row.
-    cap->clear();
     EXPECT_EQ(event("vlanEncapIf", 1, 9, std::string("vlanId\0eth0\0x\0", 14)), -1);
-    EXPECT_EQ(cap->rawLogs(), (std::vector<std::string>{
-                                  "old values result does not contain 2 rows.j=14 nCols=3 outLen=14\n",
-                                  "DBUpdate event: Table: vlanEncapIf opCode:9 rowId:1 status=-1\n"}));
-
-    // Switch and port rows only follow the database at start-up.
-    SwitchPort *port = switchPortByNumberGet(sw, 2);
-    exec("UPDATE swPortConfig SET trustMode=3 WHERE rowid=1");
-    EXPECT_EQ(event("swPortConfig", 1, 23, oldValues("swPortConfig", 1)), -1);
-    EXPECT_EQ(port->trustMode, 0);
-    EXPECT_EQ(event("swGlobalCfg", 1, 9, oldValues("swGlobalCfg", 1)), -1);
+    Logs logs{{8, kHandler, "incomplete DB update information \n"}, {8, kHandler, "incomplete DB update information \n"}};
+    for (const auto &l : framed("vlanEncapIf", 9, 1, -1,
+                                {{8, kHandler, "old values result does not contain 2 rows.j=14 nCols=3 outLen=14\n"}},
+                                false))
+        logs.push_back(l);
+    EXPECT_TRUE(cap->logsAre(logs));
     EXPECT_TRUE(rec->calls.empty());
-
-    // A row deleted before its update is read, and an unknown table.
-    cap->clear();
-    EXPECT_EQ(event("vlanEncapIf", 999, 23), -1);
-    EXPECT_EQ(cap->rawLogs(), (std::vector<std::string>{
-                                  "DBUpdate event: Table: vlanEncapIf opCode:23 rowId:999 status=-1\n"}));
-    EXPECT_EQ(event("SWGLOBALCFG", 1, 18), 0) << "names match exactly: ignored";
-    EXPECT_EQ(event("vlanEncapIf; DROP TABLE swGlobalCfg", 1, 18), -1);
-    EXPECT_EQ(sqlite3_exec(db, "SELECT * FROM swGlobalCfg", nullptr, nullptr, nullptr), SQLITE_OK)
-        << "a table name is never run as SQL";
 }
 
-TEST_F(DbEvents, OldValuesAreNeverReadPastTheirLength) {
+TEST_P(DbEventForms, OldValuesAreNeverReadPastTheirLength) {
     loadAll();
     // A 64-byte name without terminator and a block whose last string is cut.
     DbUpdateEvent ev{};

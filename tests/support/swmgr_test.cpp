@@ -168,27 +168,63 @@ const std::vector<std::vector<std::string>> &sourceFiles() {
     return files;
 }
 
-// The message's first words as the source spells them (up to the first
-// character a conversion could have produced).
-std::string literalStart(const std::string &text) {
-    std::string out;
-    for (char c : text) {
-        if (std::isdigit(static_cast<unsigned char>(c)) || c == '(' || c == '\n' || out.size() >= 12) break;
-        out += c;
+// The string literals of a call's source text, escapes resolved; adjacent
+// literals are joined as the compiler joins them.
+std::vector<std::string> literals(const std::string &call) {
+    std::vector<std::string> out;
+    bool adjacent = false;
+    for (size_t i = 0; i < call.size(); ++i) {
+        if (call[i] != '"') {
+            if (!std::isspace(static_cast<unsigned char>(call[i]))) adjacent = false;
+            continue;
+        }
+        std::string lit;
+        for (++i; i < call.size() && call[i] != '"'; ++i) {
+            if (call[i] == '\\' && i + 1 < call.size()) {
+                char e = call[++i];
+                lit += e == 'n' ? '\n' : e == 't' ? '\t' : e;
+            } else {
+                lit += call[i];
+            }
+        }
+        if (adjacent) out.back() += lit;
+        else out.push_back(lit);
+        adjacent = true;
     }
     return out;
 }
 
-// Whether some source file logs at `line` a message that starts like `text`.
+// Whether a printf format could have produced `text`.
+bool formats(const std::string &format, const std::string &text) {
+    static const std::regex conv(R"(%[-+ #0]*[0-9]*(\.[0-9]+)?(hh|h|ll|l|z)?([diuxXscp%]))");
+    std::string pattern;
+    size_t at = 0;
+    for (std::sregex_iterator it(format.begin(), format.end(), conv), end; it != end; ++it) {
+        for (char c : format.substr(at, it->position() - at)) {
+            if (std::strchr(R"(\^$.|?*+()[]{})", c) != nullptr) pattern += '\\';
+            pattern += c;
+        }
+        const char kind = (*it)[3].str()[0];
+        pattern += kind == '%' ? "%" : kind == 's' ? "[\\s\\S]*" : kind == 'c' ? "[\\s\\S]" : "[-0-9a-fA-Fx]+";
+        at = it->position() + it->length();
+    }
+    for (char c : format.substr(at)) {
+        if (std::strchr(R"(\^$.|?*+()[]{})", c) != nullptr) pattern += '\\';
+        pattern += c;
+    }
+    return std::regex_match(text, std::regex(pattern));
+}
+
+// Whether some source file has a logging call at `line` whose format gives
+// `text`.
 bool callSiteAt(int line, const std::string &text) {
-    const std::string start = literalStart(text);
     for (const auto &lines : sourceFiles()) {
         if (line <= 0 || static_cast<size_t>(line) >= lines.size()) continue;
         if (lines[line].find("SWMGR_LOG") == std::string::npos) continue;
         std::string call;
-        for (size_t i = line; i < lines.size() && i < static_cast<size_t>(line) + 4; ++i) call += lines[i];
-        if (start.empty() || call.find(start) != std::string::npos || call.find("\"%") != std::string::npos)
-            return true;
+        for (size_t i = line; i < lines.size() && call.find(";") == std::string::npos; ++i) call += lines[i];
+        for (const auto &lit : literals(call))
+            if (formats(lit, text)) return true;
     }
     return false;
 }
