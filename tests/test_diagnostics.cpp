@@ -23,26 +23,6 @@ TEST_F(Diagnostics, PlainFormIsOneLogRecordOfModule103) {
     EXPECT_EQ(l.header, header);
 }
 
-TEST_F(Diagnostics, CallSitesSwitchFormWithDeveloperMode) {
-    swtest::RecordingDriver rec;
-    Switch *sw = swtest::addSwitch("REC", 1);
-    ASSERT_EQ(switchConfigFuncRegister(sw), 0);
-    rec.results[37] = -5;
-    char request[SW_BUS_NAME_LEN + SW_BUS_ARG_LEN] = "REC";
-
-    EXPECT_EQ(switchConfig(request, 37, nullptr, nullptr), -5);
-    swMgrDevDebug = 1;
-    EXPECT_EQ(switchConfig(request, 37, nullptr, nullptr), -5);
-
-    ASSERT_EQ(cap->logs.size(), 2u) << cap->dump();
-    EXPECT_EQ(cap->logs[0].level, 8);
-    EXPECT_EQ(cap->logs[0].raw, "Failed to process cmd 37 on REC \n");
-    EXPECT_EQ(cap->logs[1].level, 256);
-    EXPECT_EQ(cap->logs[1].func, "switchConfig");
-    EXPECT_GT(cap->logs[1].line, 0);
-    EXPECT_EQ(cap->logs[1].text, "Failed to process cmd 37 on REC \n");
-}
-
 TEST_F(Diagnostics, OverlongTextIsCutAt1023Characters) {
     std::string big(3000, 'x');
     swMgrDebug("pre:", 64, "f", 1, "%s", big.c_str());

@@ -6,9 +6,10 @@
 
 namespace {
 
-class Dispatch : public swtest::SwmgrTest {};
+using Dispatch = swtest::BothForms<swtest::SwmgrTest>;
+SWTEST_BOTH_FORMS(Dispatch);
 
-TEST_F(Dispatch, BindingFollowsTheTableByExactName) {
+TEST_P(Dispatch, BindingFollowsTheTableByExactName) {
     swtest::RecordingDriver rec;
     EXPECT_EQ(switchConfigFuncRegister(nullptr), SW_EINVAL);
     EXPECT_EQ(switchConfigFuncUnRegister(nullptr), SW_EINVAL);
@@ -26,7 +27,7 @@ TEST_F(Dispatch, BindingFollowsTheTableByExactName) {
     EXPECT_EQ(r->switchConfigFunc, nullptr);
 }
 
-TEST_F(Dispatch, RoutedCommandCarriesTheWholeBusArgumentArea) {
+TEST_P(Dispatch, RoutedCommandCarriesTheWholeBusArgumentArea) {
     swtest::RecordingDriver rec;
     swtest::addSwitch("PSE", 2);
     Switch *sw = swtest::addSwitch("REC", 1);
@@ -52,11 +53,10 @@ TEST_F(Dispatch, RoutedCommandCarriesTheWholeBusArgumentArea) {
     EXPECT_EQ(switchConfig(request, 48, nullptr, nullptr), 5);
     rec.results[49] = -22;
     EXPECT_EQ(switchConfig(request, 49, nullptr, nullptr), -22);
-    EXPECT_EQ(cap->rawLogs(), (std::vector<std::string>{"Failed to process cmd 49 on REC \n"}));
-    EXPECT_EQ(cap->logs[0].level, 8);
+    EXPECT_TRUE(cap->logsAre({{8, "switchConfig", "Failed to process cmd 49 on REC \n"}}));
 }
 
-TEST_F(Dispatch, UnknownSwitchIsRefusedSilently) {
+TEST_P(Dispatch, UnknownSwitchIsRefusedSilently) {
     swtest::RecordingDriver rec;
     ASSERT_EQ(switchConfigFuncRegister(swtest::addSwitch("REC", 1)), 0);
     char request[SW_BUS_NAME_LEN + SW_BUS_ARG_LEN] = "NONE";

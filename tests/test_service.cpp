@@ -19,28 +19,24 @@ protected:
         SwmgrTest::TearDown();
     }
 };
+using ServiceForms = swtest::BothForms<Service>;
+SWTEST_BOTH_FORMS(ServiceForms);
 
-TEST_F(Service, MissingTableIsLoggedAndTheServiceStillRuns) {
+TEST_P(ServiceForms, MissingTableIsLoggedAndTheServiceStillRuns) {
     std::string db = makeDb("CREATE TABLE unrelated(x);");
     ASSERT_EQ(swMgrInit(db.c_str()), 0);
     EXPECT_EQ(swMgrInitialized, 1);
     EXPECT_NE(pSwMgrMbusCtx, nullptr);
-    EXPECT_EQ(cap->rawLogs(), (std::vector<std::string>{
-                                  "failed to get list of switches from the database\n",
-                                  "Failed to load switch configuration \n"}));
-    for (const auto &l : cap->logs) EXPECT_EQ(l.level, 8);
+    EXPECT_TRUE(cap->logsAre({{8, "switchCfgLoad", "failed to get list of switches from the database\n"},
+                              {8, "swMgrCfgReload", "Failed to load switch configuration \n"}}));
 }
 
-TEST_F(Service, NoSwitchesMeansNothingToApplyAndDeinitTwiceIsHarmless) {
+TEST_P(ServiceForms, NoSwitchesMeansNothingToApplyAndDeinitTwiceIsHarmless) {
     std::string db = makeDb(swtest::kConfigSchema);
-    swMgrDevDebug = 1;
     ASSERT_EQ(swMgrInit(db.c_str()), 0);
     EXPECT_EQ(swMgrInitialized, 1);
-    ASSERT_EQ(cap->logs.size(), 2u) << cap->dump();
-    EXPECT_EQ(cap->logs[0].func, "swMgrCfgApply");
-    EXPECT_EQ(cap->logs[0].text, "Failed to find switch configuration to load. \n");
-    EXPECT_EQ(cap->logs[1].func, "swMgrCfgReload");
-    EXPECT_EQ(cap->logs[1].text, "Failed to apply switch configuration \n");
+    EXPECT_TRUE(cap->logsAre({{8, "swMgrCfgApply", "Failed to find switch configuration to load. \n"},
+                              {8, "swMgrCfgReload", "Failed to apply switch configuration \n"}}));
 
     EXPECT_EQ(swMgrDeinit(), 0);
     EXPECT_EQ(swMgrInitialized, 0);
@@ -49,7 +45,7 @@ TEST_F(Service, NoSwitchesMeansNothingToApplyAndDeinitTwiceIsHarmless) {
     EXPECT_EQ(swMgrDeinit(), 0);
 }
 
-TEST_F(Service, StartsAndAppliesTheTopLevelSwitch) {
+TEST_P(ServiceForms, StartsAndAppliesTheTopLevelSwitch) {
     swtest::RecordingDriver rec;
     std::string db = makeDb(std::string(swtest::kConfigSchema) +
                             "INSERT INTO swGlobalCfg VALUES ('REC', '', 1, 0, 5, 1, 0, 0, 2);"
@@ -62,7 +58,7 @@ TEST_F(Service, StartsAndAppliesTheTopLevelSwitch) {
     EXPECT_EQ(rec.cmds(), (std::vector<int>{33, 47, 49, 56, 57, 51, 33, 47, 49, 56, 57, 51, 41}));
 }
 
-TEST_F(Service, FailedRegistrationOrUnopenableDatabaseLeavesTheServiceDown) {
+TEST_P(ServiceForms, FailedRegistrationOrUnopenableDatabaseLeavesTheServiceDown) {
     mbusPortFailRegister(1);
     EXPECT_EQ(swMgrInit("/nonexistent.db"), -1);
     mbusPortFailRegister(0);
@@ -71,15 +67,15 @@ TEST_F(Service, FailedRegistrationOrUnopenableDatabaseLeavesTheServiceDown) {
 
     const std::string path = root->file("no/such/dir/config.db");
     EXPECT_EQ(swMgrInit(path.c_str()), -1);
-    EXPECT_EQ(cap->rawLogs(), (std::vector<std::string>{"Couldn't open database " + path + " \n",
-                                                        "failed to open database connection\n"}));
+    EXPECT_TRUE(cap->logsAre({{8, "swMgrDBInit", "Couldn't open database " + path + " \n"},
+                              {8, "swMgrInit", "failed to open database connection\n"}}));
     EXPECT_EQ(mbusPortCallbackGet(), nullptr);
     EXPECT_EQ(swMgrInitialized, 0);
     EXPECT_EQ(pDB, nullptr);
     EXPECT_EQ(swMgrDeinit(), 0) << "the stale context may be unregistered again";
 }
 
-TEST_F(Service, RunServesRequestsUntilDeinit) {
+TEST_P(ServiceForms, RunServesRequestsUntilDeinit) {
     swtest::RecordingDriver rec;
     std::string db = makeDb(std::string(swtest::kConfigSchema) +
                             "INSERT INTO swGlobalCfg VALUES ('REC', '', 1, 0, 5, 1, 0, 0, 2);");

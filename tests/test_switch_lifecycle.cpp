@@ -34,10 +34,14 @@ protected:
     }
     swtest::RecordingDriver drv;
 };
+using Lifecycle = swtest::BothForms<SwitchLifecycle>;
+SWTEST_BOTH_FORMS(Lifecycle);
+
+const swtest::Log kCreatingRec{64, "switchCreate", "Creating REC Switch \n"};
 
 }  // namespace
 
-TEST_F(SwitchLifecycle, AddBindsSendsFiveSettingsThenLists) {
+TEST_P(Lifecycle, AddBindsSendsFiveSettingsThenLists) {
     SwitchConf c = conf("REC", 3);
     c.vlanEnable = c.qosEnable = 1;
     c.igmpSnoopingEnable = 0x101;  // only the low byte travels
@@ -53,21 +57,21 @@ TEST_F(SwitchLifecycle, AddBindsSendsFiveSettingsThenLists) {
         EXPECT_EQ(drv.calls[i].argLen, lens[i]) << i;
         EXPECT_EQ(drv.calls[i].arg, args[i]) << i;
     }
-    EXPECT_EQ(cap->rawLogs(), (Lines{"Creating REC Switch \n", "(switch=REC) Added switch configuration.\n"}));
+    EXPECT_TRUE(cap->logsAre({kCreatingRec, {64, "switchConfAdd", "(switch=REC) Added switch configuration.\n"}}));
 
     // A second switch of that name is refused; the first stays listed.
     cap->clear();
     drv.calls.clear();
     EXPECT_EQ(add("REC", 4), SW_EINVAL);
-    EXPECT_EQ(cap->rawLogs(), (Lines{"Creating REC Switch \n",
-                                     "There is a switch created already for this name\n",
-                                     "Failed to create switch configuration \n"}));
+    EXPECT_TRUE(cap->logsAre({kCreatingRec,
+                              {8, "switchCreate", "There is a switch created already for this name\n"},
+                              {8, "switchConfAdd", "Failed to create switch configuration \n"}}));
     EXPECT_EQ(switchMaxLevel, 3);
     EXPECT_EQ(switchByNameGet("REC"), sw);
     EXPECT_EQ(osaListNext(sw), nullptr);
 }
 
-TEST_F(SwitchLifecycle, RejectedSettingStopsTheRestAndLeavesTheSwitchUnlisted) {
+TEST_P(Lifecycle, RejectedSettingStopsTheRestAndLeavesTheSwitchUnlisted) {
     const Lines messages = {"Failed to enable VLAN in REC \n", "Failed to enable QoS in REC \n",
                             "Failed to enable pause frames in REC \n", "Failed to configure igmp snooping in REC \n",
                             "Failed to configure mld snooping in REC \n"};
@@ -77,26 +81,28 @@ TEST_F(SwitchLifecycle, RejectedSettingStopsTheRestAndLeavesTheSwitchUnlisted) {
         cap->clear();
         EXPECT_EQ(add("REC", 1), -1) << step;  // not the driver's code
         EXPECT_EQ(drv.cmds(), std::vector<int>(kSettings.begin(), kSettings.begin() + step + 1));
-        EXPECT_EQ(cap->rawLogs(), (Lines{"Creating REC Switch \n", messages[step],
-                                         "Failed to apply the configuration \n"}));
+        EXPECT_TRUE(cap->logsAre({kCreatingRec, {8, "switchInitialCfgApply", messages[step]},
+                                  {8, "switchConfAdd", "Failed to apply the configuration \n"}}));
         EXPECT_EQ(switchByNameGet("REC"), nullptr);
     }
 }
 
-TEST_F(SwitchLifecycle, RegistrationFailuresLeaveNothingListed) {
+TEST_P(Lifecycle, RegistrationFailuresLeaveNothingListed) {
     drv.registerResult = -7;
     EXPECT_EQ(add("REC", 1), -7);
     EXPECT_TRUE(drv.calls.empty());
     SwitchConf bcm = conf("BCM", 1);
     std::snprintf(bcm.switchDevice, sizeof bcm.switchDevice, "%s/no/device", root->path().c_str());
     EXPECT_LT(switchConfAdd(&bcm), 0);
-    EXPECT_EQ(cap->countLog("Failed to register REC switch \n"), 1);
-    EXPECT_EQ(cap->countLog("Failed to register BCM switch \n"), 1) << cap->dump();
+    EXPECT_TRUE(cap->logsAre({kCreatingRec, {8, "switchConfAdd", "Failed to register REC switch \n"},
+                              {64, "switchCreate", "Creating BCM Switch \n"},
+                              {8, "bcmSwitchRegister", "(switch=BCM) Failed to open the device " + root->path() + "/no/device \n"},
+                              {8, "switchConfAdd", "Failed to register BCM switch \n"}}));
     EXPECT_EQ(osaListFirst(&switchTbl), nullptr);
     EXPECT_EQ(switchCount, 2u);  // each attempt took an id
 }
 
-TEST_F(SwitchLifecycle, TopLevelIsTheFirstOfTheHighestAndMaxLevelOutlivesLibInit) {
+TEST_P(Lifecycle, TopLevelIsTheFirstOfTheHighestAndMaxLevelOutlivesLibInit) {
     for (const auto &[name, level] : {std::pair{"L1", 1}, {"L2a", 2}, {"L2b", 2}}) ASSERT_EQ(add(name, level), 0);
     EXPECT_EQ(switchAtTopLevelGet(), switchByNameGet("L2a"));
     ASSERT_EQ(add("L5", 5), 0);
@@ -110,16 +116,57 @@ TEST_F(SwitchLifecycle, TopLevelIsTheFirstOfTheHighestAndMaxLevelOutlivesLibInit
     EXPECT_EQ(switchAtTopLevelGet(), nullptr);
 }
 
-TEST_F(SwitchLifecycle, FailedApplyThenDeinitReleasesButKeepsTheSwitchListed) {
+TEST_P(Lifecycle, FailedApplyThenDeinitReleasesButKeepsTheSwitchListed) {
     EXPECT_EQ(switchCfgDisable(nullptr), -1);  // nothing at the top
+    EXPECT_EQ(switchDeinit("NONE"), SW_EINVAL);
     ASSERT_EQ(add("REC", 1), 0);
     Switch *sw = switchByNameGet("REC");
     drv.results = {{SW_CMD_QOS_CONFIG, -1}};
+    cap->clear();
     EXPECT_EQ(switchCfgApply(sw), -1);
-    EXPECT_EQ(cap->countLog("Failed apply configuration of REC \n"), 1) << cap->dump();
     EXPECT_EQ(switchDeinit("REC"), 0);
     EXPECT_EQ(sw->switchConfigFunc, nullptr);  // released by the driver, still listed
     EXPECT_EQ(switchByNameGet("REC"), sw);
     EXPECT_EQ(switchCfgApply(sw), -1);  // unbound: refuses instead of calling through nothing
-    EXPECT_EQ(cap->countLog("Failed to enable VLAN in REC \n"), 1);
+    EXPECT_EQ(switchCfgDisable(nullptr), 0);
+    EXPECT_TRUE(cap->logsAre({{8, "switchInitialCfgApply", "Failed to enable QoS in REC \n"},
+                              {8, "switchCfgApply", "Failed apply configuration of REC \n"},
+                              {8, "switchInitialCfgApply", "Failed to enable VLAN in REC \n"},
+                              {8, "switchCfgApply", "Failed apply configuration of REC \n"}}));
+}
+
+// Apply stops at the first failing stage: settings, then ports, then VLANs.
+TEST_P(Lifecycle, ApplyStopsAtTheFirstFailingStage) {
+    ASSERT_EQ(add("REC", 1), 0);
+    Switch *sw = switchByNameGet("REC");
+    SwitchPortConf port{};
+    std::snprintf(port.switchName, sizeof port.switchName, "REC");
+    port.portNumber = 3;
+    ASSERT_EQ(switchPortConfAdd(&port), 0);
+    SwitchVlanConf vlan{};
+    vlan.vlanId = 7;
+    ASSERT_EQ(switchVlanByConfCreate(sw, &vlan), 0);
+    struct Case {
+        int failing;  // the command the driver refuses
+        std::vector<int> cmds;
+        swtest::Logs logs;
+    } cases[] = {
+        {SW_CMD_PORT_TRUST_MODE, {33, 47, 49, 56, 57, 51},
+         {{8, "switchPortTrustModeConfigure", "(switch=REC) (port:3) Failed to configure trustmode on port3 in REC\n"},
+          {8, "switchPortCfgApply", "(switch=REC) (port:3) Failed to configure trust mode of port (3)"},
+          {8, "switchCfgApply", "Failed to apply switch port configuration \n"}}},
+        {SW_CMD_PORT_CONFIG_SET, {33, 47, 49, 56, 57, 51, 41},
+         {{8, "switchPortVlanInfoConfigure", "(switch=REC) Failed to configure port-1 in REC\n"},
+          {8, "switchVlanCfgApply", "(switch=REC) Failed to configure ports in REC\n"},
+          {8, "switchCfgApply", "Failed to apply switch vlan configuration \n"}}},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.failing);
+        drv.calls.clear();
+        drv.results = {{c.failing, -4}};
+        cap->clear();
+        EXPECT_EQ(switchCfgApply(sw), -4);
+        EXPECT_EQ(drv.cmds(), c.cmds);
+        EXPECT_TRUE(cap->logsAre(c.logs));
+    }
 }
