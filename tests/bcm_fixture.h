@@ -14,7 +14,7 @@
 namespace bcmtest {
 
 using swtest::Bytes;
-using Logs = std::vector<std::pair<int, std::string>>;  // (level, raw text)
+using swtest::Logs;
 using Requests = std::vector<std::pair<unsigned, Bytes>>;
 
 class BcmTest : public swtest::SwmgrTest {
@@ -50,11 +50,6 @@ protected:
     // A command through the driver's entry.
     int config(int cmd, void *arg, int len) { return bcmSwitchConfig(sw, cmd, arg, len, nullptr, nullptr); }
 
-    Logs logs() const {
-        Logs out;
-        for (const auto &l : cap->logs) out.emplace_back(l.level, l.raw);
-        return out;
-    }
     Requests requests() const {
         Requests out;
         for (const auto &c : cap->ioctls) out.emplace_back(c.code, c.arg);
@@ -77,6 +72,7 @@ protected:
     swsim::BcmChip chip;
     Switch *sw = nullptr;
 };
+using BcmForms = swtest::BothForms<BcmTest>;
 
 }  // namespace bcmtest
 

@@ -6,8 +6,9 @@
 
 namespace {
 using namespace bcmtest;
+SWTEST_BOTH_FORMS(BcmForms);
 
-TEST_F(BcmTest, CommandEntryChecksExactSizesAndBindingKeepsDescriptors) {
+TEST_P(BcmForms, CommandEntryChecksExactSizesAndBindingKeepsDescriptors) {
     const struct {
         int cmd, len;
         const char *line;
@@ -21,7 +22,7 @@ TEST_F(BcmTest, CommandEntryChecksExactSizesAndBindingKeepsDescriptors) {
             cap->clear();
             EXPECT_EQ(SW_EINVAL, config(s.cmd, arg.data(), len));
             const std::string bad = "(switch=BCM) (" + std::to_string(s.cmd) + ") processing returned -22 \n";
-            EXPECT_EQ(logs(), (Logs{{64, s.line}, {8, bad}})) << len;
+            EXPECT_TRUE(cap->logsAre({{64, "bcmSwitchConfig", s.line}, {8, "bcmSwitchConfig", bad}})) << len;
             EXPECT_TRUE(cap->ioctls.empty());
         }
     }
@@ -35,8 +36,8 @@ TEST_F(BcmTest, CommandEntryChecksExactSizesAndBindingKeepsDescriptors) {
     // Codes the driver does not serve are reported and succeed.
     cap->clear();
     EXPECT_EQ(0, config(36, nullptr, 1300));
-    EXPECT_EQ(logs(), (Logs{{8, "(switch=BCM) Invalid command (36)\n"},
-                            {8, "(switch=BCM) (36) processing returned 0 \n"}}));
+    EXPECT_TRUE(cap->logsAre({{8, "bcmSwitchConfig", "(switch=BCM) Invalid command (36)\n"},
+                            {8, "bcmSwitchConfig", "(switch=BCM) (36) processing returned 0 \n"}}));
 
     // Descriptor 0 is never closed; a device that cannot be opened leaves
     // the driver bound, so commands arrive and fail on the bad descriptor.
@@ -52,11 +53,11 @@ TEST_F(BcmTest, CommandEntryChecksExactSizesAndBindingKeepsDescriptors) {
     cap->clear();
     EXPECT_EQ(SW_EINVAL, bcmSwitchRegister(sw));
     EXPECT_LT(fd, 0);
-    EXPECT_EQ(logs(), (Logs{{8, "(switch=BCM) Failed to open the device /nonexistent/bcm0 \n"}}));
+    EXPECT_TRUE(cap->logsAre({{8, "bcmSwitchRegister", "(switch=BCM) Failed to open the device /nonexistent/bcm0 \n"}}));
     EXPECT_EQ(sw->switchConfigFunc, bcmSwitchConfig);
 }
 
-TEST_F(BcmTest, ReadOnlyQueriesAndDumps) {
+TEST_P(BcmForms, ReadOnlyQueriesAndDumps) {
     chip.port(2).link = 1;
     uint32_t status = 7;
     EXPECT_EQ(0, bcmLinkStatusGet(2, &status));

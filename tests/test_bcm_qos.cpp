@@ -4,11 +4,12 @@
 
 namespace {
 using namespace bcmtest;
+SWTEST_BOTH_FORMS(BcmForms);
 
 constexpr unsigned kQos = 0xc0045320u, kPause = 0xc0045321u, kRate = 0xc0075322u,
                    kTrust = 0xc006531eu, kSched = 0xc008531fu, kCos = 0xc0055323u;
 
-TEST_F(BcmTest, QosRecordsAndTheirResults) {
+TEST_P(BcmForms, QosRecordsAndTheirResults) {
     uint32_t on = 1;
     SwitchRateLimitArg rate{3, 1, {0xee, 0xee, 0xee}, 100000};
     SwitchTrustModeArg trust{2, 0x01020304};
@@ -28,11 +29,11 @@ TEST_F(BcmTest, QosRecordsAndTheirResults) {
     EXPECT_EQ(-5, bcmPauseFrameConfigure(sw, &on));
     chip.failRequest(kQos, 3, 1);  // passed up, but reported as a failure
     EXPECT_EQ(3, bcmQoSConfigure(sw, &on));
-    EXPECT_EQ(logs(), (Logs{{8, "(switch=BCM) failed to configure rate limit rule on 9 \n"},
-                            {8, "(switch=BCM) failed to configure trust mode for 9 \n"},
-                            {8, "(switch=BCM) configuring  pause frames failed.\n"},
-                            {64, "(switch=BCM) QoS Enable status 1\n"},
-                            {128, "(switch=BCM) QoS Enable configuration (Failed).\n"}}));
+    EXPECT_TRUE(cap->logsAre({{8, "bcmRateLimitConfigure", "(switch=BCM) failed to configure rate limit rule on 9 \n"},
+                            {8, "bcmTrustModeConfigure", "(switch=BCM) failed to configure trust mode for 9 \n"},
+                            {8, "bcmPauseFrameConfigure", "(switch=BCM) configuring  pause frames failed.\n"},
+                            {64, "bcmQoSConfigure", "(switch=BCM) QoS Enable status 1\n"},
+                            {128, "bcmQoSConfigure", "(switch=BCM) QoS Enable configuration (Failed).\n"}}));
     EXPECT_EQ(-1, bcmQoSConfigure(nullptr, &on));
     EXPECT_EQ(-1, bcmRateLimitConfigure(sw, nullptr));
 
@@ -59,10 +60,10 @@ TEST_F(BcmTest, QosRecordsAndTheirResults) {
     cos.portNumber = -1;
     chip.failRequest(kCos, -5);
     EXPECT_EQ(-5, bcmCosQueueMapConfigure(sw, &cos));
-    EXPECT_EQ(logs(), (Logs{{128, "(switch=BCM) Queue Schedule configuration (Failed) \n"},
-                            {8, "(switch=BCM) configuring Scheduling on port-1 failed.\n"},
-                            {128, "(switch=BCM) Trust mode Configuration (Success) \n"},
-                            {8, "(switch=BCM) failed to configure cos queue mapping for 2 \n"}}));
+    EXPECT_TRUE(cap->logsAre({{128, "bcmQueueSchedConfigure", "(switch=BCM) Queue Schedule configuration (Failed) \n"},
+                            {8, "bcmQueueSchedConfigure", "(switch=BCM) configuring Scheduling on port-1 failed.\n"},
+                            {128, "bcmCosQueueMapConfigure", "(switch=BCM) Trust mode Configuration (Success) \n"},
+                            {8, "bcmCosQueueMapConfigure", "(switch=BCM) failed to configure cos queue mapping for 2 \n"}}));
 }
 
 }  // namespace

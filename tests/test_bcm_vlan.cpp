@@ -4,13 +4,14 @@
 
 namespace {
 using namespace bcmtest;
+SWTEST_BOTH_FORMS(BcmForms);
 using Entry = swsim::BcmChip::VlanEntry;
 
 constexpr unsigned kClear = 0x80055310u, kEntry = 0x80075312u, kTagSet = 0x80065307u,
                    kNon8021q = 0x80065311u, kPairQuery = 0x80045303u, kPairAdd = 0x80045304u,
                    kPairDelete = 0x80045305u;
 
-TEST_F(BcmTest, EntryGetsCpuPortOnlyWhenItHasMembers) {
+TEST_P(BcmForms, EntryGetsCpuPortOnlyWhenItHasMembers) {
     EXPECT_EQ(0, config(35, addVlan(10, 0x03, 0x01, "eth0"), SW_VLAN_REC_LEN));
     EXPECT_EQ(0, config(35, addVlan(11, 0x00, 0x00, "eth0"), SW_VLAN_REC_LEN));
     EXPECT_EQ(requests(), (Requests{{kClear, {10, 0, 0, 0, 0}}, {kEntry, {10, 0, 0x13, 0, 0x01, 0, 0}},
@@ -32,7 +33,7 @@ TEST_F(BcmTest, EntryGetsCpuPortOnlyWhenItHasMembers) {
     EXPECT_EQ(1, cap->countLog("(switch=BCM) (vlan:10) Failed to configure membership for vlan10\n"));
 }
 
-TEST_F(BcmTest, UpdateKeepsEachPortUntaggedInOneVlan) {
+TEST_P(BcmForms, UpdateKeepsEachPortUntaggedInOneVlan) {
     SwitchVlan *v10 = addVlan(10, 0x07, 0x03);
     SwitchVlan *v20 = addVlan(20, 0x01, 0x00);
     SwitchVlan *v30 = addVlan(30, 0x06, 0x06);
@@ -45,7 +46,7 @@ TEST_F(BcmTest, UpdateKeepsEachPortUntaggedInOneVlan) {
     EXPECT_TRUE(cap->ioctls.empty());
 }
 
-TEST_F(BcmTest, PortConfigTakesPvidFromLastUntaggedVlanAndWidens) {
+TEST_P(BcmForms, PortConfigTakesPvidFromLastUntaggedVlanAndWidens) {
     SwitchPort *p0 = addPort(0), *p1 = addPort(1), *p2 = addPort(2, 7);
     addPorts({3, 4});
     // Without VLANs only the given port is written.
@@ -66,7 +67,7 @@ TEST_F(BcmTest, PortConfigTakesPvidFromLastUntaggedVlanAndWidens) {
     EXPECT_EQ(5u, argsOf(kNon8021q).size());
 }
 
-TEST_F(BcmTest, PortBasedVlansAddTheCpuPort) {
+TEST_P(BcmForms, PortBasedVlansAddTheCpuPort) {
     SwitchVlan *v = addVlan(10, 0x05, 0x00);
     EXPECT_EQ(0, bcmPortVlanConfig(nullptr, v));
     for (int n = 0; n < 5; ++n) EXPECT_EQ(n == 0 || n == 2 ? 0x15 : 0x1f, chip.port(n).fwdMap) << n;

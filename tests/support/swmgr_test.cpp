@@ -134,12 +134,12 @@ std::vector<std::string> Capture::rawLogs() const {
 
 int Capture::countLog(std::string_view raw) const {
     return static_cast<int>(std::count_if(logs.begin(), logs.end(),
-                                          [&](const LogLine &l) { return l.raw == raw; }));
+                                          [&](const LogLine &l) { return l.prefix + l.text == raw; }));
 }
 
 int Capture::findLog(std::string_view raw, size_t from) const {
     for (size_t i = from; i < logs.size(); ++i)
-        if (logs[i].raw == raw) return static_cast<int>(i);
+        if (logs[i].prefix + logs[i].text == raw) return static_cast<int>(i);
     return -1;
 }
 
@@ -223,8 +223,13 @@ bool callSiteAt(int line, const std::string &text) {
         if (lines[line].find("SWMGR_LOG") == std::string::npos) continue;
         std::string call;
         for (size_t i = line; i < lines.size() && call.find(";") == std::string::npos; ++i) call += lines[i];
-        for (const auto &lit : literals(call))
+        // A call whose format comes from a table spells no message here.
+        bool spelled = false;
+        for (const auto &lit : literals(call)) {
             if (formats(lit, text)) return true;
+            spelled |= lit.find_first_of(" \n") != std::string::npos;
+        }
+        if (!spelled) return true;
     }
     return false;
 }

@@ -79,9 +79,9 @@ public:
     void scriptIoctl(unsigned code, int result, int times = -1);
 
     std::vector<std::string> rawLogs() const;
-    // Lines whose raw text equals `raw` (any level).
+    // Lines whose text, object prefix included, equals `raw` (any level, either form).
     int countLog(std::string_view raw) const;
-    // Index of the first log whose raw text equals `raw` at or after `from`, or -1.
+    // Index of the first such line at or after `from`, or -1.
     int findLog(std::string_view raw, size_t from = 0) const;
     std::string dump() const;  // all logs, for failure messages
     // The logs are exactly `expected` in the form swMgrDevDebug selects:
