@@ -44,12 +44,10 @@ protected:
         }
         return p;
     }
-    // Raw texts of the logs, for whole-sequence comparisons.
-    Lines logs() const { return cap->rawLogs(); }
-
     swsim::PseEngine engine;
     Switch *pse = nullptr;
 };
+using PseForms = swtest::BothForms<PseTest>;
 
 }  // namespace psetest
 

@@ -16,7 +16,7 @@ std::string pipeline(bool set, const std::string &reg) {
            "final_value;  system (cmd);}'";
 }
 
-TEST_F(PseTest, RateLimitsQosAndTrustModes) {
+TEST_P(PseForms, RateLimitsQosAndTrustModes) {
     addPort(pse, 3);
     // Any non-zero status fails: a negative rate is below 64 and reaches
     // the engine, which refuses the negative value.
@@ -39,7 +39,7 @@ TEST_F(PseTest, RateLimitsQosAndTrustModes) {
         EXPECT_EQ(c.status, pseRateLimitConfigure(pse, &arg)) << c.rate;
         EXPECT_EQ(c.line ? Lines{c.line} : Lines{}, cap->commands) << c.rate;
     }
-    EXPECT_EQ(Lines{"(switch=PSE) Failed to find port (4). \n"}, logs());
+    EXPECT_TRUE(cap->logsAre({{8, "pseRateLimitConfigure", "(switch=PSE) Failed to find port (4). \n"}}));
 
     // QoS off, and the five trust modes.
     uint32_t off = 0;
@@ -57,14 +57,13 @@ TEST_F(PseTest, RateLimitsQosAndTrustModes) {
     EXPECT_EQ(3, pseTrustModeConfigure(pse, &fine));  // the status is passed up
 }
 
-TEST_F(PseTest, QueueSchedulingAndPauseFrames) {
+TEST_P(PseForms, QueueSchedulingAndPauseFrames) {
     addPort(pse, 1);
     addPort(pse, 3);
     SwitchQueueSchedArg threeQueues{-1, 3, 0, 1, 1, 1, 1}, mode2{-1, 4, 2, 1, 1, 1, 1};
     EXPECT_EQ(-1, pseQueueSchedConfigure(pse, &threeQueues));
     EXPECT_EQ(-1, pseQueueSchedConfigure(pse, &mode2));
-    EXPECT_EQ((Lines{"(switch=PSE) Invalid number of queues  (3)\n", "(switch=PSE) Invalid schedule mode  (2)\n"}),
-              logs());
+    EXPECT_TRUE(cap->logsAre({{8, "pseQueueSchedConfigure", "(switch=PSE) Invalid number of queues  (3)\n"}, {8, "pseQueueSchedConfigure", "(switch=PSE) Invalid schedule mode  (2)\n"}}));
     EXPECT_TRUE(cap->commands.empty());
 
     SwitchQueueSchedArg all{-1, 4, 3, 1, 2, 4, 8}, one{3, 1, 0, 0, 3, 128, -5}, two{3, 2, 1, 1, 1, 1, 1};
@@ -92,7 +91,7 @@ TEST_F(PseTest, QueueSchedulingAndPauseFrames) {
     EXPECT_EQ(0, psePauseFrameConfigure(pse, &on));
     EXPECT_EQ((Lines{pipeline(true, "0x7000000c"), pipeline(true, "0x70000010"), pipeline(true, "0x70000018")}),
               cap->systemCommands);
-    EXPECT_EQ(Lines{"(switch=PSE) Pause Frame configuration Success \n"}, logs());
+    EXPECT_TRUE(cap->logsAre({{64, "psePauseFrameConfigure", "(switch=PSE) Pause Frame configuration Success \n"}}));
     EXPECT_EQ(0x80001234u, engine.reg(0x7000000C));
     EXPECT_EQ(0x00800012u, engine.reg(0x70000010));  // the low half lost its zeros
     EXPECT_EQ(0x00080000u, engine.reg(0x70000018));
@@ -111,5 +110,7 @@ TEST_F(PseTest, QueueSchedulingAndPauseFrames) {
     EXPECT_EQ(-1, psePauseFrameConfigure(pse, &on));
     EXPECT_EQ(4u, cap->systemCommands.size());
 }
+
+SWTEST_BOTH_FORMS(PseForms);
 
 }  // namespace
