@@ -52,10 +52,12 @@ protected:
     }
     swtest::RecordingDriver drv;
 };
+using PortForms = swtest::BothForms<Ports>;
+SWTEST_BOTH_FORMS(PortForms);
 
 }  // namespace
 
-TEST_F(Ports, AddCopiesTheRowSendsTrustModeOnAddAndApplyRefusesDuplicates) {
+TEST_P(PortForms, AddCopiesTheRowSendsTrustModeOnAddAndApplyRefusesDuplicates) {
     Switch *sw = add("REC", 1);
     SwitchPortConf c = portConf("REC", 3, "", 2);
     c.PVID = 10;
@@ -72,7 +74,7 @@ TEST_F(Ports, AddCopiesTheRowSendsTrustModeOnAddAndApplyRefusesDuplicates) {
     ASSERT_EQ(drv.cmds(), std::vector<int>{SW_CMD_PORT_TRUST_MODE});
     EXPECT_EQ(drv.calls[0].arg, bytesOf(SwitchTrustModeArg{3, 2}));
     EXPECT_EQ(drv.calls[0].argLen, 8);
-    EXPECT_EQ(cap->rawLogs(), Lines{"(switch=REC) (port:3) Added switch port configuration.\n"});
+    EXPECT_TRUE(cap->logsAre({{-1, "switchPortCreate", "Creating 3 port in REC \n"}, {64, "switchPortConfAdd", "(switch=REC) (port:3) Added switch port configuration.\n"}}));
 
     ASSERT_EQ(addPort("REC", 4, "", 40), 0);
     drv.calls.clear();
@@ -85,8 +87,7 @@ TEST_F(Ports, AddCopiesTheRowSendsTrustModeOnAddAndApplyRefusesDuplicates) {
     cap->clear();
     drv.calls.clear();
     EXPECT_EQ(addPort("REC", 3), -1);
-    EXPECT_EQ(cap->rawLogs(), (Lines{"(switch=REC) There is a switch port created already for this name\n",
-                                     "Failed to create switch port configuration \n"}));
+    EXPECT_TRUE(cap->logsAre({{-1, "switchPortCreate", "Creating 3 port in REC \n"}, {8, "switchPortCreate", "(switch=REC) There is a switch port created already for this name\n"}, {8, "switchPortConfAdd", "Failed to create switch port configuration \n"}}));
     EXPECT_EQ(switchPortByNumberGet(sw, 3), p);
     EXPECT_EQ(p->PVID, 10);
     EXPECT_TRUE(drv.calls.empty());
@@ -97,9 +98,7 @@ TEST_F(Ports, AddCopiesTheRowSendsTrustModeOnAddAndApplyRefusesDuplicates) {
     EXPECT_EQ(drv.calls.size(), 1u);
     cap->clear();
     EXPECT_EQ(addPort("REC", 7), -4);
-    EXPECT_EQ(cap->rawLogs(), (Lines{"(switch=REC) (port:7) Failed to configure trustmode on port7 in REC\n",
-                                     "(switch=REC) (port:7) Failed to configure trust mode of port (7)",
-                                     "(switch=REC) (port:7) Failed to apply switch port configuration \n"}));
+    EXPECT_TRUE(cap->logsAre({{-1, "switchPortCreate", "Creating 7 port in REC \n"}, {8, "switchPortTrustModeConfigure", "(switch=REC) (port:7) Failed to configure trustmode on port7 in REC\n"}, {8, "switchPortCfgApply", "(switch=REC) (port:7) Failed to configure trust mode of port (7)"}, {8, "switchPortConfAdd", "(switch=REC) (port:7) Failed to apply switch port configuration \n"}}));
     EXPECT_NE(switchPortByNumberGet(sw, 7), nullptr);
 
     drv.calls.clear();
@@ -110,47 +109,82 @@ TEST_F(Ports, AddCopiesTheRowSendsTrustModeOnAddAndApplyRefusesDuplicates) {
     EXPECT_EQ(drv.calls[0].argLen, SW_PORT_REC_LEN);
     drv.results[SW_CMD_PORT_CONFIG_SET] = -9;
     EXPECT_EQ(switchPortVlanInfoConfigure(sw, p), -9);
-    EXPECT_EQ(cap->rawLogs(), Lines{"(switch=REC) Failed to configure port3 in REC\n"});
+    EXPECT_TRUE(cap->logsAre({{8, "switchPortVlanInfoConfigure", "(switch=REC) Failed to configure port3 in REC\n"}}));
 
     // Lookup by switch name and release are stubs with an odd message.
     cap->clear();
     EXPECT_EQ(switchPortByNumberAndSwitchNameGet("REC", 3), nullptr);
     EXPECT_EQ(switchPortDeinit(&c), SW_EINVAL);
-    EXPECT_EQ(cap->rawLogs(), (Lines{"(switch=REC) There is a switch port created already for this name\n",
-                                     "(switch=REC) There is a switch port created already for this name\n",
-                                     "Failed to find switch profile for REC \n"}));
+    EXPECT_TRUE(cap->logsAre({{8, "switchPortByNumberAndSwitchNameGet", "(switch=REC) There is a switch port created already for this name\n"}, {8, "switchPortByNumberAndSwitchNameGet", "(switch=REC) There is a switch port created already for this name\n"}, {8, "switchPortDeinit", "Failed to find switch profile for REC \n"}}));
     EXPECT_EQ(switchPortDestroy(p), 0);
     EXPECT_EQ(switchPortByNumberGet(sw, 3), p);
 }
 
-TEST_F(Ports, MappingFailuresRefuseThePortListsRegisterEachLowerSwitchOnceInOrder) {
+// Each phyDevice text of a new TOP port 1, in turn: the result, the lower
+// ports it then stands for, TOP's lower-level switches and the whole log.
+TEST_P(PortForms, MappingsListLowerPortsAndRegisterEachLowerSwitchOnceInOrder) {
     Switch *top = add("TOP", 2), *low1 = add("LOW1", 1), *low2 = add("LOW2", 1);
     for (auto [sw, n] : {std::pair{"LOW1", 3}, {"LOW1", 5}, {"LOW2", 4}}) ASSERT_EQ(addPort(sw, n), 0);
+    SwitchPort *l13 = switchPortByNumberGet(low1, 3), *l15 = switchPortByNumberGet(low1, 5),
+               *l24 = switchPortByNumberGet(low2, 4);
+    const std::string p1 = "(switch=TOP) (port:1) ";
+    const swtest::Log creating{-1, "switchPortCreate", "Creating 1 port in TOP \n"},
+        refused{8, "switchPortCreate", p1 + "Failed to initiate port mappings \n"},
+        notAdded{8, "switchPortConfAdd", "Failed to create switch port configuration \n"},
+        unmapped{8, "switchPortMapInit", p1 + "Failed to update port mapping for port1 in TOP \n"},
+        added{64, "switchPortConfAdd", p1 + "Added switch port configuration.\n"};
+    auto mapping = [&](const char *from) {
+        return swtest::Log{-1, "switchPortMappedListAppend", p1 + "Mapping " + from + " to TOP:1 \n"};
+    };
+    auto again = [](const char *low) {
+        return swtest::Log{-1, "switchLowerLvlSwitchListAppend",
+                           std::string("This switch(TOP) is already present in (") + low + ") lower levelswitches \n"};
+    };
+    struct Case {
+        const char *phy;
+        int result;
+        std::vector<SwitchPort *> mapped;
+        std::vector<Switch *> children;
+        swtest::Logs logs;
+    } cases[] = {
+        {"GONE:1", -1, {}, {},
+         {creating, {8, "switchPortMapInit", p1 + "Failed to get the switch entry for GONE \n"}, unmapped, refused,
+          notAdded}},
+        {"LOW1:9", -1, {}, {},
+         {creating, {8, "switchPortMapInit", p1 + "Failed to get the switch port for 9 in LOW1 \n"}, unmapped,
+          refused, notAdded}},
+        // The mapping made before the failure stays.
+        {"LOW1:3,GONE:1", -1, {}, {low1},
+         {creating, mapping("LOW1:3"), {8, "switchPortMapInit", p1 + "Failed to get the switch entry for GONE \n"},
+          unmapped, refused, notAdded}},
+        {"", 0, {}, {}, {creating, added}},
+        {"LOW1:3", 0, {l13}, {low1}, {creating, mapping("LOW1:3"), added}},
+        {",LOW2:4,,LOW1:5,LOW1:3", 0, {l24, l15, l13}, {low2, low1},
+         {creating, mapping("LOW2:4"), mapping("LOW1:5"), mapping("LOW1:3"), again("LOW1"), added}},
+    };
+    // Each case starts from a TOP without ports and lower-level switches.
+    auto release = [](OsaList *list, auto each) {
+        while (void *n = osaListFirst(list)) {
+            osaListNodeRemove(list, n);
+            each(n);
+            std::free(n);
+        }
+    };
     drv.calls.clear();
-    for (const auto &[phy, lookup] : std::vector<std::pair<const char *, std::string>>{
-             {"GONE:1", "Failed to get the switch entry for GONE \n"},
-             {"LOW1:9", "Failed to get the switch port for 9 in LOW1 \n"},
-             {"LOW1:3,GONE:1", "Failed to get the switch entry for GONE \n"}}) {
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.phy);
+        release(&top->portList, [&](void *p) { release(&static_cast<SwitchPort *>(p)->mappedPorts, [](void *) {}); });
+        release(&top->lowerLvlSwitchList, [](void *) {});
         cap->clear();
-        EXPECT_EQ(addPort("TOP", 1, phy), -1) << phy;
-        EXPECT_EQ(cap->rawLogs(), (Lines{"(switch=TOP) (port:1) " + lookup,
-                                         "(switch=TOP) (port:1) Failed to update port mapping for port1 in TOP \n",
-                                         "(switch=TOP) (port:1) Failed to initiate port mappings \n",
-                                         "Failed to create switch port configuration \n"}));
-        EXPECT_EQ(osaListFirst(&top->portList), nullptr);
+        EXPECT_EQ(addPort("TOP", 1, c.phy), c.result);
+        SwitchPort *port = switchPortByNumberGet(top, 1);
+        EXPECT_EQ(port != nullptr, c.result == 0);
+        EXPECT_EQ(port ? mapped(port) : std::vector<SwitchPort *>{}, c.mapped);
+        EXPECT_EQ(children(top), c.children);
+        EXPECT_TRUE(cap->logsAre(c.logs));
+        EXPECT_EQ(drv.cmds(), c.result == 0 ? std::vector<int>{SW_CMD_PORT_TRUST_MODE} : std::vector<int>{});
+        drv.calls.clear();
     }
-    EXPECT_EQ(children(top), std::vector<Switch *>{low1});  // the mapping made before the failure
-    EXPECT_TRUE(drv.calls.empty());
-
-    cap->clear();
-    ASSERT_EQ(addPort("TOP", 1, "LOW1:3"), 0);
-    EXPECT_EQ(mapped(switchPortByNumberGet(top, 1)), std::vector<SwitchPort *>{switchPortByNumberGet(low1, 3)});
-    EXPECT_EQ(children(top), std::vector<Switch *>{low1});
-    EXPECT_EQ(cap->rawLogs(), Lines{"(switch=TOP) (port:1) Added switch port configuration.\n"});
-    ASSERT_EQ(addPort("TOP", 2, ",LOW2:4,,LOW1:5,"), 0);
-    EXPECT_EQ(mapped(switchPortByNumberGet(top, 2)),
-              (std::vector<SwitchPort *>{switchPortByNumberGet(low2, 4), switchPortByNumberGet(low1, 5)}));
-    EXPECT_EQ(children(top), (std::vector<Switch *>{low1, low2}));
 }
 
 TEST_F(Ports, MappingsThatWouldLoopTheHierarchyOrNameNoPortNumberAreRefused) {
