@@ -45,21 +45,20 @@ protected:
     swsim::HostVlanModel host;
     char eth0[8] = "eth0";
 };
+using EncapForms = swtest::BothForms<EncapTest>;
+SWTEST_BOTH_FORMS(EncapForms);
 
-TEST_F(EncapTest, CreateRunsEveryCommandAndStampsUptime) {
+TEST_P(EncapForms, CreateRunsEveryCommandAndStampsUptime) {
     ASSERT_EQ(switchVlanEncapCreate(eth0, 100), 0);
     const Lines expected = createEth0Vlan100();
     EXPECT_EQ(cap->commands, expected);
     // The stale-interface removal finds nothing on a clean host.
-    Lines logs = {"cmd (vconfig rem eth0.100) returned (1).\n"};
-    for (size_t i = 1; i < expected.size(); ++i) logs.push_back("cmd (" + expected[i] + ") returned (0).\n");
-    EXPECT_EQ(cap->rawLogs(), logs);
-    for (const auto &l : cap->logs) EXPECT_EQ(l.level, SW_LOG_ERR) << l.raw;
+    EXPECT_TRUE(cap->logsAre(swtest::encapCreateLogs("eth0", 100, 1)));
     EXPECT_EQ(root->read("var/VLAN.100.Uptime"), "12345\n");
     EXPECT_EQ(host.dump(), kIdentityEth0_100);
 }
 
-TEST_F(EncapTest, StatusOfAFailedAddOrOfTheLastEgressMapDecides) {
+TEST_P(EncapForms, StatusOfAFailedAddOrOfTheLastEgressMapDecides) {
     // A failed add ends the creation with its status.
     host.failCommand("vconfig add eth0 100", 3);
     EXPECT_EQ(switchVlanEncapCreate(eth0, 100), 3);
@@ -77,7 +76,7 @@ TEST_F(EncapTest, StatusOfAFailedAddOrOfTheLastEgressMapDecides) {
     host.failCommand("/sbin/vconfig set_ingress_map eth0.100 7 7", -6);
     EXPECT_EQ(switchVlanEncapCreate(eth0, 100), 0);
     EXPECT_EQ(cap->commands, createEth0Vlan100());
-    EXPECT_EQ(cap->rawLogs()[2], "cmd (ifconfig eth0.100 up) returned (1).\n");
+    EXPECT_EQ(cap->findLog("cmd (ifconfig eth0.100 up) returned (1).\n"), 2);
     EXPECT_EQ(cap->countLog("cmd (/sbin/vconfig set_egress_map eth0.100 0 0) returned (-5).\n"), 1);
     EXPECT_EQ(cap->findLog("Failed to update QoS Mapping for VLAN eth0.100\n"), -1);
     EXPECT_EQ(root->read("var/VLAN.100.Uptime"), "12345\n");
@@ -92,17 +91,18 @@ TEST_F(EncapTest, StatusOfAFailedAddOrOfTheLastEgressMapDecides) {
     host.failCommand("/sbin/vconfig set_egress_map eth0.100 7 7", -7);
     cap->clear();
     EXPECT_EQ(switchVlanEncapCreate(eth0, 100), -7);
-    const Lines logs = cap->rawLogs();
-    ASSERT_EQ(logs.size(), 20u);
-    EXPECT_EQ(logs[18], "cmd (/sbin/vconfig set_egress_map eth0.100 7 7) returned (-7).\n");
-    EXPECT_EQ(logs[19], "Failed to update QoS Mapping for VLAN eth0.100\n");
+    swtest::Logs logs = swtest::encapCreateLogs("eth0", 100);
+    logs[2].text = "cmd (ifconfig eth0.100 up) returned (1).\n";  // the parent is still down
+    logs.back().text = "cmd (/sbin/vconfig set_egress_map eth0.100 7 7) returned (-7).\n";
+    logs.push_back({8, "switchVlanEncapCreate", "Failed to update QoS Mapping for VLAN eth0.100\n"});
+    EXPECT_TRUE(cap->logsAre(logs));
 }
 
-TEST_F(EncapTest, DestroyReturnsToolStatusAndAlwaysDropsStamp) {
+TEST_P(EncapForms, DestroyReturnsToolStatusAndAlwaysDropsStamp) {
     root->write("var/VLAN.100.Uptime", "1\n");
     EXPECT_EQ(switchVlanEncapDestroy(eth0, 100), 1);
     EXPECT_EQ(cap->commands, Lines{"vconfig rem eth0.100"});
-    EXPECT_EQ(cap->rawLogs(), Lines{"cmd (vconfig rem eth0.100) returned (1).\n"});
+    EXPECT_TRUE(cap->logsAre({{8, "switchVlanEncapDestroy", "cmd (vconfig rem eth0.100) returned (1).\n"}}));
     EXPECT_FALSE(root->exists("var/VLAN.100.Uptime"));
 
     ASSERT_EQ(switchVlanEncapCreate(eth0, 100), 0);
@@ -113,10 +113,11 @@ TEST_F(EncapTest, DestroyReturnsToolStatusAndAlwaysDropsStamp) {
     EXPECT_EQ(host.dump(), "eth0 up\neth1 up\n");
 }
 
-TEST_F(EncapTest, MissingOrUnsafeNameIsRefused) {
+TEST_P(EncapForms, MissingOrUnsafeNameIsRefused) {
     EXPECT_EQ(switchVlanEncapCreate(nullptr, 100), SW_EINVAL);
     EXPECT_EQ(switchVlanEncapDestroy(nullptr, 100), SW_EINVAL);
-    EXPECT_EQ(cap->rawLogs(), Lines(2, "No parent interface for VLAN 100\n"));
+    EXPECT_TRUE(cap->logsAre({{8, "switchVlanEncapCreate", "No parent interface for VLAN 100\n"},
+                              {8, "switchVlanEncapDestroy", "No parent interface for VLAN 100\n"}}));
     // Whatever a caller let through, no such name reaches a command line.
     const std::pair<std::string, std::string> cases[] = {
         {"eth0;reboot", "character ';' at offset 4"}, {"eth0\n", "character '\\n' at offset 4"},
@@ -128,12 +129,13 @@ TEST_F(EncapTest, MissingOrUnsafeNameIsRefused) {
         EXPECT_EQ(switchVlanEncapCreate(text.data(), 7), SW_EINVAL) << name;
         EXPECT_EQ(switchVlanEncapDestroy(text.data(), 7), SW_EINVAL) << name;
         const std::string tail = why.find("character") == 0 ? " is not allowed (letters, digits, '_', '.', '-')" : "";
-        EXPECT_EQ(cap->rawLogs(), Lines(2, "Parent interface of VLAN 7 refused: " + why + tail + "\n"));
+        const std::string refused = "Parent interface of VLAN 7 refused: " + why + tail + "\n";
+        EXPECT_TRUE(cap->logsAre({{8, "switchVlanEncapCreate", refused}, {8, "switchVlanEncapDestroy", refused}}));
     }
     EXPECT_TRUE(cap->commands.empty());
 }
 
-TEST_F(EncapTest, UptimeStampReadAndWrite) {
+TEST_P(EncapForms, UptimeStampReadAndWrite) {
     uint32_t s = 99;
     EXPECT_EQ(timeEventGet(&s, "/proc/uptime"), 0);
     EXPECT_EQ(s, 12345u);
