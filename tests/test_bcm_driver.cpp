@@ -53,7 +53,8 @@ TEST_P(BcmForms, CommandEntryChecksExactSizesAndBindingKeepsDescriptors) {
     cap->clear();
     EXPECT_EQ(SW_EINVAL, bcmSwitchRegister(sw));
     EXPECT_LT(fd, 0);
-    EXPECT_TRUE(cap->logsAre({{8, "bcmSwitchRegister", "(switch=BCM) Failed to open the device /nonexistent/bcm0 \n"}}));
+    EXPECT_TRUE(
+        cap->logsAre({{8, "bcmSwitchRegister", "(switch=BCM) Failed to open the device /nonexistent/bcm0 \n"}}));
     EXPECT_EQ(sw->switchConfigFunc, bcmSwitchConfig);
 }
 

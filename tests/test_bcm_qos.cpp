@@ -60,10 +60,11 @@ TEST_P(BcmForms, QosRecordsAndTheirResults) {
     cos.portNumber = -1;
     chip.failRequest(kCos, -5);
     EXPECT_EQ(-5, bcmCosQueueMapConfigure(sw, &cos));
-    EXPECT_TRUE(cap->logsAre({{128, "bcmQueueSchedConfigure", "(switch=BCM) Queue Schedule configuration (Failed) \n"},
-                            {8, "bcmQueueSchedConfigure", "(switch=BCM) configuring Scheduling on port-1 failed.\n"},
-                            {128, "bcmCosQueueMapConfigure", "(switch=BCM) Trust mode Configuration (Success) \n"},
-                            {8, "bcmCosQueueMapConfigure", "(switch=BCM) failed to configure cos queue mapping for 2 \n"}}));
+    EXPECT_TRUE(
+        cap->logsAre({{128, "bcmQueueSchedConfigure", "(switch=BCM) Queue Schedule configuration (Failed) \n"},
+                      {8, "bcmQueueSchedConfigure", "(switch=BCM) configuring Scheduling on port-1 failed.\n"},
+                      {128, "bcmCosQueueMapConfigure", "(switch=BCM) Trust mode Configuration (Success) \n"},
+                      {8, "bcmCosQueueMapConfigure", "(switch=BCM) failed to configure cos queue mapping for 2 \n"}}));
 }
 
 }  // namespace

@@ -117,8 +117,10 @@ TEST_P(DbEventForms, LoadersStopAtTheFirstRefusedRow) {
         cap->clear();
         EXPECT_EQ(c.load(), c.result);
         Ints ports, vlans;
-        for (void *p = osaListFirst(&sw->portList); p; p = osaListNext(p)) ports.push_back(static_cast<SwitchPort *>(p)->portNumber);
-        for (void *v = osaListFirst(&sw->vlanList); v; v = osaListNext(v)) vlans.push_back(static_cast<SwitchVlan *>(v)->vlanId);
+        for (void *p = osaListFirst(&sw->portList); p; p = osaListNext(p))
+            ports.push_back(static_cast<SwitchPort *>(p)->portNumber);
+        for (void *v = osaListFirst(&sw->vlanList); v; v = osaListNext(v))
+            vlans.push_back(static_cast<SwitchVlan *>(v)->vlanId);
         EXPECT_EQ(ports, c.ports);
         if (c.load == switchVlanCfgLoad) {
             EXPECT_EQ(vlans, c.vlans);
@@ -216,7 +218,8 @@ TEST_P(DbEventForms, MalformedEventsAreRefused) {
     EXPECT_EQ(swMgrDBUpdateHandler(nullptr, 80, nullptr, 0), -1);
     // Three strings cannot be names and values of one row.
     EXPECT_EQ(event("vlanEncapIf", 1, 9, std::string("vlanId\0eth0\0x\0", 14)), -1);
-    Logs logs{{8, kHandler, "incomplete DB update information \n"}, {8, kHandler, "incomplete DB update information \n"}};
+    Logs logs{{8, kHandler, "incomplete DB update information \n"},
+              {8, kHandler, "incomplete DB update information \n"}};
     for (const auto &l : framed("vlanEncapIf", 9, 1, -1,
                                 {{8, kHandler, "old values result does not contain 2 rows.j=14 nCols=3 outLen=14\n"}},
                                 false))

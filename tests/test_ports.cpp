@@ -74,7 +74,8 @@ TEST_P(PortForms, AddCopiesTheRowSendsTrustModeOnAddAndApplyRefusesDuplicates) {
     ASSERT_EQ(drv.cmds(), std::vector<int>{SW_CMD_PORT_TRUST_MODE});
     EXPECT_EQ(drv.calls[0].arg, bytesOf(SwitchTrustModeArg{3, 2}));
     EXPECT_EQ(drv.calls[0].argLen, 8);
-    EXPECT_TRUE(cap->logsAre({{-1, "switchPortCreate", "Creating 3 port in REC \n"}, {64, "switchPortConfAdd", "(switch=REC) (port:3) Added switch port configuration.\n"}}));
+    EXPECT_TRUE(cap->logsAre({{-1, "switchPortCreate", "Creating 3 port in REC \n"},
+                              {64, "switchPortConfAdd", "(switch=REC) (port:3) Added switch port configuration.\n"}}));
 
     ASSERT_EQ(addPort("REC", 4, "", 40), 0);
     drv.calls.clear();
@@ -87,7 +88,10 @@ TEST_P(PortForms, AddCopiesTheRowSendsTrustModeOnAddAndApplyRefusesDuplicates) {
     cap->clear();
     drv.calls.clear();
     EXPECT_EQ(addPort("REC", 3), -1);
-    EXPECT_TRUE(cap->logsAre({{-1, "switchPortCreate", "Creating 3 port in REC \n"}, {8, "switchPortCreate", "(switch=REC) There is a switch port created already for this name\n"}, {8, "switchPortConfAdd", "Failed to create switch port configuration \n"}}));
+    EXPECT_TRUE(
+        cap->logsAre({{-1, "switchPortCreate", "Creating 3 port in REC \n"},
+                      {8, "switchPortCreate", "(switch=REC) There is a switch port created already for this name\n"},
+                      {8, "switchPortConfAdd", "Failed to create switch port configuration \n"}}));
     EXPECT_EQ(switchPortByNumberGet(sw, 3), p);
     EXPECT_EQ(p->PVID, 10);
     EXPECT_TRUE(drv.calls.empty());
@@ -98,7 +102,11 @@ TEST_P(PortForms, AddCopiesTheRowSendsTrustModeOnAddAndApplyRefusesDuplicates) {
     EXPECT_EQ(drv.calls.size(), 1u);
     cap->clear();
     EXPECT_EQ(addPort("REC", 7), -4);
-    EXPECT_TRUE(cap->logsAre({{-1, "switchPortCreate", "Creating 7 port in REC \n"}, {8, "switchPortTrustModeConfigure", "(switch=REC) (port:7) Failed to configure trustmode on port7 in REC\n"}, {8, "switchPortCfgApply", "(switch=REC) (port:7) Failed to configure trust mode of port (7)"}, {8, "switchPortConfAdd", "(switch=REC) (port:7) Failed to apply switch port configuration \n"}}));
+    EXPECT_TRUE(cap->logsAre(
+        {{-1, "switchPortCreate", "Creating 7 port in REC \n"},
+         {8, "switchPortTrustModeConfigure", "(switch=REC) (port:7) Failed to configure trustmode on port7 in REC\n"},
+         {8, "switchPortCfgApply", "(switch=REC) (port:7) Failed to configure trust mode of port (7)"},
+         {8, "switchPortConfAdd", "(switch=REC) (port:7) Failed to apply switch port configuration \n"}}));
     EXPECT_NE(switchPortByNumberGet(sw, 7), nullptr);
 
     drv.calls.clear();
@@ -115,7 +123,11 @@ TEST_P(PortForms, AddCopiesTheRowSendsTrustModeOnAddAndApplyRefusesDuplicates) {
     cap->clear();
     EXPECT_EQ(switchPortByNumberAndSwitchNameGet("REC", 3), nullptr);
     EXPECT_EQ(switchPortDeinit(&c), SW_EINVAL);
-    EXPECT_TRUE(cap->logsAre({{8, "switchPortByNumberAndSwitchNameGet", "(switch=REC) There is a switch port created already for this name\n"}, {8, "switchPortByNumberAndSwitchNameGet", "(switch=REC) There is a switch port created already for this name\n"}, {8, "switchPortDeinit", "Failed to find switch profile for REC \n"}}));
+    EXPECT_TRUE(cap->logsAre({{8, "switchPortByNumberAndSwitchNameGet",
+                               "(switch=REC) There is a switch port created already for this name\n"},
+                              {8, "switchPortByNumberAndSwitchNameGet",
+                               "(switch=REC) There is a switch port created already for this name\n"},
+                              {8, "switchPortDeinit", "Failed to find switch profile for REC \n"}}));
     EXPECT_EQ(switchPortDestroy(p), 0);
     EXPECT_EQ(switchPortByNumberGet(sw, 3), p);
 }

@@ -35,7 +35,8 @@ TEST_P(PseForms, AttachesOnlyToAnExactPseName) {
     }
     // No lower switch: the summary says Failed, the result is still 0.
     EXPECT_EQ(0, pseLowerSwitchConfig(pse, 44, nullptr, 0, nullptr, nullptr));
-    EXPECT_TRUE(cap->logsAre({{64, "pseLowerSwitchConfig", "Sending command=(44) to lower switches\n"}, {64, "pseLowerSwitchConfig", "Lower switches processed command=(44). Result=Failed\n"}}));
+    EXPECT_TRUE(cap->logsAre({{64, "pseLowerSwitchConfig", "Sending command=(44) to lower switches\n"},
+                              {64, "pseLowerSwitchConfig", "Lower switches processed command=(44). Result=Failed\n"}}));
     EXPECT_EQ(0, pseSwitchUnRegister(pse));
     EXPECT_EQ(nullptr, pse->switchConfigFunc);
     EXPECT_EQ(nullptr, pse->driverPriv);
@@ -56,7 +57,17 @@ TEST_P(PseForwardForms, CommandEntryAndForwarding) {
     uint32_t on = 1;
     EXPECT_EQ(0, config(47, &on, SW_U32_ARG_LEN));
     EXPECT_EQ(Lines{"sppe_ioctl rl enable"}, cap->commands);
-    EXPECT_TRUE(cap->logsAre({{64, "pseSwitchConfig", "Processing vlan membership configure request (35)\n"}, {64, "pseSwitchConfig", "Processing  switch port trust mode configuration request (51)\n"}, {64, "pseLowerSwitchConfig", "Sending command=(40) to lower switches\n"}, {64, "pseLowerSwitchConfig", "Lower switches processed command=(40). Result=Success\n"}, {64, "pseSwitchConfig", "handler not defined for command (40)\n"}, {64, "pseSwitchConfig", "Processing QoS Configuration request (47)\n"}, {64, "pseQoSConfigure", "(switch=PSE) Configuring QoS [Status:1] \n"}, {8, "pseQoSConfigure", "cmd (sppe_ioctl rl enable) returned (0).\n"}, {64, "pseQoSConfigure", "(switch=PSE) QoS configuration (Success) \n"}, {64, "pseSwitchConfig", "handler not defined for command (47)\n"}}));
+    EXPECT_TRUE(
+        cap->logsAre({{64, "pseSwitchConfig", "Processing vlan membership configure request (35)\n"},
+                      {64, "pseSwitchConfig", "Processing  switch port trust mode configuration request (51)\n"},
+                      {64, "pseLowerSwitchConfig", "Sending command=(40) to lower switches\n"},
+                      {64, "pseLowerSwitchConfig", "Lower switches processed command=(40). Result=Success\n"},
+                      {64, "pseSwitchConfig", "handler not defined for command (40)\n"},
+                      {64, "pseSwitchConfig", "Processing QoS Configuration request (47)\n"},
+                      {64, "pseQoSConfigure", "(switch=PSE) Configuring QoS [Status:1] \n"},
+                      {8, "pseQoSConfigure", "cmd (sppe_ioctl rl enable) returned (0).\n"},
+                      {64, "pseQoSConfigure", "(switch=PSE) QoS configuration (Success) \n"},
+                      {64, "pseSwitchConfig", "handler not defined for command (47)\n"}}));
 
     // A rate limit reaches each lower port the PSE port stands for.
     pse->lowerLvlForward = 1;

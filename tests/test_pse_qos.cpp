@@ -63,7 +63,8 @@ TEST_P(PseForms, QueueSchedulingAndPauseFrames) {
     SwitchQueueSchedArg threeQueues{-1, 3, 0, 1, 1, 1, 1}, mode2{-1, 4, 2, 1, 1, 1, 1};
     EXPECT_EQ(-1, pseQueueSchedConfigure(pse, &threeQueues));
     EXPECT_EQ(-1, pseQueueSchedConfigure(pse, &mode2));
-    EXPECT_TRUE(cap->logsAre({{8, "pseQueueSchedConfigure", "(switch=PSE) Invalid number of queues  (3)\n"}, {8, "pseQueueSchedConfigure", "(switch=PSE) Invalid schedule mode  (2)\n"}}));
+    EXPECT_TRUE(cap->logsAre({{8, "pseQueueSchedConfigure", "(switch=PSE) Invalid number of queues  (3)\n"},
+                              {8, "pseQueueSchedConfigure", "(switch=PSE) Invalid schedule mode  (2)\n"}}));
     EXPECT_TRUE(cap->commands.empty());
 
     SwitchQueueSchedArg all{-1, 4, 3, 1, 2, 4, 8}, one{3, 1, 0, 0, 3, 128, -5}, two{3, 2, 1, 1, 1, 1, 1};

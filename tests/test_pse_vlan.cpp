@@ -38,7 +38,12 @@ TEST_P(PseVlanForms, MembershipMapsFollowThePsePortNumbers) {
     // No member: zero maps, and the ARL entry deleted with an empty MAC.
     EXPECT_EQ(0, apply(0));
     EXPECT_EQ((Lines{"vlan_table_func edit 3 0 0x0 0x0 100  1", "arl_table_func del  100"}), cap->commands);
-    EXPECT_TRUE(cap->logsAre({{64, "pseSwitchConfig", "Processing vlan membership configure request (35)\n"}, {-1, "pseVlanMembershipSet", "Configuration: etagMap 0, mbMap 0, isWan 0, macAddr \n"}, {8, "pseVlanMembershipConfigure", "cmd (vlan_table_func edit 3 0 0x0 0x0 100  1) returned (0).\n"}, {8, "pseCpuARLTableEntryDelete", "cmd (arl_table_func del  100) returned (1).\n"}, {64, "pseSwitchConfig", "handler not defined for command (35)\n"}}));
+    EXPECT_TRUE(cap->logsAre(
+        {{64, "pseSwitchConfig", "Processing vlan membership configure request (35)\n"},
+         {-1, "pseVlanMembershipSet", "Configuration: etagMap 0, mbMap 0, isWan 0, macAddr \n"},
+         {8, "pseVlanMembershipConfigure", "cmd (vlan_table_func edit 3 0 0x0 0x0 100  1) returned (0).\n"},
+         {8, "pseCpuARLTableEntryDelete", "cmd (arl_table_func del  100) returned (1).\n"},
+         {64, "pseSwitchConfig", "handler not defined for command (35)\n"}}));
     EXPECT_TRUE(cap->ioctls.empty());
 
     // BCM port 3 alone: PSE port 5 and the CPU; the MAC text brings its

@@ -94,10 +94,12 @@ TEST_P(Lifecycle, RegistrationFailuresLeaveNothingListed) {
     SwitchConf bcm = conf("BCM", 1);
     std::snprintf(bcm.switchDevice, sizeof bcm.switchDevice, "%s/no/device", root->path().c_str());
     EXPECT_LT(switchConfAdd(&bcm), 0);
-    EXPECT_TRUE(cap->logsAre({kCreatingRec, {8, "switchConfAdd", "Failed to register REC switch \n"},
-                              {64, "switchCreate", "Creating BCM Switch \n"},
-                              {8, "bcmSwitchRegister", "(switch=BCM) Failed to open the device " + root->path() + "/no/device \n"},
-                              {8, "switchConfAdd", "Failed to register BCM switch \n"}}));
+    EXPECT_TRUE(cap->logsAre(
+        {kCreatingRec,
+         {8, "switchConfAdd", "Failed to register REC switch \n"},
+         {64, "switchCreate", "Creating BCM Switch \n"},
+         {8, "bcmSwitchRegister", "(switch=BCM) Failed to open the device " + root->path() + "/no/device \n"},
+         {8, "switchConfAdd", "Failed to register BCM switch \n"}}));
     EXPECT_EQ(osaListFirst(&switchTbl), nullptr);
     EXPECT_EQ(switchCount, 2u);  // each attempt took an id
 }

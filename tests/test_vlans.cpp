@@ -39,7 +39,8 @@ SwitchVlan seen(const swtest::RecordingDriver::Call &call) {
 
 Ints ids(Switch *sw) {
     Ints out;
-    for (void *v = osaListFirst(&sw->vlanList); v != nullptr; v = osaListNext(v)) out.push_back(static_cast<SwitchVlan *>(v)->vlanId);
+    for (void *v = osaListFirst(&sw->vlanList); v != nullptr; v = osaListNext(v))
+        out.push_back(static_cast<SwitchVlan *>(v)->vlanId);
     return out;
 }
 
@@ -84,9 +85,10 @@ SWTEST_BOTH_FORMS(VlanForms);
 // What creating VLAN `id` on one switch logs when all goes well.
 swtest::Logs created(const std::string &sw, int id) {
     const std::string vlan = "(switch=" + sw + ") (vlan:" + std::to_string(id) + ") ";
-    return {{-1, "switchVlanConfParamsAssign", "Copying params for " + std::to_string(id) + " VLAN\n"},
-            {128, "switchVlanCfgApply", vlan + "Applying VLAN Configuration.\n"},
-            {64, "switchVlanByConfCreate", "(switch=" + sw + ") Created switch vlan (ID=" + std::to_string(id) + ")\n"}};
+    return {
+        {-1, "switchVlanConfParamsAssign", "Copying params for " + std::to_string(id) + " VLAN\n"},
+        {128, "switchVlanCfgApply", vlan + "Applying VLAN Configuration.\n"},
+        {64, "switchVlanByConfCreate", "(switch=" + sw + ") Created switch vlan (ID=" + std::to_string(id) + ")\n"}};
 }
 swtest::Logs operator+(swtest::Logs a, const swtest::Logs &b) {
     a.insert(a.end(), b.begin(), b.end());
@@ -105,7 +107,8 @@ TEST_P(VlanForms, AddProgramsEachSwitchWithForwardingPausedThenTheHostAndTakesAn
     ASSERT_EQ(drv.cmds(), (Ints{34, 41, 35, 34, 41, 35}));
     EXPECT_EQ(cmdsTo(top), (Ints{34, 41, 35}));
     const SwitchVlan sent = seen(drv.calls[0]);
-    EXPECT_EQ(std::tie(sent.vlanId, sent.fwdMap, sent.untagMap, sent.vlanIndex), std::make_tuple(100, 0x6u, 0x2u, first));
+    EXPECT_EQ(std::tie(sent.vlanId, sent.fwdMap, sent.untagMap, sent.vlanIndex),
+              std::make_tuple(100, 0x6u, 0x2u, first));
     EXPECT_EQ(switchVlanByIdGet(low, 100)->vlanIndex, first);
     EXPECT_EQ(forwarding, std::vector<int>(6, 0));
     EXPECT_EQ(std::tie(top->lowerLvlForward, low->lowerLvlForward), std::make_tuple(1, 1));

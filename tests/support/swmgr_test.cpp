@@ -246,12 +246,14 @@ bool callSiteAt(int line, const std::string &text) {
              << e.text;
     }
     std::ostringstream got;
-    for (const auto &l : logs) got << "[" << l.level << "] " << (swMgrDevDebug ? l.func + ": " : "") << l.prefix << l.text;
+    for (const auto &l : logs)
+        got << "[" << l.level << "] " << (swMgrDevDebug ? l.func + ": " : "") << l.prefix << l.text;
     if (want.str() != got.str() || shown.size() != logs.size())
         return ::testing::AssertionFailure() << "logs differ\nexpected:\n" << want.str() << "actual:\n" << got.str();
     for (size_t i = 0; swMgrDevDebug && i < logs.size(); ++i)
         if (!callSiteAt(logs[i].line, logs[i].text))
-            return ::testing::AssertionFailure() << "no logging call at line " << logs[i].line << " for " << logs[i].raw;
+            return ::testing::AssertionFailure()
+                   << "no logging call at line " << logs[i].line << " for " << logs[i].raw;
     return ::testing::AssertionSuccess();
 }
 
