@@ -1,6 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 // Diagnostic output in both forms and both destinations, and zone lookup.
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstring>
 #include <string>
+#include <thread>
 
 #include "swmgr_test.h"
 
@@ -21,6 +28,41 @@ TEST_F(Diagnostics, PlainFormIsOneLogRecordOfModule103) {
     header.insert(header.end(), level.begin(), level.end());
     header.resize(40, 0);  // empty 32-byte tag
     EXPECT_EQ(l.header, header);
+}
+
+// The log service in a process of its own leaves as soon as a record
+// arrives, with the record's level as its exit status.
+int leaveWithLevel(MbusCtx *, const MbusMsgHeader *, int cmd, void *data, int dataLen, void *, int *) {
+    uint32_t level = 0;
+    if (cmd == MBUS_LOG_CMD && dataLen >= 8) std::memcpy(&level, static_cast<char *>(data) + 4, 4);
+    ::_exit(static_cast<int>(level));
+}
+
+TEST_F(Diagnostics, RecordsReachTheLogServiceWithoutWaitingForAReply) {
+    int ready[2];
+    ASSERT_EQ(::pipe(ready), 0);
+    pid_t pid = ::fork();
+    if (pid == 0) {
+        MbusCtx *ctx = mbusRegister(MBUS_MODULE_LOG, 2, leaveWithLevel, nullptr);
+        if (ctx == nullptr || ::write(ready[1], "R", 1) != 1) ::_exit(1);
+        for (;;) mbusListen(ctx, 100000);
+    }
+    ::close(ready[1]);
+    char c = 0;
+    ASSERT_EQ(::read(ready[0], &c, 1), 1);
+    ::close(ready[0]);
+    cap.reset();  // nothing stands between the service and the bus
+    swMgrDebug("", 64, nullptr, 0, "to the log\n");
+    // Waiting for a reply would meet a service gone without one.
+    EXPECT_STREQ(mbusPortLastError(), "");
+    int status = -1;
+    for (int i = 0; i < 1000 && ::waitpid(pid, &status, WNOHANG) != pid; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    if (!WIFEXITED(status)) {
+        ::kill(pid, SIGKILL);
+        ::waitpid(pid, &status, 0);
+    }
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 64) << status;
 }
 
 TEST_F(Diagnostics, OverlongTextIsCutAt1023Characters) {
