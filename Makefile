@@ -5,7 +5,12 @@
 JOBS ?= $(shell nproc)
 BUILD := build
 SYSROOT := $(CURDIR)/$(BUILD)/mipsel-sysroot
-CTEST := ctest --output-on-failure -j$(JOBS)
+# Every suite runs its cases in a random order; the seed is printed so a
+# failing order can be replayed with `make test SEED=N`.
+ifndef SEED
+SEED := $(shell echo $$(( $$(od -An -N2 -tu2 /dev/urandom) + 1 )))
+endif
+CTEST := GTEST_RANDOM_SEED=$(SEED) ctest --output-on-failure -j$(JOBS)
 # This project's own builds treat warnings as errors; a consumer's need not.
 CMAKE_OPTS := -DSWMGR_WERROR=ON
 
@@ -27,17 +32,17 @@ build:
 
 test-host: deps
 	@$(MAKE) --no-print-directory build
-	@echo "== host (Release)"
+	@echo "== host (Release), test order seed $(SEED)"
 	cd $(BUILD)/host && $(CTEST)
 
 test-asan: deps
-	@echo "== host with AddressSanitizer and UndefinedBehaviorSanitizer"
+	@echo "== host with AddressSanitizer and UndefinedBehaviorSanitizer, test order seed $(SEED)"
 	cmake -S . -B $(BUILD)/asan -DCMAKE_BUILD_TYPE=Debug -DSWMGR_SANITIZE=ON $(CMAKE_OPTS)
 	cmake --build $(BUILD)/asan -j$(JOBS)
 	cd $(BUILD)/asan && $(CTEST)
 
 test-mipsel: deps
-	@echo "== mipsel (32-bit little-endian MIPS) under qemu"
+	@echo "== mipsel (32-bit little-endian MIPS) under qemu, test order seed $(SEED)"
 	cmake -S . -B $(BUILD)/mipsel -DCMAKE_BUILD_TYPE=Release $(CMAKE_OPTS) \
 	  -DCMAKE_TOOLCHAIN_FILE=$(CURDIR)/cmake/mipsel-linux-gnu.cmake -DMIPSEL_EXTRA_ROOT=$(SYSROOT)
 	cmake --build $(BUILD)/mipsel -j$(JOBS)
