@@ -2,6 +2,7 @@
 // The bus command handler: sorting by code, malformed requests, interface
 // events and the upstream rate limit, result mapping.
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 #include <string>
 #include <tuple>
@@ -156,11 +157,25 @@ TEST_P(BusHandlerForms, DriverCommandsGoToTheNamedSwitchWithResultsMapped) {
     EXPECT_TRUE(cap->logsAre({{8, "switchConfig", "Failed to process cmd 37 on REC \n"}}));
 }
 
-TEST_P(BusHandlerForms, VlanRequestWithoutATopLevelSwitchIsRefusedQuietly) {
+TEST_P(BusHandlerForms, VlanRequestsAddAndDeleteOnTheTopLevelSwitch) {
     char req[SW_BUS_NAME_LEN + SW_BUS_ARG_LEN] = "ignored";
-    EXPECT_EQ(handle(SW_CMD_VLAN_ADD, req, sizeof req), SW_EINVAL);
+    EXPECT_EQ(handle(SW_CMD_VLAN_ADD, req, sizeof req), SW_EINVAL);  // no top-level switch: quietly
     EXPECT_EQ(handle(SW_CMD_VLAN_DELETE, req, sizeof req), SW_EINVAL);
     EXPECT_TRUE(cap->logs.empty());
+
+    Switch *top = addBound("REC", 2);
+    SwitchVlanConf conf{};
+    conf.vlanId = 100;
+    conf.fwdMap = 0x2;
+    std::snprintf(conf.interfaceName, sizeof conf.interfaceName, "eth0");
+    std::memcpy(req + SW_BUS_NAME_LEN, &conf, sizeof conf);
+    EXPECT_EQ(handle(SW_CMD_VLAN_ADD, req, sizeof req), 0);
+    EXPECT_NE(switchVlanByIdGet(top, 100), nullptr);
+    EXPECT_EQ(cap->commands.at(1), "vconfig add eth0 100");
+    cap->clear();
+    EXPECT_EQ(handle(SW_CMD_VLAN_DELETE, req, sizeof req), 0);
+    EXPECT_EQ(switchVlanByIdGet(top, 100), nullptr);
+    EXPECT_EQ(cap->commands, std::vector<std::string>{"vconfig rem eth0.100"});
 }
 
 TEST_F(BusHandler, VlanRequestsWithUnsafeNamesOrIdsAreRefusedBeforeAnythingIsProgrammed) {
