@@ -13,6 +13,7 @@
 #include <cstring>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "swmgr_test.h"
 
@@ -186,6 +187,24 @@ TEST(BusSocket, ModulesServeOtherProcessesUntilTheyUnregister) {
     EXPECT_EQ(mbusUnRegister(ctx), -1);
     EXPECT_EQ(mbusIoctl(ctx, 201, kEcho, nullptr, 0, nullptr, nullptr, 0, 0, 0), MBUS_PORT_ERR_BADCTX);
     EXPECT_STREQ(mbusPortLastError(), "sending through an unregistered context");
+}
+
+// Requests posted in-process are each served once, in order, one per wait.
+std::vector<int> postedSeen;
+int recordPosted(MbusCtx *, const MbusMsgHeader *h, int cmd, void *, int dataLen, void *, int *) {
+    postedSeen.push_back(static_cast<int>(h->srcModule) * 1000 + cmd * 10 + dataLen);
+    return 0;
+}
+
+TEST(BusSocket, PostedRequestsAreServedOnceInOrder) {
+    MbusCtx *ctx = mbusRegister(205, 2, recordPosted, nullptr);
+    ASSERT_NE(ctx, nullptr) << mbusPortLastError();
+    postedSeen.clear();
+    ASSERT_EQ(mbusPortPost(7, 48, "ab", 2, nullptr, 0), 0);
+    ASSERT_EQ(mbusPortPost(9, 4, nullptr, 0, nullptr, 0), 0);
+    for (int i = 0; i < 4; ++i) mbusListen(ctx, 1000);
+    EXPECT_EQ(postedSeen, (std::vector<int>{7482, 9040}));
+    EXPECT_EQ(mbusUnRegister(ctx), 0);
 }
 
 TEST(BusSocket, LogRecordsWithNobodyServingTheLogGoToStandardError) {
