@@ -121,9 +121,11 @@ TEST_P(PortForms, AddCopiesTheRowSendsTrustModeOnAddAndApplyRefusesDuplicates) {
 
     // Lookup by switch name and release are stubs with an odd message.
     cap->clear();
+    EXPECT_EQ(switchPortByNumberAndSwitchNameGet("GONE", 3), nullptr);
     EXPECT_EQ(switchPortByNumberAndSwitchNameGet("REC", 3), nullptr);
     EXPECT_EQ(switchPortDeinit(&c), SW_EINVAL);
-    EXPECT_TRUE(cap->logsAre({{8, "switchPortByNumberAndSwitchNameGet",
+    EXPECT_TRUE(cap->logsAre({{8, "switchPortByNumberAndSwitchNameGet", "GONE switch is not yet created \n"},
+                              {8, "switchPortByNumberAndSwitchNameGet",
                                "(switch=REC) There is a switch port created already for this name\n"},
                               {8, "switchPortByNumberAndSwitchNameGet",
                                "(switch=REC) There is a switch port created already for this name\n"},

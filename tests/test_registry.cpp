@@ -4,6 +4,7 @@
 #include <cstring>
 #include <string>
 
+#include "portvlan/portvlan.h"
 #include "swmgr_test.h"
 
 namespace {
@@ -53,8 +54,20 @@ TEST_P(Registry, SwitchPrefixSharesOneClearedBuffer) {
     EXPECT_EQ(s, switchStr);
     EXPECT_STREQ(s, "(switch=BCM) ");
 
+    // Each description text has its own buffer, which no object clears.
+    SwitchPort port{};
+    port.sw = sw;
+    port.portNumber = 3;
+    SwitchVlan vlan{};
+    vlan.sw = sw;
+    vlan.vlanId = 100;
+    EXPECT_STREQ(swPortStrGet(&port), "(switch=BCM) (port:3) ");
+    EXPECT_STREQ(swVlanStrGet(&vlan), "(switch=BCM) (vlan:100) ");
     EXPECT_STREQ(switchStrGet(nullptr), "");
-    for (char c : switchStr) ASSERT_EQ(c, '\0');
+    EXPECT_STREQ(swPortStrGet(nullptr), "");
+    EXPECT_STREQ(swVlanStrGet(nullptr), "");
+    for (const char *buf : {switchStr, swPortStr, swVlanStr})
+        EXPECT_EQ(std::string(buf, 512), std::string(512, '\0'));
 
     // A name filling its whole field is cut to the buffer, not overrun.
     std::memset(sw->switchName, 'n', sizeof sw->switchName);

@@ -127,7 +127,11 @@ TEST_P(VlanForms, AddProgramsEachSwitchWithForwardingPausedThenTheHostAndTakesAn
 
 TEST_P(VlanForms, DuplicateOnTheFirstSwitchFailsBeforeAnyHostInterface) {
     SwitchVlanConf c = vlanConf(100);
+    std::snprintf(c.vlanName, sizeof c.vlanName, "guest");
     ASSERT_EQ(switchVlanByConfCreate(top, &c), 0);
+    EXPECT_EQ(switchVlanByNameGet(top, "guest"), switchVlanByIdGet(top, 100));
+    EXPECT_NE(switchVlanByNameGet(top, "guest"), nullptr);
+    EXPECT_EQ(switchVlanByNameGet(top, "gues"), nullptr);
     reset();
     EXPECT_EQ(switchVlanConfAdd(&c), -1);
     EXPECT_TRUE(cap->logsAre({{-1, "switchVlanConfParamsAssign", "Copying params for 100 VLAN\n"},
