@@ -202,7 +202,9 @@ TEST(BusSocket, PostedRequestsAreServedOnceInOrder) {
     postedSeen.clear();
     ASSERT_EQ(mbusPortPost(7, 48, "ab", 2, nullptr, 0), 0);
     ASSERT_EQ(mbusPortPost(9, 4, nullptr, 0, nullptr, 0), 0);
-    for (int i = 0; i < 4; ++i) mbusListen(ctx, 1000);
+    std::vector<int> ran;
+    for (int i = 0; i < 4; ++i) ran.push_back(mbusListen(ctx, 1000));
+    EXPECT_EQ(ran, (std::vector<int>{1, 1, 0, 0}));
     EXPECT_EQ(postedSeen, (std::vector<int>{7482, 9040}));
     EXPECT_EQ(mbusUnRegister(ctx), 0);
 }
@@ -215,7 +217,30 @@ TEST(BusSocket, LogRecordsWithNobodyServingTheLogGoToStandardError) {
     EXPECT_EQ(mbusIoctl(nullptr, MBUS_MODULE_LOG, MBUS_LOG_CMD, &hdr, SW_LOG_HEADER_LEN, text, &len,
                         MBUS_FLAG_NOREPLY, 0, 0),
               0);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "[log 64] Received interface event=22 on eth1\n");
+    char empty[] = "";  // the terminator alone: a record without text
+    int one = 1;
+    EXPECT_EQ(mbusIoctl(nullptr, MBUS_MODULE_LOG, MBUS_LOG_CMD, &hdr, SW_LOG_HEADER_LEN, empty, &one,
+                        MBUS_FLAG_NOREPLY, 0, 0),
+              0);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "[log 64] Received interface event=22 on eth1\n[log 64] ");
+}
+
+// A hook that takes every request and answers the number it was added with.
+int answerWith(void *ctx, int, int, const void *, int, void *, int *, int *result) {
+    *result = *static_cast<int *>(ctx);
+    return 1;
+}
+
+TEST(BusSocket, SendHooksTakeRequestsInOrderUntilRemoved) {
+    int first = 41, second = 42;
+    ASSERT_EQ(mbusPortSendHookAdd(answerWith, &first), 0);
+    ASSERT_EQ(mbusPortSendHookAdd(answerWith, &second), 0);
+    auto send = [] { return mbusIoctl(nullptr, 230, 1, nullptr, 0, nullptr, nullptr, 0, 0, 0); };
+    EXPECT_EQ(send(), 41);
+    EXPECT_EQ(mbusPortSendHookRemove(answerWith, &first), 0);
+    EXPECT_EQ(send(), 42) << "only the hook added with that context goes";
+    EXPECT_EQ(mbusPortSendHookRemove(answerWith, &second), 0);
+    EXPECT_EQ(send(), MBUS_PORT_ERR_NOMODULE);
 }
 
 TEST(BusSocket, MalformedMessagesAreRefusedAndTheListenerServesOn) {
