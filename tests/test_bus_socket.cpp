@@ -189,26 +189,6 @@ TEST(BusSocket, ModulesServeOtherProcessesUntilTheyUnregister) {
     EXPECT_STREQ(mbusPortLastError(), "sending through an unregistered context");
 }
 
-// Requests posted in-process are each served once, in order, one per wait.
-std::vector<int> postedSeen;
-int recordPosted(MbusCtx *, const MbusMsgHeader *h, int cmd, void *, int dataLen, void *, int *) {
-    postedSeen.push_back(static_cast<int>(h->srcModule) * 1000 + cmd * 10 + dataLen);
-    return 0;
-}
-
-TEST(BusSocket, PostedRequestsAreServedOnceInOrder) {
-    MbusCtx *ctx = mbusRegister(205, 2, recordPosted, nullptr);
-    ASSERT_NE(ctx, nullptr) << mbusPortLastError();
-    postedSeen.clear();
-    ASSERT_EQ(mbusPortPost(7, 48, "ab", 2, nullptr, 0), 0);
-    ASSERT_EQ(mbusPortPost(9, 4, nullptr, 0, nullptr, 0), 0);
-    std::vector<int> ran;
-    for (int i = 0; i < 4; ++i) ran.push_back(mbusListen(ctx, 1000));
-    EXPECT_EQ(ran, (std::vector<int>{1, 1, 0, 0}));
-    EXPECT_EQ(postedSeen, (std::vector<int>{7482, 9040}));
-    EXPECT_EQ(mbusUnRegister(ctx), 0);
-}
-
 TEST(BusSocket, LogRecordsWithNobodyServingTheLogGoToStandardError) {
     SwLogRecordHeader hdr{103, 64, {}};
     char text[] = "Received interface event=22 on eth1\n";
@@ -223,24 +203,6 @@ TEST(BusSocket, LogRecordsWithNobodyServingTheLogGoToStandardError) {
                         MBUS_FLAG_NOREPLY, 0, 0),
               0);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "[log 64] Received interface event=22 on eth1\n[log 64] ");
-}
-
-// A hook that takes every request and answers the number it was added with.
-int answerWith(void *ctx, int, int, const void *, int, void *, int *, int *result) {
-    *result = *static_cast<int *>(ctx);
-    return 1;
-}
-
-TEST(BusSocket, SendHooksTakeRequestsInOrderUntilRemoved) {
-    int first = 41, second = 42;
-    ASSERT_EQ(mbusPortSendHookAdd(answerWith, &first), 0);
-    ASSERT_EQ(mbusPortSendHookAdd(answerWith, &second), 0);
-    auto send = [] { return mbusIoctl(nullptr, 230, 1, nullptr, 0, nullptr, nullptr, 0, 0, 0); };
-    EXPECT_EQ(send(), 41);
-    EXPECT_EQ(mbusPortSendHookRemove(answerWith, &first), 0);
-    EXPECT_EQ(send(), 42) << "only the hook added with that context goes";
-    EXPECT_EQ(mbusPortSendHookRemove(answerWith, &second), 0);
-    EXPECT_EQ(send(), MBUS_PORT_ERR_NOMODULE);
 }
 
 TEST(BusSocket, MalformedMessagesAreRefusedAndTheListenerServesOn) {

@@ -274,11 +274,9 @@ TEST(SqliteHelper, ReturnsTheTableLayoutAndWaitsOutAWriter) {
     ASSERT_EQ(sqlitePortBusyTimeoutSet(300), 0);
     EXPECT_EQ(sqlitePortBusyTimeoutSet(-1), -1);
     swtest::Capture cap;
-    auto t0 = std::chrono::steady_clock::now();
     EXPECT_EQ(sqlite3QueryResGet(db, 0, "SELECT * from t", &nCols, &nRows), nullptr);
-    EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::milliseconds(1500));
-    EXPECT_EQ(cap.rawLogs(),
-              std::vector<std::string>{"sqlite: database still locked after 300 ms, query given up: SELECT * from t\n"});
+    ASSERT_EQ(cap.logs.size(), 1u);
+    EXPECT_EQ(cap.logs[0].raw, "sqlite: database still locked after 300 ms, query given up: SELECT * from t\n");
     sqlitePortBusyTimeoutSet(SQLITE_PORT_BUSY_MS);
     sqlite3_exec(writer, "COMMIT", nullptr, nullptr, nullptr);
     sqlite3_close(writer);

@@ -242,21 +242,22 @@ extern "C" int switchVlanConfUpdate(SwitchVlanConf *newConf, SwitchVlanConf *old
 }
 
 namespace {
+// Its lines are the disable's own, whichever walk it serves.
 int vlanDisableOne(Switch *sw, SwitchVlan *v, int vlanId) {
-    SWMGR_LOG(swVlanStrGet(v), SW_LOG_ERR, "Disabling Vlan%d in %s\n", vlanId, sw->switchName);
+    SWMGR_LOG_AS(swVlanStrGet(v), SW_LOG_ERR, "switchVlanDisable", "Disabling Vlan%d in %s\n", vlanId, sw->switchName);
     v->fwdMap = 0;
     v->untagMap = 0;
     ForwardingPaused paused(sw);
     int r = vlanCommandSend(v, SW_CMD_VLAN_MEMBERSHIP_UPDATE);
     if (r < 0) {
-        SWMGR_LOG(swVlanStrGet(v), SW_LOG_ERR, "Failed to update vlan membership in %s for ID=%d\n",
-                  sw->switchName, vlanId);
+        SWMGR_LOG_AS(swVlanStrGet(v), SW_LOG_ERR, "switchVlanDisable",
+                     "Failed to update vlan membership in %s for ID=%d\n", sw->switchName, vlanId);
         return r;
     }
     r = vlanCommandSend(v, SW_CMD_VLAN_MEMBERSHIP_APPLY);
     if (r < 0) {
-        SWMGR_LOG(swVlanStrGet(v), SW_LOG_ERR,
-                  "Failed to configure vlan membership in %s for ID=%d\n", sw->switchName, vlanId);
+        SWMGR_LOG_AS(swVlanStrGet(v), SW_LOG_ERR, "switchVlanDisable",
+                     "Failed to configure vlan membership in %s for ID=%d\n", sw->switchName, vlanId);
         return r;
     }
     return 0;
