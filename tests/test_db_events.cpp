@@ -92,8 +92,8 @@ TEST_P(DbEventForms, LoadersStopAtTheFirstRefusedRow) {
         Logs logs;
     } cases[] = {
         {"DELETE FROM vlanEncapIf;", switchVlanCfgLoad, 0, {}, {}, {}},
-        {"INSERT INTO swPortConfig VALUES ('NOPE', 1, 1, 0, 0, 0, '', '', 0, 0, 4, 1, 1, 1, 1);"
-         "INSERT INTO swPortConfig VALUES ('REC', 3, 1, 0, 0, 0, '', '', 0, 0, 4, 1, 1, 1, 1);",
+        {"INSERT INTO swPortConfig VALUES ('NOPE', 1, 1, 0, 0, 0, 'lan', '', 0, 0, 4, 1, 1, 1, 1);"
+         "INSERT INTO swPortConfig VALUES ('REC', 3, 1, 0, 0, 0, 'lan', '', 0, 0, 4, 1, 1, 1, 1);",
          switchPortCfgLoad, -1, {2}, {},
          {{-1, "switchPortCreate", "Creating 2 port in REC \n"},
           {64, "switchPortConfAdd", "(switch=REC) (port:2) Added switch port configuration.\n"},

@@ -126,6 +126,12 @@ int Capture::onSend(void *ctx, int module, int cmd, const void *data, int dataLe
     return 1;
 }
 
+std::vector<std::string> Capture::rawLogs() const {
+    std::vector<std::string> out;
+    for (const auto &l : logs) out.push_back(l.raw);
+    return out;
+}
+
 int Capture::countLog(std::string_view raw) const {
     return static_cast<int>(std::count_if(logs.begin(), logs.end(),
                                           [&](const LogLine &l) { return l.prefix + l.text == raw; }));

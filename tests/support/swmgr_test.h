@@ -82,6 +82,7 @@ public:
     // Requests with this code return `result` without reaching the device.
     void scriptIoctl(unsigned code, int result, int times = -1);
 
+    std::vector<std::string> rawLogs() const;  // texts as sent, in the form they were sent
     // Lines whose text, object prefix included, equals `raw` (any level, either form).
     int countLog(std::string_view raw) const;
     // Index of the first such line at or after `from`, or -1.
