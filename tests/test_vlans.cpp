@@ -186,6 +186,23 @@ TEST_P(VlanForms, UpdateFindsTheOldIdStoresTheNewOneAndMovesItLast) {
     }
     EXPECT_TRUE(cap->logsAre(updated));
 
+    // A refused apply fails the update at the first switch.
+    EXPECT_EQ(switchVlanConfUpdate(nullptr, &a), -1);
+    EXPECT_EQ(switchVlanConfParamsAssign(nullptr, &a), -1);
+    reset();
+    drv.results[SW_CMD_VLAN_MEMBERSHIP_APPLY] = -4;
+    SwitchVlanConf again = vlanConf(160);
+    EXPECT_EQ(switchVlanConfUpdate(&again, &moved), -1);
+    drv.results.clear();
+    const std::string v160 = "(switch=TOP) (vlan:160) ";
+    EXPECT_TRUE(cap->logsAre({{-1, "switchVlanConfParamsAssign", "Copying params for 160 VLAN\n"},
+                              {64, "switchVlanUpdate", v160 + "updated membership of vlan ID=160\n"},
+                              {128, "switchVlanCfgApply", v160 + "Applying VLAN Configuration.\n"},
+                              {8, "switchVlanCfgApply", v160 + "Failed to apply configuration in TOP\n"},
+                              {8, "switchVlanUpdate", v160 + "Failed to apply switch vlan configuration \n"},
+                              {8, "switchVlanConfUpdate", "(switch=TOP) Failed to update switch vlan configuration \n"}}));
+    EXPECT_EQ(std::tie(top->lowerLvlForward, low->lowerLvlForward), std::make_tuple(1, 1));
+
     // A switch without the VLAN is left with forwarding off.
     SwitchVlanConf only = vlanConf(300), renamed = vlanConf(301);
     ASSERT_EQ(switchVlanByConfCreate(top, &only), 0);
