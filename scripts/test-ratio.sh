@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
 # Lines of test code against lines of code: non-blank lines that are not
 # wholly comments, in the C/C++ sources, CMake files and shell scripts.
 # Usage: scripts/test-ratio.sh   (from anywhere in the tree)

@@ -4,7 +4,7 @@
 #include <cstring>
 #include <string>
 
-#include "portvlan/portvlan.h"
+#include "swmgr/portvlan.h"
 #include "swmgr_test.h"
 
 namespace {
