@@ -64,6 +64,7 @@ struct Bus {
     std::vector<Watch> watches;
     size_t connLimit = MBUS_PORT_CONN_LIMIT;
     uint64_t tick = 0;
+    uint64_t refused = 0;  // connections closed at accept: their user may not use the bus
     bool failRegister = false;
     mbuswire::Bytes buf;  // the message being served
 };
@@ -127,6 +128,7 @@ void acceptAll(MbusCtx *c) {
             while (::recv(fd, &scrap, 1, MSG_DONTWAIT | MSG_TRUNC) > 0) {
             }
             ::close(fd);
+            ++bus().refused;
             mbuswire::diag("mbus", "mbus: module %d refused a connection from another user\n", c->module);
             continue;
         }
@@ -386,3 +388,5 @@ extern "C" int mbusPortUnwatch(int fd) {
 }
 
 extern "C" const char *mbusPortLastError(void) { return lastError.c_str(); }
+
+extern "C" uint64_t mbusPortConnRefused(void) { return bus().refused; }

@@ -137,6 +137,10 @@ typedef void (*MbusWatchCb)(void *ctx, int fd);
 int mbusPortWatch(int fd, MbusWatchCb ready, void *ctx);
 int mbusPortUnwatch(int fd);
 
+/* Connections closed at accept, since the process started, because their
+ * user may not use the bus. */
+uint64_t mbusPortConnRefused(void);
+
 /* --- Log records -----------------------------------------------------
  * Records to the log service (module MBUS_MODULE_LOG, MBUS_LOG_CMD) never
  * wait: they go over one kept connection, sent only when it has room.
