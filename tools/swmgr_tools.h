@@ -16,6 +16,12 @@ constexpr int kSimModule = 250;
 enum { kSimStateText = 1, kSimStateJson = 2 };
 constexpr int kStateReplyMax = 60000;
 
+// swmgrd in any mode answers operator queries as this module, with the
+// same access rules as the bus: the data is empty, the reply is JSON in the
+// aux buffer, NUL-terminated (result 1 when it was cut at the buffer).
+constexpr int kCtlModule = 251;
+enum { kCtlSwitches = 1, kCtlPorts = 2, kCtlVlans = 3, kCtlStats = 4 };
+
 // Words for the results the service and the bus give.
 inline std::string resultName(int r) {
     switch (r) {

@@ -19,6 +19,7 @@
 #include "swmgr/swconf.h"
 #include "swmgr/swmgr.h"
 #include "cli.h"
+#include "daemon_ctl.h"
 #include "service_notify.h"
 #include "swmgr_tools.h"
 #if SWMGR_WITH_SIM
@@ -165,6 +166,7 @@ int main(int argc, char **argv) {
         return 1;
     }
 
+    swtool::DaemonCtl daemonCtl;
 #if SWMGR_WITH_SIM
     struct MadeDir {  // a state directory made for this run goes with it, after the simulation
         std::string path;
@@ -194,6 +196,13 @@ int main(int argc, char **argv) {
     int r = swMgrInit(db.c_str());
     if (r != 0) {
         std::fprintf(stderr, "swmgrd: start-up failed (%d): %s\n", r, initFailure(r).c_str());
+        swMgrDeinit();
+        return 1;
+    }
+
+    std::string ctlErr;
+    if (!daemonCtl.serve(ctlErr)) {
+        std::fprintf(stderr, "swmgrd: %s\n", ctlErr.c_str());
         swMgrDeinit();
         return 1;
     }
