@@ -29,38 +29,15 @@
 
 #include "swmgr_version.h"
 
+#include "e2e_util.h"
+
 namespace {
 
+using namespace e2e;
 using Clock = std::chrono::steady_clock;
 using nlohmann::json;
 using std::chrono::milliseconds;
 
-struct Proc {
-    int status = -1;
-    std::string out;
-};
-
-Proc sh(const std::string &cmd) {
-    Proc r;
-    FILE *p = ::popen((cmd + " 2>&1").c_str(), "r");
-    if (p == nullptr) return r;
-    char buf[4096];
-    size_t n;
-    while ((n = std::fread(buf, 1, sizeof buf, p)) > 0) r.out.append(buf, n);
-    int st = ::pclose(p);
-    r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
-    return r;
-}
-
-std::string quote(const std::string &s) {
-    std::string out = "'";
-    for (char c : s) out += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    return out + "'";
-}
-
-std::string readFile(const std::string &path) { return sh("cat " + quote(path)).out; }
-
-bool exists(const std::string &path) { return ::access(path.c_str(), F_OK) == 0; }
 
 // Runs a shell command line in the background; the pid is the command's own.
 pid_t spawn(const std::string &cmd) {

@@ -22,6 +22,8 @@ struct Ctx {
     std::set<std::pair<std::string, int64_t>> &refused;
 
     void add(const Table &t, int64_t row, const std::string &col, bool error, const std::string &reason) {
+        for (const auto &f : out)
+            if (f.table == t.name && f.row == row && f.column == col && f.reason == reason) return;
         out.push_back({t.name, row, col, error, reason});
         if (error && row != 0) refused.insert({t.name, row});
     }
@@ -63,7 +65,9 @@ void checkInt(Ctx &c, const Table &t, const Row &r, const std::string &col, long
     Number n = readNumber(*v);
     if (n.overflow) return c.add(t, r.id, col, true, quoted(*v) + " is out of range for a 32-bit number");
     if (!n.plain)
-        c.add(t, r.id, col, n.value < lo || n.value > hi, quoted(*v) + " is not a number; the service reads " + std::to_string(n.value));
+        c.add(t, r.id, col, n.value < lo || n.value > hi,
+              quoted(*v) + " is not a number; the service reads " + std::to_string(n.value) +
+                  (n.value < lo || n.value > hi ? ", outside " + std::to_string(lo) + ".." + std::to_string(hi) : ""));
     else if (n.value < lo || n.value > hi)
         c.add(t, r.id, col, true, std::to_string(n.value) + " is outside " + std::to_string(lo) + ".." + std::to_string(hi));
 }

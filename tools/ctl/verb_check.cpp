@@ -41,8 +41,7 @@ std::string firstError(const std::vector<LogLine> &log, int result) {
 using Handler = int (*)(char **, int, int);
 
 void loadTable(Offline &off, const Table &t, Handler handler, const std::set<std::pair<std::string, int64_t>> &refused,
-               std::vector<Finding> &out) {
-    bool stopped = false;
+               std::vector<Finding> &out, bool &stopped) {
     for (const auto &r : t.rows) {
         if (refused.count({t.name, r.id})) continue;
         RowResult rr(t, r);
@@ -50,7 +49,7 @@ void loadTable(Offline &off, const Table &t, Handler handler, const std::set<std
         int result = handler(rr.cells.data(), static_cast<int>(t.columns.size()), 0);
         if (result >= 0) continue;
         std::string reason = firstError(off.takeLog(), result);
-        if (!stopped) reason += "; loading stops here, the rows after it are not loaded at start-up";
+        if (!stopped) reason += "; start-up stops loading here (no later row of this table or the next ones)";
         stopped = true;
         out.push_back({t.name, r.id, "", true, reason});
     }
@@ -60,9 +59,12 @@ void runService(Offline &off, const Config &cfg, const std::set<std::pair<std::s
                 std::vector<Finding> &out) {
     swMgrDevDebug = 0;
     switchLibInit();
-    loadTable(off, cfg.switches, swGlobalCfgDBInsertHandler, refused, out);
-    loadTable(off, cfg.ports, swPortCfgDBInsertHandler, refused, out);
-    loadTable(off, cfg.vlans, swVlanCfgDBInsertHandler, refused, out);
+    // Start-up stops at the first refused row; later ones are still tried
+    // here so that each gets its own finding.
+    bool stopped = false;
+    loadTable(off, cfg.switches, swGlobalCfgDBInsertHandler, refused, out, stopped);
+    loadTable(off, cfg.ports, swPortCfgDBInsertHandler, refused, out, stopped);
+    loadTable(off, cfg.vlans, swVlanCfgDBInsertHandler, refused, out, stopped);
     Switch *top = switchAtTopLevelGet();
     if (top == nullptr) return;
     off.takeLog();

@@ -13,6 +13,7 @@
 #include "ctl.h"
 #include "offline.h"
 #include "service/swmgr.h"
+#include "swmgr_tools.h"
 
 namespace swctl {
 namespace {
@@ -112,10 +113,10 @@ std::vector<std::string> lineDiff(const std::string &before, const std::string &
     while (i < a.size() || j < b.size()) {
         if (i < a.size() && j < b.size() && a[i] == b[j]) {
             ++i, ++j;
-        } else if (j < b.size() && (i == a.size() || lcs[i][j + 1] >= lcs[i + 1][j])) {
-            out.push_back("+ " + b[j++]);
-        } else {
+        } else if (i < a.size() && (j == b.size() || lcs[i + 1][j] >= lcs[i][j + 1])) {
             out.push_back("- " + a[i++]);
+        } else {
+            out.push_back("+ " + b[j++]);
         }
     }
     return out;
@@ -189,8 +190,9 @@ int runPlan(const std::string &dbPath, const std::string &fromPath) {
     } else {
         if (events.empty()) std::printf("no row differs between %s and %s\n", fromPath.c_str(), dbPath.c_str());
         for (const auto &c : doc["changes"]) {
-            std::printf("== %s row %s %s: result %s\n", c["table"].get<std::string>().c_str(), c["row"].dump().c_str(),
-                        c["op"].get<std::string>().c_str(), c["result"].dump().c_str());
+            std::printf("== %s row %s %s: result %d (%s)\n", c["table"].get<std::string>().c_str(), c["row"].dump().c_str(),
+                        c["op"].get<std::string>().c_str(), c["result"].get<int>(),
+                        swtool::resultName(c["result"].get<int>()).c_str());
             printSteps(c["steps"].get<std::vector<ojson>>());
         }
         std::printf("== hardware state difference\n");
