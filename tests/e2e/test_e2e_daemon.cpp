@@ -196,6 +196,69 @@ TEST_F(E2e, BadRequestsAreRefusedAndGoodOnesProgramTheHardware) {
     EXPECT_EQ(hostIfs(s)["eth0.200"], true);
 }
 
+// The registry as the daemon holds it, its counters, and the requests a
+// client refuses to send.
+TEST_F(E2e, ShowAndStatsAnswerFromTheRunningDaemon) {
+    EXPECT_EQ(ctl("show switches").out, "PSE: level 2 (top), driver PSE, device -, 7 ports, lower BCM\n"
+                                        "BCM: level 1, driver BCM, device /dev/bcmsw, 5 ports, lower -\n");
+    EXPECT_EQ(ctl("vlan add --id 100 --ports 0,1 --untagged 0 --json").out,
+              "{\n  \"meaning\": \"ok\",\n  \"request\": \"vlan add 100\",\n  \"result\": 0\n}\n");
+    EXPECT_EQ(ctl("raw 4 " + std::string(2 * 79, '0')).status, 1);
+    // Named commands without their options, and port lists out of range,
+    // never reach the daemon.
+    for (const char *bad : {"cmd PSE qos", "cmd PSE 47", "cmd PSE rate-limit --port 1", "cmd PSE trust --trust 1",
+                            "cmd PSE queue-sched --queues 4 --mode 3 --weights 1,2,4", "vlan add --id 7 --ports 0,32"})
+        EXPECT_NE(ctl(bad).status, 0) << bad;
+    EXPECT_EQ(ctl("cmd PSE qos").out, "swmgrctl: qos needs --enable; nothing was sent\n");
+
+    EXPECT_EQ(ctl("show ports").out, "PSE:0 eth1 pvid 1 trust 1 maps -\n"
+                                     "PSE:1 eth0 pvid 1 trust 2 maps BCM:0,BCM:1,BCM:2,BCM:3,BCM:4\n"
+                                     "BCM:0 lan1 pvid 100 trust 0 maps -\n"
+                                     "BCM:1 lan2 pvid 10 trust 0 maps -\n"
+                                     "BCM:2 lan3 pvid 10 trust 0 maps -\n"
+                                     "BCM:3 lan4 pvid 10 trust 0 maps -\n"
+                                     "BCM:4 iptv pvid 20 trust 0 maps -\n");
+    EXPECT_EQ(ctl("show vlans").out, "vlan 10\n"
+                                     "  PSE: index 4 fwd 0xf untag 0xf on eth0\n"
+                                     "  BCM: index 4 fwd 0xf untag 0xe on eth0\n"
+                                     "vlan 20\n"
+                                     "  PSE: index 5 fwd 0x10 untag 0x10 on eth0\n"
+                                     "  BCM: index 5 fwd 0x10 untag 0x10 on eth0\n"
+                                     "vlan 100\n"
+                                     "  PSE: index 6 fwd 0x3 untag 0x1 on eth0\n"
+                                     "  BCM: index 6 fwd 0x3 untag 0x1 on eth0\n");
+
+    json stats = json::parse(ctl("stats --json").out, nullptr, false);
+    ASSERT_TRUE(stats.is_object());
+    for (auto &r : stats["requests"]) r.erase("totalUs");
+    EXPECT_EQ(stats["requests"], json::parse(R"([{"code": 4, "count": 1, "failures": 1},
+                                                 {"code": 36, "count": 1, "failures": 0}])"));
+    // Start-up and the add: the chip's requests, the engine's tools, the
+    // host's sub-interfaces (whose stale removal fails once per VLAN).
+    const json &d = stats["drivers"];
+    EXPECT_GT(d["BCM"]["ioctls"], 0);
+    EXPECT_EQ(d["BCM"]["ioctlFailures"], 0);
+    EXPECT_GT(d["PSE"]["commands"], 0);
+    EXPECT_EQ(d["host"]["commandFailures"], 3);
+    EXPECT_TRUE(stats["logDropped"].is_null() && stats["connectionsRefused"].is_null());
+}
+
+// plan on the daemon's database predicts the hardware the daemon programmed.
+TEST_F(E2e, PlanPredictsWhatTheDaemonProgrammed) {
+    json plan = json::parse(ctl("plan --json --db " + quote(db_)).out, nullptr, false);
+    ASSERT_TRUE(plan.is_object());
+    EXPECT_EQ(plan["startup"]["result"], 0);
+    json live = state();
+    for (json *j : {&plan["state"], &live}) j->erase("fileRoot");
+    EXPECT_EQ(plan["state"], live);
+    const json &steps = plan["startup"]["steps"];
+    auto has = [&](const json &step) { return std::find(steps.begin(), steps.end(), step) != steps.end(); };
+    EXPECT_TRUE(has(json::parse(R"({"kind": "file", "op": "write", "path": "/var/VLAN.10.Uptime", "content": "0\n"})")));
+    EXPECT_TRUE(has(json::parse(R"({"kind": "ioctl", "request": "0x80075312", "name": "vlan-entry-add",
+                                    "fields": {"vlanId": 10, "fwdMap": "0x1f", "untagMap": "0xf"}, "result": 0})")));
+    EXPECT_TRUE(has(json::parse(R"({"kind": "command", "line": "vconfig add eth0 20", "status": 0})")));
+}
+
 TEST_F(E2e, StopSignalsEndTheDaemonAndStartupFailuresGiveTheReason) {
     for (int sig : {SIGTERM, SIGINT}) {
         if (sig == SIGINT) startDaemon();
@@ -208,6 +271,7 @@ TEST_F(E2e, StopSignalsEndTheDaemonAndStartupFailuresGiveTheReason) {
         EXPECT_NE(readFile(dir_ + "/daemon.err").find(stopped), std::string::npos);
         EXPECT_FALSE(exists(bus_ + "/mod-103.sock"));
         EXPECT_FALSE(exists(bus_ + "/mod-250.sock"));
+        EXPECT_FALSE(exists(bus_ + "/mod-251.sock"));
     }
     Proc missing = sh(std::string(SWMGRD_PATH) + " --db /nonexistent/router.db --bus-dir " + quote(bus_));
     EXPECT_EQ(missing.status, 1);
