@@ -191,6 +191,11 @@ TEST_F(Offline, PlanFromOldDatabaseShowsOnlyWhatTheChangeDoes) {
                   "+ eth0.30 vlan 30 on eth0 up ingress 0:0 1:1 2:2 3:3 4:4 5:5 6:6 7:7 egress 0:0 1:1 2:2 3:3 4:4 "
                   "5:5 6:6 7:7\n");
     EXPECT_EQ(r.status, 1) << "a refused change fails the plan";
+    const std::string loop = db("loop.db", "UPDATE swPortConfig SET phyDevice = 'BCM:0,PSE:0' WHERE id = 7");
+    Proc refused = ctl("plan --db " + quote(loop));
+    EXPECT_EQ(refused.out, "swmgrctl: " + loop + ": swPortConfig row 7 makes PSE a lower-level switch of itself "
+                           "(PSE -> PSE); the service would recurse without end (see swmgrctl check)\n");
+    EXPECT_EQ(refused.status, 1);
     EXPECT_EQ(ctl("plan --from " + quote(from) + " --db " + quote(from)).out,
               "no row differs between " + from + " and " + from + "\n== hardware state difference\n");
 }

@@ -21,10 +21,11 @@ struct Ctx {
     std::vector<Finding> out;
     std::set<std::pair<std::string, int64_t>> &refused;
 
-    void add(const Table &t, int64_t row, const std::string &col, bool error, const std::string &reason) {
+    void add(const Table &t, int64_t row, const std::string &col, bool error, const std::string &reason,
+             bool fatal = false) {
         for (const auto &f : out)
             if (f.table == t.name && f.row == row && f.column == col && f.reason == reason) return;
-        out.push_back({t.name, row, col, error, reason});
+        out.push_back({t.name, row, col, error, reason, fatal});
         if (error && row != 0) refused.insert({t.name, row});
     }
 };
@@ -205,7 +206,8 @@ void checkCycles(Ctx &c, const std::multimap<std::string, std::pair<std::string,
         if (!reaches(to.first)) continue;
         std::string chain;
         for (const auto &s : path) chain += (chain.empty() ? "" : " -> ") + s;
-        c.add(c.cfg.ports, to.second, "phyDevice", true, "makes " + from + " a lower-level switch of itself (" + chain + ")");
+        c.add(c.cfg.ports, to.second, "phyDevice", true, "makes " + from + " a lower-level switch of itself (" + chain + ")",
+              true);
     }
 }
 

@@ -49,6 +49,7 @@ struct Finding {
     std::string column;
     bool error = true;
     std::string reason;
+    bool fatal = false;  // the service would not survive the row (a switch mapped below itself)
 };
 
 // Everything that can be told from the rows alone. Rows with an error are

@@ -126,13 +126,26 @@ void printSteps(const std::vector<ojson> &steps) {
     for (const auto &s : steps) std::printf("  %s\n", stepText(s).c_str());
 }
 
+// A row the service would not survive cannot be planned, only checked.
+bool survivable(const Config &cfg, const std::string &path, std::string &err) {
+    std::set<std::pair<std::string, int64_t>> refused;
+    for (const auto &f : staticFindings(cfg, refused))
+        if (f.fatal) {
+            err = path + ": " + f.table + " row " + std::to_string(f.row) + " " + f.reason +
+                  "; the service would recurse without end (see swmgrctl check)";
+            return false;
+        }
+    return true;
+}
+
 int runPlan(const std::string &dbPath, const std::string &fromPath) {
     Config target, start;
     std::string err;
-    if (!readConfig(dbPath, target, err)) return fail(err, kFailed);
-    std::vector<Event> events;
-    if (!fromPath.empty() && (!readConfig(fromPath, start, err) || !diffRows(start, target, events, err)))
+    if (!readConfig(dbPath, target, err) || !survivable(target, dbPath, err)) return fail(err, kFailed);
+    if (!fromPath.empty() && (!readConfig(fromPath, start, err) || !survivable(start, fromPath, err)))
         return fail(err, kFailed);
+    std::vector<Event> events;
+    if (!fromPath.empty() && !diffRows(start, target, events, err)) return fail(err, kFailed);
 
     Offline off(true);
     if (!off.start(fromPath.empty() ? dbPath : fromPath, err)) return fail(err, kFailed);
