@@ -3,6 +3,7 @@
 #include <cstring>
 #include <set>
 
+#include "drivers/bcm/bcm_ioctl.h"  // typed list walks
 #include "osa_port.h"
 #include "portvlan/portvlan.h"
 #include "service/swmgr.h"
@@ -33,14 +34,8 @@ std::string driverOfRequest(unsigned request) {
     return "other";
 }
 
-template <typename T>
-T *first(OsaList &list) {
-    return static_cast<T *>(osaListFirst(&list));
-}
-template <typename T>
-T *next(T *node) {
-    return static_cast<T *>(osaListNext(node));
-}
+using swmgr::bcm::first;
+using swmgr::bcm::next;
 
 std::string driverOf(const Switch &sw) {
     if (sw.switchConfigFunc == nullptr) return "";

@@ -56,6 +56,19 @@ Number readNumber(const std::string &text) {
     return n;
 }
 
+// The non-empty items of a comma-separated list, as strtok gives them.
+std::vector<std::string> items(const std::string &text) {
+    std::vector<std::string> out;
+    size_t pos = 0;
+    while (pos <= text.size()) {
+        size_t comma = text.find(',', pos);
+        if (comma == std::string::npos) comma = text.size();
+        if (comma > pos) out.push_back(text.substr(pos, comma - pos));
+        pos = comma + 1;
+    }
+    return out;
+}
+
 // An integer column: read as the service reads it, within [lo, hi].
 void checkInt(Ctx &c, const Table &t, const Row &r, const std::string &col, long long lo, long long hi) {
     Value v = t.get(r, col);
@@ -155,13 +168,7 @@ void checkMapping(Ctx &c, const Row &r, const std::string &owner, std::multimap<
     const Table &t = c.cfg.ports;
     std::string text = t.get(r, "phyDevice").value_or("");
     checkLength(c, t, r, "phyDevice", kNameField);
-    text = text.substr(0, kNameField - 1);
-    size_t pos = 0;
-    while (pos <= text.size()) {
-        size_t comma = text.find(',', pos);
-        std::string entry = text.substr(pos, comma == std::string::npos ? std::string::npos : comma - pos);
-        pos = comma == std::string::npos ? text.size() + 1 : comma + 1;
-        if (entry.empty()) continue;
+    for (const auto &entry : items(text.substr(0, kNameField - 1))) {
         size_t colon = entry.find(':');
         if (colon == std::string::npos) {
             c.add(t, r.id, "phyDevice", true, quoted(entry) + " is not SWITCH:PORT");
@@ -246,12 +253,7 @@ uint32_t checkPortList(Ctx &c, const Row &r, const std::string &col) {
     std::string text = t.get(r, col).value_or("");
     checkLength(c, t, r, col, kMapField);
     uint32_t bits = 0;
-    size_t pos = 0;
-    while (pos <= text.size()) {
-        size_t comma = text.find(',', pos);
-        std::string item = text.substr(pos, comma == std::string::npos ? std::string::npos : comma - pos);
-        pos = comma == std::string::npos ? text.size() + 1 : comma + 1;
-        if (item.empty()) continue;
+    for (const auto &item : items(text)) {
         Number n = readNumber(item);
         if (!n.plain || n.overflow) {
             c.add(t, r.id, col, true, quoted(item) + " is not a port number");
