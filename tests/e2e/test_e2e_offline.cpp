@@ -100,6 +100,9 @@ TEST_F(Offline, CheckReportsEveryRowTheServiceWouldRefuseCutOrTripOver) {
         {"UPDATE swPortConfig SET PVID = 'abc', queue1Weight = '99999999999' WHERE id = 6", "",
          "swPortConfig row 6 PVID: error: \"abc\" is not a number; the service reads 0, outside 1..4094\n"
          "swPortConfig row 6 queue1Weight: error: \"99999999999\" is out of range for a 32-bit number\n", 1},
+        {"UPDATE swPortConfig SET PVID = NULL, queue2Weight = 256 WHERE id = 6", "",
+         "swPortConfig row 6 PVID: error: empty; the service reads 0, outside 1..4094\n"
+         "swPortConfig row 6 queue2Weight: error: 256 is outside 0..255\n", 1},
     };
     for (size_t i = 0; i < cases.size(); ++i) {
         const auto &c = cases[i];
