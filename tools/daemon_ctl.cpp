@@ -3,7 +3,7 @@
 #include <cstring>
 #include <set>
 
-#include "drivers/bcm/bcm_ioctl.h"  // typed list walks
+#include "common/list.h"
 #include "osa_port.h"
 #include "portvlan/portvlan.h"
 #include "service/swmgr.h"
@@ -34,8 +34,7 @@ std::string driverOfRequest(unsigned request) {
     return "other";
 }
 
-using swmgr::bcm::first;
-using swmgr::bcm::next;
+using swmgr::listEntries;
 
 std::string driverOf(const Switch &sw) {
     if (sw.switchConfigFunc == nullptr) return "";
@@ -125,9 +124,9 @@ int DaemonCtl::onCtlRequest(MbusCtx *, const MbusMsgHeader *, int cmd, void *, i
 nlohmann::json DaemonCtl::switches() const {
     nlohmann::json out = nlohmann::json::array();
     const Switch *top = switchAtTopLevelGet();
-    for (auto *sw = first<Switch>(switchTbl); sw != nullptr; sw = next(sw)) {
+    for (auto *sw : listEntries<Switch>(switchTbl)) {
         nlohmann::json lower = nlohmann::json::array();
-        for (auto *l = first<SwitchLowerRef>(sw->lowerLvlSwitchList); l != nullptr; l = next(l))
+        for (auto *l : listEntries<SwitchLowerRef>(sw->lowerLvlSwitchList))
             lower.push_back(l->sw->switchName);
         out.push_back({{"name", sw->switchName},
                        {"id", sw->switchId},
@@ -143,10 +142,10 @@ nlohmann::json DaemonCtl::switches() const {
 
 nlohmann::json DaemonCtl::ports() const {
     nlohmann::json out = nlohmann::json::array();
-    for (auto *sw = first<Switch>(switchTbl); sw != nullptr; sw = next(sw))
-        for (auto *p = first<SwitchPort>(sw->portList); p != nullptr; p = next(p)) {
+    for (auto *sw : listEntries<Switch>(switchTbl))
+        for (auto *p : listEntries<SwitchPort>(sw->portList)) {
             nlohmann::json mapped = nlohmann::json::array();
-            for (auto *m = first<SwitchPortMapEntry>(p->mappedPorts); m != nullptr; m = next(m))
+            for (auto *m : listEntries<SwitchPortMapEntry>(p->mappedPorts))
                 mapped.push_back(std::string(m->port->sw->switchName) + ":" + std::to_string(m->port->portNumber));
             out.push_back({{"switch", sw->switchName},
                            {"port", p->portNumber},
@@ -160,8 +159,8 @@ nlohmann::json DaemonCtl::ports() const {
 
 nlohmann::json DaemonCtl::vlans() const {
     std::map<int, nlohmann::json> byId;
-    for (auto *sw = first<Switch>(switchTbl); sw != nullptr; sw = next(sw))
-        for (auto *v = first<SwitchVlan>(sw->vlanList); v != nullptr; v = next(v)) {
+    for (auto *sw : listEntries<Switch>(switchTbl))
+        for (auto *v : listEntries<SwitchVlan>(sw->vlanList)) {
             auto &j = byId[v->vlanId];
             if (j.is_null()) j = {{"vlanId", v->vlanId}, {"switches", nlohmann::json::array()}};
             j["switches"].push_back({{"switch", sw->switchName},
@@ -189,8 +188,11 @@ nlohmann::json DaemonCtl::stats() const {
                          {"commandFailures", d.commandFailures},
                          {"ioctls", d.ioctls},
                          {"ioctlFailures", d.ioctlFailures}};
-    // The host bus keeps no count of these yet.
-    return {{"requests", requests}, {"drivers", drivers}, {"logDropped", nullptr}, {"connectionsRefused", nullptr}};
+    // The host bus refuses other users' connections without counting them.
+    return {{"requests", requests},
+            {"drivers", drivers},
+            {"logDropped", mbusPortLogDropped()},
+            {"connectionsRefused", nullptr}};
 }
 
 }  // namespace swtool

@@ -240,7 +240,8 @@ TEST_F(E2e, ShowAndStatsAnswerFromTheRunningDaemon) {
         "BCM": {"commands": 0, "commandFailures": 0, "ioctls": 48, "ioctlFailures": 0},
         "PSE": {"commands": 12, "commandFailures": 0, "ioctls": 2, "ioctlFailures": 0},
         "host": {"commands": 57, "commandFailures": 3, "ioctls": 0, "ioctlFailures": 0}})"));
-    EXPECT_TRUE(stats["logDropped"].is_null() && stats["connectionsRefused"].is_null());
+    EXPECT_EQ(stats["logDropped"], 0);
+    EXPECT_TRUE(stats["connectionsRefused"].is_null()) << "not counted by the bus";
 }
 
 // plan on the daemon's database predicts the hardware the daemon programmed.
@@ -250,6 +251,7 @@ TEST_F(E2e, PlanPredictsWhatTheDaemonProgrammed) {
     EXPECT_EQ(plan["startup"]["result"], 0);
     json live = state();
     for (json *j : {&plan["state"], &live}) j->erase("fileRoot");
+    live.erase("daemon");
     EXPECT_EQ(plan["state"], live);
     const json &steps = plan["startup"]["steps"];
     auto has = [&](const json &step) { return std::find(steps.begin(), steps.end(), step) != steps.end(); };
