@@ -124,6 +124,9 @@ TEST_F(Offline, CheckReportsEveryRowTheServiceWouldRefuseCutOrTripOver) {
                         "      \"row\": 2,\n      \"severity\": \"error\",\n      \"table\": \"vlanEncapIf\"\n    }\n"
                         "  ],\n  \"warnings\": 0\n}\n");
     EXPECT_EQ(ctl("check --db " + quote(dir_ + "/none.db")).status, 1);
+    Proc noTmp = sh("TMPDIR=" + quote(dir_ + "/none") + " " + SWMGRCTL_PATH + " check --db " + quote(db("t.db", "")));
+    EXPECT_EQ(noTmp.out, "swmgrctl: cannot create a temporary directory: No such file or directory\n");
+    EXPECT_EQ(noTmp.status, 1);
 }
 
 // The five chip ports' default tags as a VLAN's programming writes them.

@@ -40,14 +40,15 @@ Offline::~Offline() {
 }
 
 bool Offline::start(const std::string &dbPath, std::string &err) {
-    std::string tmpl = (fs::temp_directory_path() / "swmgrctl-XXXXXX").string();
-    if (::mkdtemp(tmpl.data()) == nullptr) {
-        err = std::string("cannot create a temporary directory: ") + std::strerror(errno);
+    std::error_code ec;
+    fs::path tmp = fs::temp_directory_path(ec);
+    std::string tmpl = ((ec ? fs::path("/tmp") : tmp) / "swmgrctl-XXXXXX").string();
+    if (ec || ::mkdtemp(tmpl.data()) == nullptr) {
+        err = "cannot create a temporary directory: " + (ec ? ec.message() : std::string(std::strerror(errno)));
         return false;
     }
     dir_ = tmpl;
     db_ = dir_ + "/config.db";
-    std::error_code ec;
     if (!fs::copy_file(dbPath, db_, ec)) {
         err = "cannot read " + dbPath + ": " + ec.message();
         return false;
