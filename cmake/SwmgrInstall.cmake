@@ -72,7 +72,7 @@ install(FILES ${PROJECT_BINARY_DIR}/packaging/swmgrd.service DESTINATION lib/sys
 find_program(HELP2MAN help2man)
 if(HELP2MAN)
   set(pages)
-  foreach(page "swmgrd;8;switch manager daemon" "swmgrctl;1;talk to the switch manager daemon over the message bus")
+  foreach(page "swmgrd;8;switch manager daemon" "swmgrctl;1;operate the switch manager daemon and check its configurations")
     list(GET page 0 tool)
     list(GET page 1 section)
     list(GET page 2 summary)

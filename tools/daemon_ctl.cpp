@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "daemon_ctl.h"
 
 #include <cstring>
@@ -5,10 +6,10 @@
 
 #include "common/list.h"
 #include "osa_port.h"
-#include "portvlan/portvlan.h"
-#include "service/swmgr.h"
+#include "swmgr/portvlan.h"
+#include "swmgr/swmgr.h"
 #include "swmgr_tools.h"
-#include "switch/switch.h"
+#include "swmgr/switch.h"
 
 namespace swtool {
 namespace {

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // swmgrd's control module: live answers from the switch registry (switches,
 // ports, VLANs) and the daemon's counters (requests per command code,
 // commands and device requests per driver), for swmgrctl show and stats.
@@ -11,7 +12,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "platform/mbus.h"
+#include "swmgr/platform/mbus.h"
 #include "seam_tap.h"
 
 namespace swtool {

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Watches what the system does to the outside world through the host
 // port's seams: every command line, every system() line and every device
 // request, each reported once it has run, with its status. The tap hands

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Helpers of the end-to-end tests: run a shell command line and take its
 // output and exit status, quote for the shell, read a file.
 #ifndef SWMGR_TESTS_E2E_E2E_UTIL_H

@@ -208,7 +208,7 @@ TEST_F(E2e, ShowAndStatsAnswerFromTheRunningDaemon) {
     // never reach the daemon.
     for (const char *bad : {"cmd PSE qos", "cmd PSE 47", "cmd PSE rate-limit --port 1", "cmd PSE trust --trust 1",
                             "cmd PSE queue-sched --queues 4 --mode 3 --weights 1,2,4", "vlan add --id 7 --ports 0,32"})
-        EXPECT_NE(ctl(bad).status, 0) << bad;
+        EXPECT_EQ(ctl(bad).status, 64) << bad;
     EXPECT_EQ(ctl("cmd PSE qos").out, "swmgrctl: qos needs --enable; nothing was sent\n");
 
     EXPECT_EQ(ctl("show ports").out, "PSE:0 eth1 pvid 1 trust 1 maps -\n"
@@ -560,12 +560,13 @@ TEST_F(E2e, ToolsFollowTheVersionAndExitStatusConventions) {
         {d + " --db " + quote(db_) + " --nope", 64, "The following argument was not expected: --nope\n" + more},
         {c, 64, "A subcommand is required\n" + more},
         {c + " vlan add --id 5000", 64, "--id: Value 5000 not in range 1 to 4094\n" + more},
-        {c + " vlan add --id 5 --ports 0,40", 64, "swmgrctl: ports are numbers 0 to 31 separated by commas: 0,40\n"},
+        {c + " vlan add --id 5 --ports 0,40", 64, "--ports: Value 40 not in range 0 to 31\n" + more},
         {c + " cmd PSE qos zz", 64, "swmgrctl: not a hex byte: zz\n"},
         {c + " cmd PSE frobnicate", 64, "swmgrctl: unknown command code: frobnicate\n"},
         {c + " cmd PSE qos 01 --enable 1", 64,
          "swmgrctl: give the argument either as hex bytes or with named options, not both\n"},
-        {c + " cmd PSE queue-sched --queues 4", 64, "swmgrctl: --weights takes four numbers, e.g. 1,2,4,8\n"},
+        {c + " cmd PSE queue-sched --queues 4", 64, "swmgrctl: queue-sched needs --mode --weights; nothing was sent\n"},
+        {c + " cmd PSE qos", 64, "swmgrctl: qos needs --enable; nothing was sent\n"},
         {c + " cmd PSE queue-sched --queues 4 --mode 3 --weights 1,2,4,8,16", 64,
          "swmgrctl: --weights takes four numbers, e.g. 1,2,4,8\n"},
         {c + " cmd NOPE 47 --enable 1", 1, "cmd NOPE 47: result -1 (failed)\n"},

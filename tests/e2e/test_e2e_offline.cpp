@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // swmgrctl check and plan: the switch manager run offline inside swmgrctl on
 // simulated hardware, one broken database per reason and a planned change.
 #include <gtest/gtest.h>

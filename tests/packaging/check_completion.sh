@@ -38,6 +38,7 @@ for verb in $("$ctl" --help | awk '/^[^ ]/ { on = tolower($1) == "subcommands:" 
         vlan) typed=(vlan add) ;;  # after the action, the options are offered
         cmd) typed=(cmd PSE qos) ;;
         dbevent) typed=(dbevent vlanEncapIf 1 insert) ;;
+        show) typed=(show ports) ;;
         *) typed=("$verb") ;;
     esac
     check "swmgrctl $verb" "$(from_help "$verb")" "$(complete_words "${typed[@]}" '')"
@@ -45,7 +46,8 @@ done
 # Positions that take a value from a fixed set.
 check "vlan action" "$(printf '%s\n' add del)" "$(complete_words vlan '')"
 check "cmd code" "$(printf '%s\n' pause qos queue-sched rate-limit trust vlan-enable)" "$(complete_words cmd PSE '')"
-check "dbevent op" "$(printf '%s\n' --help --old delete insert update)" "$(complete_words dbevent vlanEncapIf 7 '')"
+check "show what" "$(printf '%s\n' ports switches vlans)" "$(complete_words show '')"
+check "dbevent op" "$(printf '%s\n' --help --json --old delete insert update)" "$(complete_words dbevent vlanEncapIf 7 '')"
 check "after --bus-dir" "$(from_help)" "$(complete_words --bus-dir /tmp '')"
 [ $fail -eq 0 ] && echo "completion matches --help"
 exit $fail

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What check can tell from the rows alone, before the service sees them:
 // names, numbers, port maps and the shape of the switch hierarchy.
 #include <cctype>

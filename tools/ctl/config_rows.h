@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // The three configuration tables as rows of text, read once for check and
 // plan, and the findings that check reports about them.
 #ifndef SWMGR_TOOLS_CTL_CONFIG_ROWS_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // The client core every swmgrctl verb is built on: the global options, one
 // bus request, how a result is printed (text or JSON) and the exit status
 // it gives, and the registration of a verb's subcommand.
@@ -11,13 +12,17 @@
 #include <string>
 #include <vector>
 
+#include "cli.h"
+
 namespace swctl {
 
 using Bytes = std::vector<uint8_t>;
 using nlohmann::json;
 
-// Exit statuses. Input that cannot be sent counts as a failed request.
-constexpr int kOk = 0, kFailed = 1, kUnreachable = 2, kUsage = kFailed;
+// Exit statuses: a value the tool checks itself and cannot send is a usage
+// error, like one the argument parser refuses.
+constexpr int kOk = swtool::kExitOk, kFailed = swtool::kExitFailed, kUnreachable = swtool::kExitNoBus,
+              kUsage = swtool::kExitUsage;
 
 struct Options {
     std::string busDir;

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // Names and fields of the switch chip's device requests, decoded from the
 // argument bytes as sent, for plan.
 #ifndef SWMGR_TOOLS_CTL_IOCTL_DECODE_H

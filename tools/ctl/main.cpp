@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // swmgrctl: the operator's tool for swmgrd. Most verbs talk to the daemon
 // over the message bus; check and plan run the switch manager in-process on
 // simulated hardware and need no daemon at all.
@@ -8,10 +9,9 @@
 
 int main(int argc, char **argv) {
     using namespace swctl;
-    CLI::App app{"swmgrctl - operate swmgrd and check configurations before they ship.\n"
-                 "Exit status: 0 done, 1 the request failed or the input is wrong (check: an error was\n"
-                 "found), 2 the daemon could not be reached.",
-                 "swmgrctl"};
+    CLI::App app{"swmgrctl - operate swmgrd and check configurations before they ship.", "swmgrctl"};
+    app.footer("Exit status: 0 the request was accepted, 1 it was refused or could not be made,\n"
+               "2 the daemon could not be reached (the bus could not deliver), 64 usage error.\n");
     app.fallthrough();
     app.require_subcommand(1);
     app.add_option("--bus-dir", opt.busDir,
@@ -27,11 +27,13 @@ int main(int argc, char **argv) {
     addCmdVerb(app, verbs);
     addQueryVerbs(app, verbs);
     addLogVerb(app, verbs);
+#if SWMGR_WITH_SIM
     addCheckVerb(app, verbs);
     addPlanVerb(app, verbs);
+#endif
 
     signal(SIGPIPE, SIG_IGN);
-    CLI11_PARSE(app, argc, argv);
+    if (int status = swtool::parseCommandLine(app, argc, argv); status >= 0) return status;
     if (!opt.busDir.empty()) mbusPortBusDirSet(opt.busDir.c_str());
     for (auto &v : verbs)
         if (v.sub->parsed()) return v.run();

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "offline.h"
 
 #include <stdlib.h>
@@ -9,8 +10,8 @@
 
 #include "ioctl_decode.h"
 #include "osa_port.h"
-#include "service/swmgr.h"
-#include "switch/switch.h"
+#include "swmgr/swmgr.h"
+#include "swmgr/switch.h"
 
 namespace swctl {
 namespace fs = std::filesystem;

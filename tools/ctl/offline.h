@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 // The switch manager run inside swmgrctl on simulated hardware, for check
 // and plan: a private temporary directory holds the bus sockets and the
 // simulated system's files, the service's log records are kept instead of

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // check: every row of a configuration database that the service would
 // refuse, cut, ignore or trip over, found offline. The rows are checked on
 // their own first; those that pass are then loaded by the switch manager
@@ -5,12 +6,12 @@
 // reported with the reason it logs.
 #include <cstdio>
 
-#include "config/swconf.h"
+#include "swmgr/swconf.h"
 #include "config_rows.h"
 #include "ctl.h"
 #include "offline.h"
-#include "service/swmgr.h"
-#include "switch/switch.h"
+#include "swmgr/swmgr.h"
+#include "swmgr/switch.h"
 
 namespace swctl {
 namespace {

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // cmd: a driver command to a switch by name. The argument record comes from
 // hex bytes or from named options; a named command is sent only with every
 // option its record needs, since a record of zeros would be obeyed (QoS off,
@@ -7,9 +8,9 @@
 #include <optional>
 
 #include "ctl.h"
-#include "platform/mbus.h"
-#include "portvlan/portvlan.h"
-#include "switch/switch.h"
+#include "swmgr/platform/mbus.h"
+#include "swmgr/portvlan.h"
+#include "swmgr/switch.h"
 
 namespace swctl {
 namespace {

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // sql and dbevent: change the configuration database and tell the daemon
 // which rows changed, as the database itself would.
 #define SQLITE_ENABLE_PREUPDATE_HOOK 1
@@ -7,10 +8,10 @@
 #include <map>
 
 #include "common/text.h"
-#include "config/swconf.h"
+#include "swmgr/swconf.h"
 #include "ctl.h"
-#include "platform/mbus.h"
-#include "switch/switch.h"
+#include "swmgr/platform/mbus.h"
+#include "swmgr/switch.h"
 
 namespace swctl {
 namespace {

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // log: be the bus's log service and print the records the daemon sends.
 #include <signal.h>
 
@@ -6,8 +7,8 @@
 
 #include "ctl.h"
 #include "osa_port.h"
-#include "service/swmgr.h"
-#include "switch/switch.h"
+#include "swmgr/swmgr.h"
+#include "swmgr/switch.h"
 
 namespace swctl {
 namespace {

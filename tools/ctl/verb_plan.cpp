@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // plan: what applying a configuration does to the hardware, step by step,
 // without touching any. The switch manager runs in-process on simulated
 // hardware; every command line, device request (decoded) and file written
@@ -8,11 +9,11 @@
 
 #include <cstdio>
 
-#include "config/swconf.h"
+#include "swmgr/swconf.h"
 #include "config_rows.h"
 #include "ctl.h"
 #include "offline.h"
-#include "service/swmgr.h"
+#include "swmgr/swmgr.h"
 #include "swmgr_tools.h"
 
 namespace swctl {

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // state, show and stats: questions to a running swmgrd, answered as text or
 // JSON.
 #include <cstdio>

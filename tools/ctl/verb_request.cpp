@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // vlan, ifevent and raw: the service's own bus requests, composed from
 // options.
 #include <cstring>
@@ -6,11 +7,11 @@
 
 #include "common/names.h"
 #include "common/text.h"
-#include "config/swconf.h"
+#include "swmgr/swconf.h"
 #include "ctl.h"
-#include "platform/mbus.h"
-#include "service/swmgr.h"
-#include "switch/switch.h"
+#include "swmgr/platform/mbus.h"
+#include "swmgr/swmgr.h"
+#include "swmgr/switch.h"
 
 namespace swctl {
 namespace {
@@ -31,7 +32,7 @@ int sendVlan(const VlanArgs &a) {
         const swmgr::NameVerdict v = swmgr::checkName(name->c_str(), name->size() + 1);
         if (v.ok()) continue;
         char why[128];
-        return fail(std::string(option) + ": " + swmgr::nameFaultText(why, v));
+        return fail(std::string(option) + ": " + swmgr::nameFaultText(why, v), kFailed);
     }
     const int code = a.action == "add" ? SW_CMD_VLAN_ADD : SW_CMD_VLAN_DELETE;
     SwitchVlanConf conf{};
