@@ -193,7 +193,7 @@ nlohmann::json DaemonCtl::stats() const {
     return {{"requests", requests},
             {"drivers", drivers},
             {"logDropped", mbusPortLogDropped()},
-            {"connectionsRefused", nullptr}};
+            {"connectionsRefused", mbusPortConnRefused()}};
 }
 
 }  // namespace swtool
