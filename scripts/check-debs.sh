@@ -18,8 +18,8 @@ for list in "$top"/packaging/debian/*.list; do
   pkg=$(basename "$list" .list)
   deb=$(ls "$dir/${pkg}_${version}_"*.deb 2>/dev/null | head -n 1)
   if [ -z "$deb" ]; then echo "$pkg: no package in $dir"; fail=1; continue; fi
-  sed "s/@MULTIARCH@/$multiarch/" "$list" > "$work/want"
-  dpkg-deb -c "$deb" | awk '$6 !~ /\/$/ { print $6 ($7 == "->" ? " -> " $8 : "") }' | sort > "$work/got"
+  sed "s/@MULTIARCH@/$multiarch/" "$list" | LC_ALL=C sort > "$work/want"
+  dpkg-deb -c "$deb" | awk '$6 !~ /\/$/ { print $6 ($7 == "->" ? " -> " $8 : "") }' | LC_ALL=C sort > "$work/got"
   if ! diff -u "$work/want" "$work/got"; then echo "$pkg: file list differs (- expected, + packaged)"; fail=1; fi
   depends=$(dpkg-deb -f "$deb" Depends | tr ',' '\n' | sed 's/^ *//')
   while IFS= read -r dep; do
