@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "bcm_chip.h"
 
+#include <fcntl.h>
+
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -76,12 +78,24 @@ __attribute__((format(printf, 2, 3))) void appendf(std::string &out, const char 
 
 BcmChip::~BcmChip() { detach(); }
 
+// The kernel driver is opened for reading and writing, with no creation
+// mode: anything else means the driver was changed by mistake.
+int BcmChip::open(int flags, int mode) {
+    if (flags == O_RDWR && mode == 0) return 0;
+    char entry[128];
+    std::snprintf(entry, sizeof entry, "open refused (%d): flags 0x%x mode 0%o", kEinval, static_cast<unsigned>(flags),
+                  static_cast<unsigned>(mode));
+    history_.add(entry);
+    return kEinval;
+}
+
 bool BcmChip::attach(const std::string &path) {
     detach();
     OsaDeviceModel model{};
     model.ctx = this;
     model.ioctl = thunkIoctl;
     model.close = [](void *ctx) { ++static_cast<BcmChip *>(ctx)->closes_; };
+    model.open = [](void *ctx, int flags, int mode) { return static_cast<BcmChip *>(ctx)->open(flags, mode); };
     if (osaPortDeviceAttach(path.c_str(), &model) != 0) return false;
     path_ = path;
     return true;

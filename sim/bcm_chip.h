@@ -99,6 +99,8 @@ public:
     int requests(unsigned code) const;
     int requests() const { return total_; }
     int closes() const { return closes_; }
+    // Checks an open's flags and mode as the kernel driver would see them.
+    int open(int flags, int mode);
 
     // The most recent refusals, oldest first.
     const History &history() const { return history_; }

@@ -1,6 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 // Binding the BCM driver, its command entry, and the read-only operations.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstring>
+#include <tuple>
 
 #include "bcm_fixture.h"
 
@@ -157,6 +162,22 @@ TEST(BcmChipModel, RefusesEveryFieldOutsideWhatTheDriverSends) {
         std::snprintf(entry, sizeof entry, "request 0x%08x refused (%d): %s", c.code, c.result, c.why);
         expected.push_back(entry);
     }
+    EXPECT_EQ(std::vector<std::string>(chip.history().entries().begin(), chip.history().entries().end()), expected);
+
+    // Opens: read-write with no mode is what the driver sends; the rest is refused.
+    const std::string dev = "/dev/swmgr-test-open-" + std::to_string(::getpid());
+    ASSERT_TRUE(chip.attach(dev));
+    for (const auto &[flags, mode, why] : {std::tuple{O_RDONLY, 0, "flags 0x0 mode 00"},
+                                           std::tuple{O_RDWR | O_CREAT, 0644, "flags 0x42 mode 0644"}}) {
+        errno = 0;
+        EXPECT_EQ(osaOpen(dev.c_str(), flags, mode), -1);
+        EXPECT_EQ(errno, EINVAL);
+        expected.push_back(std::string("open refused (-22): ") + why);
+    }
+    const int fd = osaOpen(dev.c_str(), O_RDWR, 0);
+    EXPECT_GE(fd, 0);
+    EXPECT_EQ(osaClose(fd), 0);
+    chip.detach();
     EXPECT_EQ(std::vector<std::string>(chip.history().entries().begin(), chip.history().entries().end()), expected);
     EXPECT_TRUE(chip.state().vlanEnabled);
     EXPECT_EQ(chip.port(1).tag, (swsim::BcmChip::Tag{10, 0, 0}));

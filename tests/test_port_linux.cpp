@@ -217,7 +217,7 @@ struct Model {
 
 TEST(OsaDevice, ModelAnswersRequestsOnItsDescriptor) {
     Model model;
-    OsaDeviceModel m{&model, Model::ioctlFn, Model::closeFn};
+    OsaDeviceModel m{&model, Model::ioctlFn, Model::closeFn, nullptr};
     ASSERT_EQ(osaPortDeviceAttach("/dev/test-switch", &m), 0);
     int d = osaOpen("/dev/test-switch", 2, 0);
     ASSERT_GT(d, 0);

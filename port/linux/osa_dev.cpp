@@ -64,6 +64,13 @@ extern "C" int osaOpen(const char *path, int flags, int mode) {
     if (path == nullptr) return -1;
     auto it = models().find(path);
     if (it == models().end()) return ::open(path, flags, static_cast<mode_t>(mode));
+    if (it->second.open != nullptr) {
+        const int r = it->second.open(it->second.ctx, flags, mode);
+        if (r < 0) {
+            errno = -r;
+            return -1;
+        }
+    }
     // A real descriptor keeps the number unique among the process's others.
     int d = ::open("/dev/null", O_RDWR | O_CLOEXEC);
     if (d < 0) return -1;

@@ -22,6 +22,9 @@ typedef struct OsaDeviceModel {
     void *ctx;
     int (*ioctl)(void *ctx, unsigned int request, void *arg);
     void (*close)(void *ctx); /* optional: called when a descriptor closes */
+    /* optional: sees each osaOpen's flags and mode first; a negative
+     * result refuses the open (osaOpen fails with that errno) */
+    int (*open)(void *ctx, int flags, int mode);
 } OsaDeviceModel;
 
 int osaPortDeviceAttach(const char *path, const OsaDeviceModel *model);

@@ -53,7 +53,7 @@ int main(int argc, char **argv) {
     sqlite3_close(h);
     free(schema);
 
-    const OsaDeviceModel chip = {NULL, chipIoctl, NULL};
+    const OsaDeviceModel chip = {NULL, chipIoctl, NULL, NULL};
     mbusPortBusDirSet(bus);
     osaPortFileRootSet(root);
     osaPortCmdFallbackSet(takeCommand, NULL);
