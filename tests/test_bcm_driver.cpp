@@ -5,7 +5,8 @@
 
 #include <cerrno>
 #include <cstring>
-#include <tuple>
+#include <cstdio>
+#include <utility>
 
 #include "bcm_fixture.h"
 
@@ -167,12 +168,14 @@ TEST(BcmChipModel, RefusesEveryFieldOutsideWhatTheDriverSends) {
     // Opens: read-write with no mode is what the driver sends; the rest is refused.
     const std::string dev = "/dev/swmgr-test-open-" + std::to_string(::getpid());
     ASSERT_TRUE(chip.attach(dev));
-    for (const auto &[flags, mode, why] : {std::tuple{O_RDONLY, 0, "flags 0x0 mode 00"},
-                                           std::tuple{O_RDWR | O_CREAT, 0644, "flags 0x42 mode 0644"}}) {
+    for (const auto &[flags, mode] : {std::pair{O_RDONLY, 0}, std::pair{O_RDWR | O_CREAT, 0644}}) {
         errno = 0;
         EXPECT_EQ(osaOpen(dev.c_str(), flags, mode), -1);
         EXPECT_EQ(errno, EINVAL);
-        expected.push_back(std::string("open refused (-22): ") + why);
+        char why[64];  // the flags' values differ between architectures
+        std::snprintf(why, sizeof why, "open refused (-22): flags 0x%x mode 0%o", static_cast<unsigned>(flags),
+                      static_cast<unsigned>(mode));
+        expected.push_back(why);
     }
     const int fd = osaOpen(dev.c_str(), O_RDWR, 0);
     EXPECT_GE(fd, 0);
