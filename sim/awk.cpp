@@ -80,7 +80,7 @@ std::string format(const std::string &fmt, const std::vector<Cell> &args) {
         while (j < fmt.size() && std::strchr("-+ #0123456789.", fmt[j]) != nullptr) ++j;
         if (j >= fmt.size()) throw Refused{"sprintf: unfinished conversion"};
         const char conv = fmt[j];
-        std::string spec = fmt.substr(i, j - i);
+        std::string conversion = fmt.substr(i, j - i);
         i = j;
         if (conv == '%') {
             out += '%';
@@ -89,18 +89,18 @@ std::string format(const std::string &fmt, const std::vector<Cell> &args) {
         Cell arg = next < args.size() ? args[next++] : Cell{0, "", false};
         char b[512];
         if (std::strchr("diouxX", conv) != nullptr) {
-            spec += "ll";
-            spec += conv;
-            std::snprintf(b, sizeof b, spec.c_str(), static_cast<long long>(toInt(number(arg))));
+            conversion += "ll";
+            conversion += conv;
+            std::snprintf(b, sizeof b, conversion.c_str(), static_cast<long long>(toInt(number(arg))));
         } else if (std::strchr("eEfgG", conv) != nullptr) {
-            spec += conv;
-            std::snprintf(b, sizeof b, spec.c_str(), number(arg));
+            conversion += conv;
+            std::snprintf(b, sizeof b, conversion.c_str(), number(arg));
         } else if (conv == 's') {
-            spec += 's';
-            std::snprintf(b, sizeof b, spec.c_str(), text(arg).c_str());
+            conversion += 's';
+            std::snprintf(b, sizeof b, conversion.c_str(), text(arg).c_str());
         } else if (conv == 'c') {
-            spec += 'c';
-            std::snprintf(b, sizeof b, spec.c_str(), static_cast<int>(toInt(number(arg))));
+            conversion += 'c';
+            std::snprintf(b, sizeof b, conversion.c_str(), static_cast<int>(toInt(number(arg))));
         } else {
             throw Refused{std::string("sprintf: conversion %") + conv};
         }
