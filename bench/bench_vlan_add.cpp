@@ -30,29 +30,10 @@
 #include "swmgr/swmgr.h"
 #include "sim_host.h"
 
-extern char **environ;
-
 namespace {
 
 constexpr int kFirstVlan = 1000;
 constexpr int kVlanSpan = 2000;
-
-// A bus VLAN request: switch name area (unused for VLANs), then the record.
-std::vector<uint8_t> vlanRequest(int id) {
-    SwitchVlanConf conf{};
-    conf.vlanId = id;
-    std::snprintf(conf.interfaceName, sizeof conf.interfaceName, "eth0");
-    conf.fwdMap = 0x3;
-    conf.untagMap = 0x1;
-    std::vector<uint8_t> data(SW_BUS_NAME_LEN + SW_VLAN_CONF_LEN, 0);
-    std::memcpy(data.data() + SW_BUS_NAME_LEN, &conf, SW_VLAN_CONF_LEN);
-    return data;
-}
-
-int send(int cmd, std::vector<uint8_t> &data) {
-    return mbusIoctl(nullptr, MBUS_MODULE_SWMGR, cmd, data.data(), static_cast<int>(data.size()), nullptr,
-                     nullptr, 0, 2000, 0);
-}
 
 void BM_VlanAddThroughDaemon(benchmark::State &state) {
     swbench::Scratch scratch("/dev/shm");
@@ -61,42 +42,24 @@ void BM_VlanAddThroughDaemon(benchmark::State &state) {
         state.SkipWithError("cannot create the example database");
         return;
     }
-    std::vector<std::string> args = {SWMGRD_PATH, "--db", db, "--sim", "--bus-dir", bus, "--foreground"};
-    std::vector<char *> argv;
-    for (auto &a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
-    pid_t daemon = -1;
-    int spawned = posix_spawn(&daemon, argv[0], &actions, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    if (spawned != 0) {
+    const pid_t daemon = swbench::startDaemon(db, bus, {"--foreground"});
+    if (daemon < 0) {
         state.SkipWithError("cannot start swmgrd");
         return;
     }
-    mbusPortBusDirSet(bus.c_str());
-
-    // Ready once a request is delivered (a delete of a VLAN nobody has).
-    std::vector<uint8_t> probe = vlanRequest(kFirstVlan - 1);
-    bool ready = false;
-    for (int i = 0; i < 500 && !ready; ++i) {
-        send(SW_CMD_VLAN_DELETE, probe);
-        ready = *mbusPortLastError() == '\0';
-        if (!ready) std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
+    const bool ready = *mbusPortLastError() == '\0';
     int id = kFirstVlan;
     while (ready && state.KeepRunning()) {
-        std::vector<uint8_t> req = vlanRequest(id);
+        std::vector<uint8_t> req = swbench::vlanRequest(id);
         auto t0 = std::chrono::steady_clock::now();
-        int r = send(SW_CMD_VLAN_ADD, req);
+        int r = swbench::send(SW_CMD_VLAN_ADD, req);
         auto t1 = std::chrono::steady_clock::now();
         state.SetIterationTime(std::chrono::duration<double>(t1 - t0).count());
         if (r != 0) {
             state.SkipWithError("the daemon refused the VLAN add");
             break;
         }
-        send(SW_CMD_VLAN_DELETE, req);
+        swbench::send(SW_CMD_VLAN_DELETE, req);
         id = kFirstVlan + (id - kFirstVlan + 1) % kVlanSpan;
     }
     if (!ready) state.SkipWithError("swmgrd did not come up on the bus");
@@ -134,7 +97,7 @@ void BM_VlanAddInProcess(benchmark::State &state) {
     header.isRequest = 1;
     int id = kFirstVlan;
     for (auto _ : state) {
-        std::vector<uint8_t> req = vlanRequest(id);
+        std::vector<uint8_t> req = swbench::vlanRequest(id);
         auto t0 = std::chrono::steady_clock::now();
         int r = swMgrIoctlHandler(nullptr, &header, SW_CMD_VLAN_ADD, req.data(), static_cast<int>(req.size()),
                                   nullptr, nullptr);
