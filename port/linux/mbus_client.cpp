@@ -7,18 +7,13 @@
 
 #include <algorithm>
 #include <cstring>
-#include <vector>
 
+#include "hook_list.h"
 #include "mbus_wire.h"
 
 namespace {
-struct SendHookEntry {
-    MbusSendHook hook;
-    void *ctx;
-};
-
-std::vector<SendHookEntry> &hooks() {
-    static std::vector<SendHookEntry> h;
+swport::HookList<MbusSendHook> &hooks() {
+    static swport::HookList<MbusSendHook> h;
     return h;
 }
 
@@ -52,12 +47,11 @@ int awaitReply(int fd, int module, int timeout, void *aux, int *auxLen, size_t c
 extern "C" int mbusIoctl(MbusCtx *ctx, int module, int cmd, void *data, int dataLen, void *aux,
                          int *auxLen, int flags, int timeoutMs, int reserved) {
     (void)reserved;
-    // By index: a hook may remove itself.
-    for (size_t i = 0; i < hooks().size(); ++i) {
-        SendHookEntry h = hooks()[i];
-        int result = 0;
-        if (h.hook(h.ctx, module, cmd, data, dataLen, aux, auxLen, &result)) return result;
-    }
+    int taken = 0;
+    if (hooks().anyTakes([&](MbusSendHook hook, void *hctx) {
+            return hook(hctx, module, cmd, data, dataLen, aux, auxLen, &taken) != 0;
+        }))
+        return taken;
     mbuswire::setError("");
     const bool isLog = module == MBUS_MODULE_LOG && cmd == MBUS_LOG_CMD;
     if (ctx != nullptr && !mbuswire::live(ctx)) {
@@ -95,19 +89,9 @@ extern "C" int mbusIoctl(MbusCtx *ctx, int module, int cmd, void *data, int data
     return result;
 }
 
-extern "C" int mbusPortSendHookAdd(MbusSendHook hook, void *ctx) {
-    if (hook == nullptr) return -1;
-    hooks().push_back({hook, ctx});
-    return 0;
-}
+extern "C" int mbusPortSendHookAdd(MbusSendHook hook, void *ctx) { return hooks().add(hook, ctx); }
 
-extern "C" int mbusPortSendHookRemove(MbusSendHook hook, void *ctx) {
-    auto &h = hooks();
-    auto it = std::find_if(h.begin(), h.end(), [&](const SendHookEntry &e) { return e.hook == hook && e.ctx == ctx; });
-    if (it == h.end()) return -1;
-    h.erase(it);
-    return 0;
-}
+extern "C" int mbusPortSendHookRemove(MbusSendHook hook, void *ctx) { return hooks().remove(hook, ctx); }
 
 extern "C" int mbusPortBusDirSet(const char *dir) {
     mbuswire::busDirSet(dir);

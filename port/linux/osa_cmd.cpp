@@ -10,25 +10,23 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <vector>
 
+#include "hook_list.h"
 #include "osa_port.h"
 
 extern char **environ;
 
 namespace {
-struct CmdHookEntry {
-    OsaCmdHook hook;
-    void *ctx;
-};
-std::vector<CmdHookEntry> &cmdHooks() {
-    static std::vector<CmdHookEntry> h;
+swport::HookList<OsaCmdHook> &cmdHooks() {
+    static swport::HookList<OsaCmdHook> h;
     return h;
 }
-CmdHookEntry fallback{nullptr, nullptr};
+struct {
+    OsaCmdHook hook;
+    void *ctx;
+} fallback{nullptr, nullptr};
 
 int waitStatus(pid_t pid) {
     int st = 0;
@@ -94,20 +92,9 @@ bool directSplit(const char *command, DirectLine &out) {
 }
 }  // namespace
 
-extern "C" int osaPortCmdHookAdd(OsaCmdHook hook, void *ctx) {
-    if (hook == nullptr) return -1;
-    cmdHooks().push_back({hook, ctx});
-    return 0;
-}
+extern "C" int osaPortCmdHookAdd(OsaCmdHook hook, void *ctx) { return cmdHooks().add(hook, ctx); }
 
-extern "C" int osaPortCmdHookRemove(OsaCmdHook hook, void *ctx) {
-    auto &h = cmdHooks();
-    auto it = std::find_if(h.begin(), h.end(),
-                           [&](const CmdHookEntry &e) { return e.hook == hook && e.ctx == ctx; });
-    if (it == h.end()) return -1;
-    h.erase(it);
-    return 0;
-}
+extern "C" int osaPortCmdHookRemove(OsaCmdHook hook, void *ctx) { return cmdHooks().remove(hook, ctx); }
 
 extern "C" int osaPortCmdFallbackSet(OsaCmdHook hook, void *ctx) {
     fallback = {hook, ctx};
@@ -116,17 +103,10 @@ extern "C" int osaPortCmdFallbackSet(OsaCmdHook hook, void *ctx) {
 
 extern "C" int osaCmdExec(const char *command, char *output, int outputLen) {
     if (command == nullptr) return -1;
-    // Walked in place: a hook may remove itself (or another) while called,
-    // and the entry at `i` is then already the next one.
-    auto &hooks = cmdHooks();
-    for (std::size_t i = 0; i < hooks.size();) {
-        const CmdHookEntry h = hooks[i];
-        int status = 0;
-        if (h.hook(h.ctx, command, &status)) {
-            if (output != nullptr && outputLen > 0) output[0] = '\0';
-            return status;
-        }
-        if (i < hooks.size() && hooks[i].hook == h.hook && hooks[i].ctx == h.ctx) ++i;
+    int status = 0;
+    if (cmdHooks().anyTakes([&](OsaCmdHook hook, void *ctx) { return hook(ctx, command, &status) != 0; })) {
+        if (output != nullptr && outputLen > 0) output[0] = '\0';
+        return status;
     }
     if (fallback.hook != nullptr) {
         int status = 0;

@@ -4,18 +4,13 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <map>
 #include <string>
-#include <vector>
 
+#include "hook_list.h"
 #include "osa_port.h"
 
 namespace {
-struct IoctlHookEntry {
-    OsaIoctlHook hook;
-    void *ctx;
-};
 std::map<std::string, OsaDeviceModel> &models() {
     static std::map<std::string, OsaDeviceModel> m;
     return m;
@@ -24,8 +19,8 @@ std::map<int, OsaDeviceModel> &openModels() {
     static std::map<int, OsaDeviceModel> m;
     return m;
 }
-std::vector<IoctlHookEntry> &ioctlHooks() {
-    static std::vector<IoctlHookEntry> h;
+swport::HookList<OsaIoctlHook> &ioctlHooks() {
+    static swport::HookList<OsaIoctlHook> h;
     return h;
 }
 }  // namespace
@@ -41,20 +36,9 @@ extern "C" int osaPortDeviceDetach(const char *path) {
     return models().erase(path) == 1 ? 0 : -1;
 }
 
-extern "C" int osaPortIoctlHookAdd(OsaIoctlHook hook, void *ctx) {
-    if (hook == nullptr) return -1;
-    ioctlHooks().push_back({hook, ctx});
-    return 0;
-}
+extern "C" int osaPortIoctlHookAdd(OsaIoctlHook hook, void *ctx) { return ioctlHooks().add(hook, ctx); }
 
-extern "C" int osaPortIoctlHookRemove(OsaIoctlHook hook, void *ctx) {
-    auto &h = ioctlHooks();
-    auto it = std::find_if(h.begin(), h.end(),
-                           [&](const IoctlHookEntry &e) { return e.hook == hook && e.ctx == ctx; });
-    if (it == h.end()) return -1;
-    h.erase(it);
-    return 0;
-}
+extern "C" int osaPortIoctlHookRemove(OsaIoctlHook hook, void *ctx) { return ioctlHooks().remove(hook, ctx); }
 
 extern "C" unsigned int osaPortIoctlArgSize(unsigned int request) {
     return (request >> 16) & 0x1fffu;
@@ -79,12 +63,9 @@ extern "C" int osaOpen(const char *path, int flags, int mode) {
 }
 
 extern "C" int osaIoctl(int d, unsigned int request, void *arg) {
-    // Copy: a hook may add or remove hooks while it runs.
-    auto hooks = ioctlHooks();
-    for (const auto &h : hooks) {
-        int result = 0;
-        if (h.hook(h.ctx, d, request, arg, &result)) return result;
-    }
+    int result = 0;
+    if (ioctlHooks().anyTakes([&](OsaIoctlHook hook, void *ctx) { return hook(ctx, d, request, arg, &result) != 0; }))
+        return result;
     auto it = openModels().find(d);
     if (it != openModels().end()) return it->second.ioctl(it->second.ctx, request, arg);
     return ::ioctl(d, request, arg);
