@@ -80,7 +80,8 @@ TEST_P(BusHandlerForms, InterfaceEventsSetTheUpstreamLimitOnPortOne) {
         std::vector<uint32_t> sent;  // port, action, rate
         swtest::Logs logs;
     } cases[] = {
-        {true, "eth1", 22, 100000, 80, true, 0, 0, {1, 1, 80000}, {got("eth1", 22), limit("eth1", "80000", 80, "100000")}},
+        {true, "eth1", 22, 100000, 80, true, 0, 0, {1, 1, 80000},
+         {got("eth1", 22), limit("eth1", "80000", 80, "100000")}},
         {true, "eth0", 26, 0, 50, true, 0, 0, {1, 0, 0}, {got("eth0", 26), limit("eth0", "0", 50, "0")}},
         // Unsigned 32-bit: 100000000 * 80 wraps to 3705032704 before dividing.
         {true, "eth1", 25, 100000000u, 80, true, 0, 0, {1, 1, 37050327},
