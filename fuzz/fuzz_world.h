@@ -8,40 +8,67 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 #include <string>
 
+#include "osa_port.h"
 #include "sim_host.h"
 #include "swmgr_test.h"
 
 namespace swfuzz {
 
-// Consumes the input front to back; past its end every read gives zeros.
+// Consumes the input front to back, little-endian; past its end every read gives zeros.
 class Input {
 public:
     Input(const uint8_t *data, size_t size) : data_(data), size_(size) {}
-    uint32_t u32();
-    uint16_t u16();
-    uint8_t u8();
+    uint8_t u8() { return pos_ < size_ ? data_[pos_++] : 0; }
+    uint16_t u16() {
+        const uint16_t lo = u8();
+        return static_cast<uint16_t>(lo | u8() << 8);
+    }
+    uint32_t u32() {
+        uint32_t v = 0;
+        for (int i = 0; i < 4; ++i) v |= static_cast<uint32_t>(u8()) << (8 * i);
+        return v;
+    }
     // Up to `max` bytes, as many as the next length byte says.
-    std::string text(size_t max);
-    // Everything left.
-    std::string rest();
+    std::string text(size_t max) { return take(std::min<size_t>(u8(), max)); }
+    std::string rest() { return take(size_); }
     bool empty() const { return pos_ >= size_; }
 
 private:
+    std::string take(size_t n) {
+        n = std::min(n, size_ - std::min(pos_, size_));
+        std::string s(reinterpret_cast<const char *>(data_) + std::min(pos_, size_), n);
+        pos_ += n;
+        return s;
+    }
     const uint8_t *data_;
-    size_t size_;
-    size_t pos_ = 0;
+    size_t size_, pos_ = 0;
 };
 
 // Sends every bus message (log records included) nowhere.
-void quietBus();
+inline void quietBus() {
+    static const int added = mbusPortSendHookAdd(
+        [](void *, int, int, const void *, int, void *, int *, int *result) {
+            *result = 0;
+            return 1;
+        }, nullptr);
+    (void)added;
+}
 
 // Creates the example database in a private directory and starts the
 // simulated hardware on it; aborts when that cannot be done.
 struct SimWorld {
-    SimWorld();
-    ~SimWorld();
+    SimWorld() : db(dir.file("router.db")) {
+        swtest::makeDb(db, swtest::readFile(ROUTER_SQL_PATH));
+        std::string err;
+        if (host.start(db, dir.path() + "/state", err)) return;
+        std::fprintf(stderr, "fuzz: cannot start the simulated hardware: %s\n", err.c_str());
+        std::abort();
+    }
+    ~SimWorld() { host.stop(); }
     swtest::TempDir dir;
     std::string db;
     swtool::SimHost host;

@@ -1,24 +1,85 @@
 // SPDX-License-Identifier: Apache-2.0
-// Binding the BCM driver, its command entry, and the read-only operations.
+// The BCM driver on the chip model: binding, its command entry, VLAN and QoS
+// programming, the read-only operations, and the model's own refusals.
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <utility>
 
-#include "bcm_fixture.h"
+#include "bcm_chip.h"
+#include "drivers/bcm/bcm.h"
+#include "swmgr/portvlan.h"
+#include "swmgr_test.h"
 
 namespace {
-using namespace bcmtest;
+using swtest::Bytes;
+using Requests = std::vector<std::pair<unsigned, Bytes>>;
+using Entry = swsim::BcmChip::VlanEntry;
+
+// A BCM switch bound to the driver, with the chip model behind its device.
+class BcmTest : public swtest::SwmgrTest {
+protected:
+    void SetUp() override {
+        SwmgrTest::SetUp();
+        ASSERT_TRUE(chip.attach(root->file("bcm-switch")));
+        sw = swtest::addSwitch("BCM", 1);
+        std::snprintf(sw->switchDevice, sizeof sw->switchDevice, "%s", root->file("bcm-switch").c_str());
+        ASSERT_EQ(0, bcmSwitchRegister(sw));
+    }
+    void TearDown() override {
+        if (fd > 0) osaClose(fd);
+        fd = 0;
+        chip.detach();
+        SwmgrTest::TearDown();
+    }
+    SwitchPort *addPort(int number, int pvid = 1) {
+        auto *p = static_cast<SwitchPort *>(std::calloc(1, sizeof(SwitchPort)));
+        *p = SwitchPort{{}, static_cast<uint32_t>(number + 100), number, sw, pvid, 0, 0, {}, 0, 0, {}, {}};
+        osaListNodeAppend(&sw->portList, p);
+        return p;
+    }
+    SwitchVlan *addVlan(int id, uint32_t fwd, uint32_t untag, const char *ifName = "eth0") {
+        auto *v = static_cast<SwitchVlan *>(std::calloc(1, sizeof(SwitchVlan)));
+        *v = SwitchVlan{{}, id, 0, {}, {}, {}, {}, {}, fwd, untag, 0, sw};
+        std::snprintf(v->interfaceName, sizeof v->interfaceName, "%s", ifName);
+        osaListNodeAppend(&sw->vlanList, v);
+        return v;
+    }
+    int config(int cmd, void *arg, int len) { return bcmSwitchConfig(sw, cmd, arg, len, nullptr, nullptr); }
+    Requests requests() const {
+        Requests out;
+        for (const auto &c : cap->ioctls) out.emplace_back(c.code, c.arg);
+        return out;
+    }
+    std::vector<Bytes> argsOf(unsigned code) const {
+        std::vector<Bytes> out;
+        for (const auto &c : cap->ioctls) if (c.code == code) out.push_back(c.arg);
+        return out;
+    }
+    template <typename F>
+    std::string printed(F fn) {  // what fn printed on standard output
+        testing::internal::CaptureStdout();
+        fn();
+        return testing::internal::GetCapturedStdout();
+    }
+    swsim::BcmChip chip;
+    Switch *sw = nullptr;
+};
+using BcmForms = swtest::BothForms<BcmTest>;
 SWTEST_BOTH_FORMS(BcmForms);
 
+constexpr unsigned kQos = 0xc0045320u, kPause = 0xc0045321u, kRate = 0xc0075322u, kTrust = 0xc006531eu,
+                   kSched = 0xc008531fu, kCos = 0xc0055323u, kClear = 0x80055310u, kEntry = 0x80075312u,
+                   kTagSet = 0x80065307u, kNon8021q = 0x80065311u, kPairQuery = 0x80045303u,
+                   kPairAdd = 0x80045304u, kPairDelete = 0x80045305u;
+
+
 TEST_P(BcmForms, CommandEntryChecksExactSizesAndBindingKeepsDescriptors) {
-    const struct {
-        int cmd, len;
-        const char *line;
-    } served[] = {{33, 1300, "(switch=BCM) Processing vlan enable update request (33)\n"},
+    const struct { int cmd, len; const char *line; } served[] = {{33, 1300, "(switch=BCM) Processing vlan enable update request (33)\n"},
                   {34, 1312, "(switch=BCM) Processing vlan membership update request (34)\n"},
                   {35, 1312, "(switch=BCM) Processing vlan membership apply request (35)\n"},
                   {41, 140, "(switch=BCM) Processing switch port configuration set request (41)\n"}};
@@ -110,16 +171,14 @@ TEST_P(BcmForms, ReadOnlyQueriesAndDumps) {
 TEST(BcmChipModel, RefusesEveryFieldOutsideWhatTheDriverSends) {
     struct Case {
         unsigned code;
-        Bytes arg;        // empty: the integer below is the argument
+        Bytes arg;  // empty: the integer below is the argument
         uintptr_t value;
         int result;
         const char *why;  // nullptr: accepted
     };
     const Case cases[] = {
-        {0x20005301u, {}, 1, -22, "argument not 0"},
-        {0x20005302u, {}, 7, -22, "argument not 0"},
-        {0x20005319u, {}, 5, -22, "port out of range"},
-        {0xc0045320u, {2, 0, 0, 0}, 0, -22, "switch not 0 or 1"},
+        {0x20005301u, {}, 1, -22, "argument not 0"}, {0x20005302u, {}, 7, -22, "argument not 0"},
+        {0x20005319u, {}, 5, -22, "port out of range"}, {0xc0045320u, {2, 0, 0, 0}, 0, -22, "switch not 0 or 1"},
         {0xc0045321u, {0, 0, 0, 1}, 0, -22, "switch not 0 or 1"},
         {0x80055310u, {0, 0x10, 0, 0, 0}, 0, -22, "VLAN id out of range"},
         {0x80055310u, {10, 0, 0, 1, 0}, 0, -22, "reserved bytes not 0"},
@@ -141,14 +200,11 @@ TEST(BcmChipModel, RefusesEveryFieldOutsideWhatTheDriverSends) {
         {0xc0055323u, {1, 0, 8, 0, 0}, 0, -22, "CoS or queue out of range"},
         {0xc0055323u, {1, 0, 7, 0, 4}, 0, -22, "CoS or queue out of range"},
         {0xc0055323u, {1, 0, 7, 1, 3}, 0, -22, "reserved byte not 0"},
-        {0x80045399u, {0, 0, 0, 0}, 0, -25, "unknown request"},
-        {0x80065307u, {}, 0, -14, "no argument record"},
+        {0x80045399u, {0, 0, 0, 0}, 0, -25, "unknown request"}, {0x80065307u, {}, 0, -14, "no argument record"},
         // What the driver does send.
-        {0x20005301u, {}, 0, 0, nullptr},
-        {0x80065307u, {1, 0, 10, 0, 0, 0}, 0, 0, nullptr},
+        {0x20005301u, {}, 0, 0, nullptr}, {0x80065307u, {1, 0, 10, 0, 0, 0}, 0, 0, nullptr},
         {0x80075312u, {10, 0, 0x1f, 0, 0x01, 0, 0}, 0, 0, nullptr},
-        {0xc0075322u, {1, 0, 1, 0xa0, 0x86, 0x01, 0x00}, 0, 0, nullptr},
-        {0xc0055323u, {1, 0, 7, 0, 3}, 0, 0, nullptr},
+        {0xc0075322u, {1, 0, 1, 0xa0, 0x86, 0x01, 0x00}, 0, 0, nullptr}, {0xc0055323u, {1, 0, 7, 0, 3}, 0, 0, nullptr},
     };
     swsim::BcmChip chip;
     const std::string fresh = chip.describe();
@@ -187,6 +243,145 @@ TEST(BcmChipModel, RefusesEveryFieldOutsideWhatTheDriverSends) {
     EXPECT_EQ(chip.vlan(10), (swsim::BcmChip::VlanEntry{0x1f, 0x01}));
     EXPECT_EQ(chip.port(1).rate, (swsim::BcmChip::RateLimit{1, 100000}));
     EXPECT_EQ(chip.port(1).cosQueue, (std::map<uint8_t, uint8_t>{{7, 3}}));
+}
+
+
+
+TEST_P(BcmForms, QosRecordsAndTheirResults) {
+    uint32_t on = 1;
+    SwitchRateLimitArg rate{3, 1, {0xee, 0xee, 0xee}, 100000};
+    SwitchTrustModeArg trust{2, 0x01020304};
+    EXPECT_EQ(0, bcmQoSConfigure(sw, &on));
+    EXPECT_EQ(0, bcmPauseFrameConfigure(sw, &on));
+    EXPECT_EQ(0, bcmRateLimitConfigure(sw, &rate));
+    EXPECT_EQ(-22, bcmTrustModeConfigure(sw, &trust));  // no such mode: the bytes still show the layout
+    EXPECT_EQ(requests(), (Requests{{kQos, {1, 0, 0, 0}}, {kPause, {1, 0, 0, 0}},
+                                    {kRate, {3, 0, 1, 0xa0, 0x86, 0x01, 0x00}}, {kTrust, {2, 0, 4, 3, 2, 1}}}));
+
+    cap->clear();
+    trust.trustMode = 4;
+    rate.portNumber = trust.portNumber = 9;  // the chip refuses
+    EXPECT_EQ(-22, bcmRateLimitConfigure(sw, &rate));
+    EXPECT_EQ(-22, bcmTrustModeConfigure(sw, &trust));
+    chip.failRequest(kPause, -5, 1);
+    EXPECT_EQ(-5, bcmPauseFrameConfigure(sw, &on));
+    chip.failRequest(kQos, 3, 1);  // passed up, but reported as a failure
+    EXPECT_EQ(3, bcmQoSConfigure(sw, &on));
+    EXPECT_TRUE(cap->logsAre({{8, "bcmRateLimitConfigure", "(switch=BCM) failed to configure rate limit rule on 9 \n"},
+                            {8, "bcmTrustModeConfigure", "(switch=BCM) failed to configure trust mode for 9 \n"},
+                            {8, "bcmPauseFrameConfigure", "(switch=BCM) configuring  pause frames failed.\n"},
+                            {64, "bcmQoSConfigure", "(switch=BCM) QoS Enable status 1\n"},
+                            {128, "bcmQoSConfigure", "(switch=BCM) QoS Enable configuration (Failed).\n"}}));
+    EXPECT_EQ(-1, bcmQoSConfigure(nullptr, &on));
+    EXPECT_EQ(-1, bcmRateLimitConfigure(sw, nullptr));
+
+    // Queue scheduling and CoS maps walk the matching ports.
+    for (int n : {2, 0, 1}) addPort(n);
+    SwitchQueueSchedArg arg{1, 9, 2, 1, 2, 3, 0x104};  // queue count not sent; weights are bytes
+    EXPECT_EQ(0, bcmQueueSchedConfigure(sw, &arg));
+    arg.portNumber = -1;
+    EXPECT_EQ(0, bcmQueueSchedConfigure(sw, &arg));
+    EXPECT_EQ(argsOf(kSched), (std::vector<Bytes>{{1, 0, 0, 2, 1, 2, 3, 4}, {2, 0, 0, 2, 1, 2, 3, 4},
+                                                  {0, 0, 0, 2, 1, 2, 3, 4}, {1, 0, 0, 2, 1, 2, 3, 4}}));
+    cap->clear();
+    arg.portNumber = 7;  // no such port
+    EXPECT_EQ(-1, bcmQueueSchedConfigure(sw, &arg));
+    EXPECT_TRUE(cap->ioctls.empty());
+    arg.portNumber = -1;
+    chip.failRequest(kSched, -5, 1);
+    EXPECT_EQ(-5, bcmQueueSchedConfigure(sw, &arg));
+    EXPECT_EQ(1u, argsOf(kSched).size());
+
+    BcmCosQueueMapArg cos{1, 0x105, 99, 2};
+    EXPECT_EQ(0, bcmCosQueueMapConfigure(sw, &cos));
+    EXPECT_EQ(argsOf(kCos), (std::vector<Bytes>{{1, 0, 5, 0, 2}}));
+    cos.portNumber = -1;
+    chip.failRequest(kCos, -5);
+    EXPECT_EQ(-5, bcmCosQueueMapConfigure(sw, &cos));
+    EXPECT_TRUE(
+        cap->logsAre({{128, "bcmQueueSchedConfigure", "(switch=BCM) Queue Schedule configuration (Failed) \n"},
+                      {8, "bcmQueueSchedConfigure", "(switch=BCM) configuring Scheduling on port-1 failed.\n"},
+                      {128, "bcmCosQueueMapConfigure", "(switch=BCM) Trust mode Configuration (Success) \n"},
+                      {8, "bcmCosQueueMapConfigure", "(switch=BCM) failed to configure cos queue mapping for 2 \n"}}));
+}
+
+
+
+TEST_P(BcmForms, EntryGetsCpuPortOnlyWhenItHasMembers) {
+    EXPECT_EQ(0, config(35, addVlan(10, 0x03, 0x01, "eth0"), SW_VLAN_REC_LEN));
+    EXPECT_EQ(0, config(35, addVlan(11, 0x00, 0x00, "eth0"), SW_VLAN_REC_LEN));
+    EXPECT_EQ(requests(), (Requests{{kClear, {10, 0, 0, 0, 0}}, {kEntry, {10, 0, 0x13, 0, 0x01, 0, 0}},
+                                    {kClear, {11, 0, 0, 0, 0}}, {kEntry, {11, 0, 0, 0, 0, 0, 0}}}));
+    addVlan(12, 0x02, 0x00, "eth0")->inSwitchOnly = 1;  // port 0 in place of the CPU port
+    addVlan(13, 0x04, 0x00, "eth1");                    // no CPU port outside the LAN zone
+    addVlan(14, 0x08, 0x00, "eth0.100");                // nor for a sub-interface
+
+    // The whole list: a failed clear does not stop the write, a failed write stops the walk.
+    chip.state().vlans.clear();
+    chip.failRequest(kClear, -5, 1);
+    EXPECT_EQ(0, config(35, nullptr, SW_VLAN_REC_LEN));
+    EXPECT_EQ(chip.state().vlans, (std::map<uint16_t, Entry>{{10, {0x13, 0x01}}, {11, {0, 0}}, {12, {0x03, 0}},
+                                                             {13, {0x05, 0}}, {14, {0x09, 0}}}));
+    chip.state().vlans.clear();
+    chip.failRequest(kEntry, -5, 1);
+    EXPECT_EQ(-5, config(35, nullptr, SW_VLAN_REC_LEN));
+    EXPECT_TRUE(chip.state().vlans.empty());
+    EXPECT_EQ(1, cap->countLog("(switch=BCM) (vlan:10) Failed to configure membership for vlan10\n"));
+}
+
+TEST_P(BcmForms, UpdateKeepsEachPortUntaggedInOneVlan) {
+    SwitchVlan *v10 = addVlan(10, 0x07, 0x03);
+    SwitchVlan *v20 = addVlan(20, 0x01, 0x00);
+    SwitchVlan *v30 = addVlan(30, 0x06, 0x06);
+    SwitchVlan update = *v20;
+    update.fwdMap = 0x0f;
+    update.untagMap = 0x02;
+    EXPECT_EQ(0, config(34, &update, SW_VLAN_REC_LEN));
+    EXPECT_EQ((std::vector<uint32_t>{v10->untagMap, v10->fwdMap, v20->untagMap, v20->fwdMap, v30->untagMap}),
+              (std::vector<uint32_t>{0x01, 0x07, 0x02, 0x0f, 0x04}));
+    EXPECT_TRUE(cap->ioctls.empty());
+}
+
+TEST_P(BcmForms, PortConfigTakesPvidFromLastUntaggedVlanAndWidens) {
+    SwitchPort *p0 = addPort(0), *p1 = addPort(1), *p2 = addPort(2, 7);
+    addPort(3), addPort(4);
+    // Without VLANs only the given port is written.
+    EXPECT_EQ(0, config(41, p2, SW_PORT_REC_LEN));
+    EXPECT_EQ(requests(), (Requests{{kTagSet, {2, 0, 7, 0, 0, 0}}, {kNon8021q, {2, 0, 1, 0, 0, 0}}}));
+
+    addVlan(10, 0x03, 0x01);
+    addVlan(20, 0x01, 0x01);
+    EXPECT_EQ(0, config(41, nullptr, SW_PORT_REC_LEN));
+    EXPECT_EQ((std::vector<int>{p0->PVID, p0->non8021qFramesStatus, p1->PVID, p1->non8021qFramesStatus}),
+              (std::vector<int>{20, 0, 1, 1}));
+    EXPECT_EQ(chip.port(0).tag, (swsim::BcmChip::Tag{20, 0, 0}));
+    for (int n = 0; n < 5; ++n) EXPECT_EQ(n == 0 ? 0u : 1u, chip.port(n).non8021q) << n;
+
+    // Once a VLAN exists, one port's record writes every port.
+    cap->clear();
+    EXPECT_EQ(0, config(41, p2, SW_PORT_REC_LEN));
+    EXPECT_EQ(5u, argsOf(kNon8021q).size());
+}
+
+TEST_P(BcmForms, PortBasedVlansAddTheCpuPort) {
+    SwitchVlan *v = addVlan(10, 0x05, 0x00);
+    EXPECT_EQ(0, bcmPortVlanConfig(nullptr, v));
+    for (int n = 0; n < 5; ++n) EXPECT_EQ(n == 0 || n == 2 ? 0x15 : 0x1f, chip.port(n).fwdMap) << n;
+    EXPECT_EQ(argsOf(kPairAdd), (std::vector<Bytes>{{0, 0, 0, 0}, {0, 0, 2, 0}, {0, 0, 4, 0},
+                                                    {2, 0, 0, 0}, {2, 0, 2, 0}, {2, 0, 4, 0}}));
+    EXPECT_EQ(0, bcmPortVlanDeConfig(nullptr, v));
+    EXPECT_EQ(0x1f, chip.port(0).fwdMap);  // default map restored
+
+    // The CPU port's default port-based VLAN touches member 0 only.
+    cap->clear();
+    chip.port(4).fwdMap = 0x1e;
+    EXPECT_EQ(0, bcmDefPortVlanConfig(4));
+    EXPECT_EQ(0x1f, chip.port(4).fwdMap);
+    EXPECT_EQ(requests(), (Requests{{kPairQuery, {4, 0, 0, 0}}, {kPairAdd, {4, 0, 0, 0}}}));
+    chip.failRequest(kPairDelete, -5, 1);  // a reset logs and carries on
+    EXPECT_EQ(0, bcmPortVlanReset(3));
+    EXPECT_EQ(0x01, chip.port(3).fwdMap);
+    EXPECT_EQ(1, cap->countLog("ERROR#-5 deleting Port 0 in forward map of port:3\n"));
 }
 
 }  // namespace

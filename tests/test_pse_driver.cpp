@@ -1,9 +1,54 @@
 // SPDX-License-Identifier: Apache-2.0
-// The PSE driver's attach, command table and forwarding to lower switches.
-#include "pse_fixture.h"
+// The PSE driver on the engine model: attach, its command table and the
+// forwarding to lower switches, QoS, VLAN membership with the CPU's ARL entry
+// and the MAC address text; and the engine model itself, whose lines are read
+// as the device's shell reads them and whose pipelines compute as its awk does.
+#include <cstdlib>
+
+#include "drivers/pse/pse.h"
+#include "host_vlan.h"
+#include "pse_engine.h"
+#include "shell.h"
+#include "swmgr/portvlan.h"
+#include "swmgr_test.h"
 
 namespace {
-using namespace psetest;
+using Lines = std::vector<std::string>;
+using swsim::PseEngine;
+
+// A PSE switch bound to its driver, with the engine model behind the command seams.
+class PseTest : public swtest::SwmgrTest {
+protected:
+    void SetUp() override {
+        SwmgrTest::SetUp();
+        engine.attach();  // behind the capture, which records every line first
+        pse = swtest::addSwitch("PSE", 2);
+        pse->lowerLvlForward = 0;  // tests that forward switch it on
+        ASSERT_EQ(0, pseSwitchRegister(pse));
+    }
+    void TearDown() override {
+        engine.detach();
+        SwmgrTest::TearDown();
+    }
+    // A port of `sw` standing for each of `lowers`, whose switch joins sw's lower-level list.
+    static SwitchPort *addPort(Switch *sw, int number, std::initializer_list<SwitchPort *> lowers = {}) {
+        auto *p = static_cast<SwitchPort *>(std::calloc(1, sizeof(SwitchPort)));
+        p->portNumber = number, p->sw = sw;
+        osaListInit(&p->mappedPorts);
+        osaListNodeAppend(&sw->portList, p);
+        for (SwitchPort *lower : lowers) {
+            auto *m = static_cast<SwitchPortMapEntry *>(std::calloc(1, sizeof(SwitchPortMapEntry)));
+            m->port = lower;
+            osaListNodeAppend(&p->mappedPorts, m);
+            switchLowerLvlSwitchListAppend(sw, lower->sw);
+        }
+        return p;
+    }
+    swsim::PseEngine engine;
+    Switch *pse = nullptr;
+};
+using PseForms = swtest::BothForms<PseTest>;
+SWTEST_BOTH_FORMS(PseForms);
 
 // A REC switch below the PSE, with PSE port 7 standing for its ports 3 and 5.
 class PseForwardTest : public PseTest {
@@ -105,7 +150,317 @@ TEST_P(PseForwardForms, CommandEntryAndForwarding) {
     EXPECT_EQ(1, cap->countLog("Failed to process cmd (47) in lower switch REC\n"));
 }
 
-SWTEST_BOTH_FORMS(PseForms);
 SWTEST_BOTH_FORMS(PseForwardForms);
+
+
+// The pipeline that sets (or clears) bit 31 of a register: read it, and
+// write back "%#x" of the high half followed by "%x" of the low half.
+std::string pipeline(bool set, const std::string &reg) {
+    const std::string bit = set ? "val = lshift(1,31);" : "val1 = lshift(1,31); val = val1^0xFFFFFFFF ;";
+    return "/sysx2.0/bin/memrw " + reg + " w |grep Value | cut -d':' -f 2 |     awk '{rl = $1; " + bit + " reg = " +
+           reg + " ;     res = " + (set ? "or" : "and") + " (rl, val) ; fh = rshift (res, 16);     sh = and (res, " +
+           "0xFFFF); final_value = sprintf (\"%#x%x\", fh, sh);     cmd = \"/sysx2.0/bin/memrw \"reg\" w \"" +
+           "final_value;  system (cmd);}'";
+}
+
+TEST_P(PseForms, RateLimitsQosAndTrustModes) {
+    addPort(pse, 3);
+    // Any non-zero status fails: a negative rate is below 64 and reaches
+    // the engine, which refuses the negative value.
+    const struct {
+        uint32_t port;
+        uint8_t action;
+        int32_t rate;
+        int status;
+        const char *line;
+    } cases[] = {{3, 1, 64, 0, "rate_limit_func set 3 1 0"},      {3, 1, 8128, 0, "rate_limit_func set 3 127 0"},
+                 {3, 1, 8129, 0, "rate_limit_func set 3 7 1"},    {3, 1, 130048, 0, "rate_limit_func set 3 127 1"},
+                 {3, 1, 130049, 0, "rate_limit_func set 3 12 2"}, {3, 1, 1300480, 0, "rate_limit_func set 3 127 2"},
+                 {3, 1, 10, 0, "rate_limit_func set 3 0 1"},      {3, 0, 999999, 0, "rate_limit_func set 3 0 0"},
+                 {3, 1, 63, 0, "rate_limit_func set 3 0 1"},      {3, 1, -5000, 1, "rate_limit_func set 3 -4 1"},
+                 {3, 1, 1300481, -1, nullptr},                   {3, 2, 64, -1, nullptr},
+                 {4, 1, 64, -1, nullptr}};
+    for (const auto &c : cases) {
+        cap->clear();
+        SwitchRateLimitArg arg{c.port, c.action, {}, static_cast<uint32_t>(c.rate)};
+        EXPECT_EQ(c.status, pseRateLimitConfigure(pse, &arg)) << c.rate;
+        EXPECT_EQ(c.line ? Lines{c.line} : Lines{}, cap->commands) << c.rate;
+    }
+    EXPECT_TRUE(cap->logsAre({{8, "pseRateLimitConfigure", "(switch=PSE) Failed to find port (4). \n"}}));
+
+    // QoS off, and the five trust modes.
+    uint32_t off = 0;
+    EXPECT_EQ(0, pseQoSConfigure(pse, &off));
+    EXPECT_EQ(Lines{"sppe_ioctl rl disable"}, cap->commands);
+    const char *flags[] = {"1 0 0 0 0", "0 0 0 1 0", "0 0 1 0 0", "0 0 0 0 1", "0 1 0 0 0"};
+    for (int mode = 0; mode < 5; ++mode) {
+        SwitchTrustModeArg arg{3, mode};
+        EXPECT_EQ(0, pseTrustModeConfigure(pse, &arg));
+        EXPECT_EQ(std::string("pri_ctl_func set 3 ") + flags[mode], cap->commands.back());
+    }
+    SwitchTrustModeArg invalid{3, 5}, fine{3, 0};
+    EXPECT_EQ(-1, pseTrustModeConfigure(pse, &invalid));
+    engine.failCommand("pri_ctl_func", 3, true);
+    EXPECT_EQ(3, pseTrustModeConfigure(pse, &fine));  // the status is passed up
+}
+
+TEST_P(PseForms, QueueSchedulingAndPauseFrames) {
+    addPort(pse, 1);
+    addPort(pse, 3);
+    SwitchQueueSchedArg threeQueues{-1, 3, 0, 1, 1, 1, 1}, mode2{-1, 4, 2, 1, 1, 1, 1};
+    EXPECT_EQ(-1, pseQueueSchedConfigure(pse, &threeQueues));
+    EXPECT_EQ(-1, pseQueueSchedConfigure(pse, &mode2));
+    EXPECT_TRUE(cap->logsAre({{8, "pseQueueSchedConfigure", "(switch=PSE) Invalid number of queues  (3)\n"},
+                              {8, "pseQueueSchedConfigure", "(switch=PSE) Invalid schedule mode  (2)\n"}}));
+    EXPECT_TRUE(cap->commands.empty());
+
+    SwitchQueueSchedArg all{-1, 4, 3, 1, 2, 4, 8}, one{3, 1, 0, 0, 3, 128, -5}, two{3, 2, 1, 1, 1, 1, 1};
+    EXPECT_EQ(0, pseQueueSchedConfigure(pse, &all));
+    EXPECT_EQ(0, pseQueueSchedConfigure(pse, &one));
+    EXPECT_EQ(0, pseQueueSchedConfigure(pse, &two));
+    EXPECT_EQ((Lines{"tc_func set 2", "queue_weight_func set 1 2 0 1 2 3", "queue_weight_func set 3 2 0 1 2 3",
+                     "tc_func set 0", "queue_weight_func set 3 1 -2147483648 1 7 0", "tc_func set 1",
+                     "queue_weight_func set 3 0 0 0 0 0"}),
+              cap->commands);
+
+    // Any non-zero status stops.
+    cap->clear();
+    engine.failCommand("tc_func set 2", 4, false, 1);
+    EXPECT_EQ(4, pseQueueSchedConfigure(pse, &all));
+    engine.failCommand("queue_weight_func set 1", 1, true, 1);
+    EXPECT_EQ(1, pseQueueSchedConfigure(pse, &all));
+    EXPECT_EQ((Lines{"tc_func set 2", "tc_func set 2", "queue_weight_func set 1 2 0 1 2 3"}), cap->commands);
+
+    // Pause frames: bit 31 of three registers rewritten.
+    cap->clear();
+    engine.setReg(0x7000000C, 0x1234);
+    engine.setReg(0x70000010, 0x12);
+    uint32_t on = 1, other = 2;
+    EXPECT_EQ(0, psePauseFrameConfigure(pse, &on));
+    EXPECT_EQ((Lines{pipeline(true, "0x7000000c"), pipeline(true, "0x70000010"), pipeline(true, "0x70000018")}),
+              cap->systemCommands);
+    EXPECT_TRUE(cap->logsAre({{64, "psePauseFrameConfigure", "(switch=PSE) Pause Frame configuration Success \n"}}));
+    EXPECT_EQ(0x80001234u, engine.reg(0x7000000C));
+    EXPECT_EQ(0x00800012u, engine.reg(0x70000010));  // the low half lost its zeros
+    EXPECT_EQ(0x00080000u, engine.reg(0x70000018));
+    cap->clear();
+    EXPECT_EQ(0, psePauseFrameConfigure(pse, &other));
+    EXPECT_EQ((Lines{pipeline(false, "0x7000000c"), pipeline(false, "0x70000010"), pipeline(false, "0x70000018")}),
+              cap->systemCommands);
+
+    // Without the engine: a pipeline that exited 1 goes on, a failed
+    // system() stops at once.
+    engine.detach();
+    cap->clear();
+    cap->systemStatus = 256;
+    EXPECT_EQ(256, psePauseFrameConfigure(pse, &on));
+    cap->systemStatus = -1;
+    EXPECT_EQ(-1, psePauseFrameConfigure(pse, &on));
+    EXPECT_EQ(4u, cap->systemCommands.size());
+}
+
+
+
+// PSE ports 1, 5 and 33 over BCM ports 1 to 4: port 5 stands for BCM 1
+// and 3, port 1 for BCM 2, port 33 for BCM 4.
+class PseVlanTest : public PseTest {
+protected:
+    void SetUp() override {
+        PseTest::SetUp();
+        host.enableHwAddr();
+        host.setMac("eth1", {0x00, 0x1A, 0x2B, 0x3C, 0x4D, 0x5E});
+        Switch *bcm = swtest::addSwitch("BCM", 1);
+        addPort(pse, 1, {addPort(bcm, 2)});
+        addPort(pse, 5, {addPort(bcm, 1), addPort(bcm, 3)});
+        addPort(pse, 33, {addPort(bcm, 4)});
+        addPort(pse, 9);  // maps nothing, never joins
+        vlan.vlanId = 100;
+        vlan.vlanIndex = 3;
+        cap->clear();
+    }
+    int apply(uint32_t fwdMap, const char *ifName = "eth1") {
+        vlan.fwdMap = fwdMap;
+        std::snprintf(vlan.interfaceName, sizeof vlan.interfaceName, "%s", ifName);
+        return pseSwitchConfig(pse, 35, &vlan, SW_VLAN_REC_LEN, nullptr, nullptr);
+    }
+    // eth0 answers 02:00:00:00:00:01, the long name 02:00:00:00:00:03.
+    swsim::HostVlanModel host{{"eth0", "eth1", "a-very-long-int"}};
+    SwitchVlan vlan{};
+};
+using PseVlanForms = swtest::BothForms<PseVlanTest>;
+
+TEST_P(PseVlanForms, MembershipMapsFollowThePsePortNumbers) {
+    // No member: zero maps, and the ARL entry deleted with an empty MAC.
+    EXPECT_EQ(0, apply(0));
+    EXPECT_EQ((Lines{"vlan_table_func edit 3 0 0x0 0x0 100  1", "arl_table_func del  100"}), cap->commands);
+    EXPECT_TRUE(cap->logsAre(
+        {{64, "pseSwitchConfig", "Processing vlan membership configure request (35)\n"},
+         {-1, "pseVlanMembershipSet", "Configuration: etagMap 0, mbMap 0, isWan 0, macAddr \n"},
+         {8, "pseVlanMembershipConfigure", "cmd (vlan_table_func edit 3 0 0x0 0x0 100  1) returned (0).\n"},
+         {8, "pseCpuARLTableEntryDelete", "cmd (arl_table_func del  100) returned (1).\n"},
+         {64, "pseSwitchConfig", "handler not defined for command (35)\n"}}));
+    EXPECT_TRUE(cap->ioctls.empty());
+
+    // BCM port 3 alone: PSE port 5 and the CPU; the MAC text brings its
+    // newline into both lines.
+    cap->clear();
+    EXPECT_EQ(0, apply(0x4));
+    EXPECT_EQ((Lines{"vlan_table_func edit 3 1 0x24 0x24 100 00:1a:2b:3c:4d:5e\n 1",
+                     "arl_table_func add 00:1a:2b:3c:4d:5e\n 100 0x4 0x1"}),
+              cap->commands);
+    const struct {
+        uint32_t fwdMap;
+        const char *ifName, *edit;
+    } cases[] = {{0x6, "eth0", "vlan_table_func edit 3 0 0x26 0x26 100 02:00:00:00:00:01\n 1"},
+                 {0x8, "eth1", "vlan_table_func edit 3 1 0x6 0x6 100 00:1a:2b:3c:4d:5e\n 1"},  // 33 is bit 1
+                 {0xF, "eth1", "vlan_table_func edit 3 1 0x26 0x26 100 00:1a:2b:3c:4d:5e\n 1"}};
+    for (const auto &c : cases) {
+        cap->clear();
+        EXPECT_EQ(0, apply(c.fwdMap, c.ifName));
+        EXPECT_EQ(c.edit, cap->commands.at(0)) << c.fwdMap;
+    }
+
+    // The MAC text, cut interface names, and the cleared address of a
+    // failed request (which still succeeds).
+    char out[PSE_MAC_TEXT_LEN];
+    EXPECT_EQ(0, switchMacAddressByIfNameGet("eth1", out));
+    EXPECT_STREQ("00:1a:2b:3c:4d:5e\n", out);
+    EXPECT_EQ(0, switchMacAddressByIfNameGet("a-very-long-interface-name", out));
+    EXPECT_STREQ("02:00:00:00:00:03\n", out);
+    EXPECT_EQ(0, switchMacAddressByIfNameGet("eth9", out));
+    EXPECT_STREQ("00:00:00:00:00:00\n", out);
+    EXPECT_EQ(SW_EINVAL, switchMacAddressByIfNameGet("eth1", nullptr));
+}
+
+TEST_P(PseVlanForms, OnlyNegativeEngineStatusesFail) {
+    engine.failCommand("vlan_table_func", -1, true, 1);
+    EXPECT_EQ(-1, apply(0x4));
+    EXPECT_EQ(1u, cap->commands.size());
+    engine.failCommand("arl_table_func add", -7, true, 1);
+    EXPECT_EQ(-7, apply(0x4));
+    EXPECT_EQ(nullptr, engine.vlanEntry(3));  // its line carried the MAC text's newline
+    engine.failCommand("arl_table_func del", -2, true, 1);
+    EXPECT_EQ(-2, apply(0));
+    engine.failCommand("vlan_table_func", 9, true, 1);
+    EXPECT_EQ(0, apply(0x4));
+    EXPECT_EQ(7u, cap->commands.size());
+}
+
+SWTEST_BOTH_FORMS(PseVlanForms);
+
+
+TEST(ShellReader, SplitsCommandsStagesAndWordsAsTheShellDoes) {
+    using Cmds = std::vector<std::vector<swsim::Words>>;
+    auto parsed = [](const char *line) {
+        Cmds out;
+        auto commands = swsim::shellParse(line);
+        if (commands)
+            for (const auto &c : *commands) out.push_back(c.stages);
+        return out;
+    };
+    EXPECT_EQ(parsed("a  b\n 1 2;c"), (Cmds{{{"a", "b"}}, {{"1", "2"}}, {{"c"}}}));
+    EXPECT_EQ(parsed("x 'a \"b\" $1' \"c\\\"d\" e\\ f '' # rest"), (Cmds{{{"x", "a \"b\" $1", "c\"d", "e f", ""}}}));
+    EXPECT_EQ(parsed("m w |grep V | cut -d':' -f 2\n\n;"), (Cmds{{{"m", "w"}, {"grep", "V"}, {"cut", "-d:", "-f", "2"}}}));
+    for (const char *beyond : {"a > b", "a $x", "a 'open", "a | | b", "a |", "a && b", "a `b`", "a *"})
+        EXPECT_FALSE(swsim::shellParse(beyond).has_value()) << beyond;
+}
+
+struct LineCase {
+    const char *line;
+    int status;
+    std::vector<std::string> notes;  // history entries after the line
+};
+
+TEST_F(PseTest, ToolsRefuseWhatTheyCannotTakeAndTheShellSplitsAtNewlines) {
+    const LineCase cases[] = {
+        {"sppe_ioctl rl on", 1, {"sppe_ioctl: usage: sppe_ioctl rl enable|disable"}},
+        {"tc_func set", 1, {"tc_func: usage: too few arguments (1)"}},
+        {"tc_func set 3", 1, {"tc_func: invalid value"}},
+        {"rate_limit_func set 3 128 0", 1, {"rate_limit_func: invalid value"}},
+        {"queue_weight_func set 1 2 0 1 2", 1, {"queue_weight_func: usage: too few arguments (6)"}},
+        {"pri_ctl_func set 3 0 2 0 0 0", 1, {"pri_ctl_func: invalid value"}},
+        {"vlan_table_func edit 3 0 24 0x24 100 00:1a:2b:3c:4d:5e 1", 1, {"vlan_table_func: invalid value"}},
+        {"vlan_table_func edit 3 0 0x0 0x0 100 1 1 1", 1, {"vlan_table_func: usage: too many arguments (9)"}},
+        {"arl_table_func flush", 1, {"arl_table_func: unknown operation flush"}},
+        // The MAC text's newline ends the command: the tool lacks its last
+        // values and the rest is a command of its own.
+        {"vlan_table_func edit 4 0 0x6 0x6 10 02:00:00:00:00:01\n 1", 127,
+         {"vlan_table_func: invalid value", "1: not found"}},  // six values: the MAC stands for the valid flag
+        {"arl_table_func add 02:00:00:00:00:01\n 10 0x4 0x1", 127,
+         {"arl_table_func add: usage: too few arguments (2)", "10: not found"}},
+        {"arl_table_func del  20", 1, {"arl_table_func del: usage: too few arguments (2)"}},
+        {"tc_func set 1; reboot", 127, {"reboot: not found"}},
+    };
+    for (const auto &c : cases) {
+        const std::string before = engine.dump();
+        const size_t seen = engine.history().entries().size();
+        EXPECT_EQ(c.status, osaCmdExec(c.line, nullptr, 0)) << c.line;
+        std::vector<std::string> notes{c.line};
+        notes.insert(notes.end(), c.notes.begin(), c.notes.end());
+        EXPECT_EQ(engine.history().last(engine.history().entries().size() - seen), notes) << c.line;
+        if (c.status == 1) {
+            EXPECT_EQ(before, engine.dump()) << c.line;
+        }
+    }
+
+    // Another tool's line, and one beyond the reader, pass on to the capture.
+    cap->unhandledCommandStatus = 42;
+    for (const char *other : {"tc_funcs set 1", "grep x", "tc_func set 1 >/dev/null"})
+        EXPECT_EQ(42, osaCmdExec(other, nullptr, 0)) << other;
+
+    engine.reset();
+    engine.failCommand("tc_func", -9, true, 1);
+    EXPECT_EQ(-9, osaCmdExec("tc_func set 1", nullptr, 0));
+    const char *good[] = {"tc_func set 1", "sppe_ioctl rl enable", "vlan_table_func edit 2 1 0x24 0x24 100 00:1A:2b:3c:4d:5e 1",
+                          "vlan_table_func edit 0 0 0x0 0x0 7  1", "arl_table_func add 00:1a:2b:3c:4d:5e 100 0x4 0x1",
+                          "arl_table_func add 02:00:00:00:00:01 7 0x4 0x1", "arl_table_func del 02:00:00:00:00:01 7",
+                          "rate_limit_func set 3 12 2", "queue_weight_func set 1 2 -2147483648 1 2 3",
+                          "'pri_ctl_func' set 3 0 1 0 0 0"};
+    for (const char *line : good) EXPECT_EQ(0, osaCmdExec(line, nullptr, 0)) << line;
+    EXPECT_EQ("qos enabled\ntraffic-class 1\nvlan 0 vid 7 wan 0 etag 0x0 mb 0x0 mac - valid 1\n"
+              "vlan 2 vid 100 wan 1 etag 0x24 mb 0x24 mac 00:1a:2b:3c:4d:5e valid 1\n"
+              "arl 00:1a:2b:3c:4d:5e vid 100 ports 0x4 flags 0x1\nrate-limit port 3 value 12 unit 2\n"
+              "queue-weight port 1 mode 2 exp -2147483648 1 2 3\ntrust port 3 flags 0 1 0 0 0\n"
+              "reg 0x7000000c 0x0\nreg 0x70000010 0x0\nreg 0x70000018 0x0\n",
+              engine.dump());
+}
+
+// awk's ^ is a power: the clear pipeline ANDs with +inf, which the device
+// takes as all ones, so bit 31 stays; what changes the register is the
+// written text, whose low half lost its leading zeros (and a high half of
+// 0 prints as "0", making the text octal or unreadable).
+TEST_F(PseTest, PausePipelinesLeaveWhatTheDevicesAwkComputes) {
+    const std::string set = pipeline(true, "0x7000000c"), clear = pipeline(false, "0x7000000c");
+    struct Case {
+        const std::string &line;
+        uint32_t before, after;
+        const char *written;  // the write the awk program ran
+    };
+    // (Setting from 0 and from 0x1234 is checked on the driver's pause frames.)
+    const Case cases[] = {{set, 0x80000, 0x80080, "0x80080"},      {clear, 0x80001234, 0x80001234, "0x80001234"},
+                          {clear, 0x80000000, 0x80000, "0x80000"}, {clear, 0x1234, 01234, "01234"},
+                          {clear, 0xabcd, 0xabcd, "0abcd"}};
+    for (const auto &c : cases) {
+        engine.setReg(0x7000000c, c.before);
+        EXPECT_EQ(0, std::system(c.line.c_str()));
+        EXPECT_EQ(c.after, engine.reg(0x7000000c)) << std::hex << c.before;
+        Lines notes{c.line, std::string("awk: system(/sysx2.0/bin/memrw 1879048204 w ") + c.written + ")"};
+        if (c.before == 0xabcd) notes.push_back("memrw: invalid value");
+        EXPECT_EQ(notes, engine.history().last(notes.size()));
+    }
+
+    // A program outside the model changes nothing and is said to be.
+    engine.setReg(0x7000000c, 5);
+    EXPECT_EQ(2 << 8, std::system("/sysx2.0/bin/memrw 0x7000000c w | awk '{x = $1 + 1; system(\"/sysx2.0/bin/memrw 0x7000000c w \"x)}'"));
+    EXPECT_EQ(5u, engine.reg(0x7000000c));
+    EXPECT_EQ("awk: program not modelled: unexpected '+'", engine.history().entries().back());
+    EXPECT_EQ(1 << 8, std::system("/sysx2.0/bin/memrw 0x7000000c")) << "a wait status, as system() gives";
+    EXPECT_EQ(2 << 8, std::system("/sysx2.0/bin/memrw 0x7000000c w | cut -f 2 -d"));
+    EXPECT_EQ("cut: usage: -d<char> -f<number> only", engine.history().entries().back());
+    EXPECT_EQ(0, std::system("/sysx2.0/bin/memrw 0x7000000c w | cut -d : -f 2 | awk '{system(\"/sysx2.0/bin/memrw 0x10 w \"$1)}'"));
+    EXPECT_EQ(5u, engine.reg(0x10)) << "the value read, written elsewhere";
+    EXPECT_EQ("awk: system(/sysx2.0/bin/memrw 0x10 w 0x00000005)", engine.history().entries().back())
+        << "a field keeps its text";
+}
 
 }  // namespace

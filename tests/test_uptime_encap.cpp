@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // Uptime stamps and host VLAN sub-interfaces, checked against the exact
-// command lines and the host state the model ends in.
+// command lines and the host state the model ends in. What a successful
+// creation sends is pinned by the start-up transcript.
 #include <sys/stat.h>
 
-#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -19,20 +19,11 @@ using Lines = std::vector<std::string>;
 // and brought up, then identity priority maps in both directions.
 Lines createEth0Vlan100() {
     Lines out = {"vconfig rem eth0.100", "vconfig add eth0 100", "ifconfig eth0.100 up"};
-    for (int p = 0; p < 8; ++p) {
-        char map[32];
-        std::snprintf(map, sizeof map, " eth0.100 %d %d", p, p);
-        out.push_back(std::string("/sbin/vconfig set_ingress_map") + map);
-        out.push_back(std::string("/sbin/vconfig set_egress_map") + map);
-    }
+    for (const char *p : {"0", "1", "2", "3", "4", "5", "6", "7"})
+        for (const char *dir : {"in", "e"})
+            out.push_back(std::string("/sbin/vconfig set_") + dir + "gress_map eth0.100 " + p + " " + p);
     return out;
 }
-
-const std::string kIdentityEth0_100 =
-    "eth0 up\n"
-    "eth0.100 vlan 100 on eth0 up ingress 0:0 1:1 2:2 3:3 4:4 5:5 6:6 7:7 "
-    "egress 0:0 1:1 2:2 3:3 4:4 5:5 6:6 7:7\n"
-    "eth1 up\n";
 
 class EncapTest : public swtest::SwmgrTest {
 protected:
@@ -47,16 +38,6 @@ protected:
 };
 using EncapForms = swtest::BothForms<EncapTest>;
 SWTEST_BOTH_FORMS(EncapForms);
-
-TEST_P(EncapForms, CreateRunsEveryCommandAndStampsUptime) {
-    ASSERT_EQ(switchVlanEncapCreate(eth0, 100), 0);
-    const Lines expected = createEth0Vlan100();
-    EXPECT_EQ(cap->commands, expected);
-    // The stale-interface removal finds nothing on a clean host.
-    EXPECT_TRUE(cap->logsAre(swtest::encapCreateLogs("eth0", 100, 1)));
-    EXPECT_EQ(root->read("var/VLAN.100.Uptime"), "12345\n");
-    EXPECT_EQ(host.dump(), kIdentityEth0_100);
-}
 
 TEST_P(EncapForms, StatusOfAFailedAddOrOfTheLastEgressMapDecides) {
     // A failed add ends the creation with its status.
@@ -139,19 +120,14 @@ TEST_P(EncapForms, UptimeStampReadAndWrite) {
     uint32_t s = 99;
     EXPECT_EQ(timeEventGet(&s, "/proc/uptime"), 0);
     EXPECT_EQ(s, 12345u);
-    root->write("var/empty", "none\n");
-    EXPECT_EQ(timeEventGet(&s, "/var/empty"), 0);
-    EXPECT_EQ(s, 0u) << "a file without a number reads as zero";
-    // Beyond 32 bits, or negative: no number a stamp can hold.
-    for (const char *text : {"4294967296.5 1.0\n", "-1.00 2.00\n", "99999999999999999999999\n"}) {
-        root->write("var/big", text);
+    // No number, or beyond 32 bits, or negative: zero, as no stamp can hold it.
+    for (const auto &[text, value] : {std::pair{"none\n", 0u}, {"4294967296.5 1.0\n", 0u}, {"-1.00 2.00\n", 0u},
+                                      {"99999999999999999999999\n", 0u}, {"  4294967295.99 1\n", 4294967295u}}) {
+        root->write("var/t", text);
         s = 99;
-        EXPECT_EQ(timeEventGet(&s, "/var/big"), 0);
-        EXPECT_EQ(s, 0u) << text;
+        EXPECT_EQ(timeEventGet(&s, "/var/t"), 0);
+        EXPECT_EQ(s, value) << text;
     }
-    root->write("var/max", "  4294967295.99 1\n");
-    EXPECT_EQ(timeEventGet(&s, "/var/max"), 0);
-    EXPECT_EQ(s, 4294967295u);
     EXPECT_EQ(timeEventGet(&s, "/var/absent"), -1);
     EXPECT_EQ(timeEventGet(nullptr, "/proc/uptime"), -1);
     EXPECT_EQ(timeEventGet(&s, nullptr), -1);

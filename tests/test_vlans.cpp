@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // VLAN records on every switch: index, add, update, disable, delete, and the
-// host sub-interface that goes with each VLAN.
+// host sub-interface that goes with each VLAN, with the model of the host's tools.
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -22,10 +22,7 @@ using Lines = std::vector<std::string>;
 
 SwitchVlanConf vlanConf(int id, uint32_t fwd = 0x6, uint32_t untag = 0x2, int inSwitchOnly = 0) {
     SwitchVlanConf c{};
-    c.vlanId = id;
-    c.fwdMap = fwd;
-    c.untagMap = untag;
-    c.inSwitchOnly = inSwitchOnly;
+    c.vlanId = id, c.fwdMap = fwd, c.untagMap = untag, c.inSwitchOnly = inSwitchOnly;
     std::snprintf(c.interfaceName, sizeof c.interfaceName, "eth0");
     return c;
 }
@@ -65,11 +62,7 @@ protected:
         };
         reset();
     }
-    void reset() {
-        drv.calls.clear();
-        forwarding.clear();
-        cap->clear();
-    }
+    void reset() { drv.calls.clear(), forwarding.clear(), cap->clear(); }
     Ints cmdsTo(Switch *sw) const {
         Ints out;
         for (const auto &c : drv.calls) if (c.sw == sw) out.push_back(c.cmd);
@@ -85,10 +78,9 @@ SWTEST_BOTH_FORMS(VlanForms);
 // What creating VLAN `id` on one switch logs when all goes well.
 swtest::Logs created(const std::string &sw, int id) {
     const std::string vlan = "(switch=" + sw + ") (vlan:" + std::to_string(id) + ") ";
-    return {
-        {-1, "switchVlanConfParamsAssign", "Copying params for " + std::to_string(id) + " VLAN\n"},
-        {128, "switchVlanCfgApply", vlan + "Applying VLAN Configuration.\n"},
-        {64, "switchVlanByConfCreate", "(switch=" + sw + ") Created switch vlan (ID=" + std::to_string(id) + ")\n"}};
+    return {{-1, "switchVlanConfParamsAssign", "Copying params for " + std::to_string(id) + " VLAN\n"},
+            {128, "switchVlanCfgApply", vlan + "Applying VLAN Configuration.\n"},
+            {64, "switchVlanByConfCreate", "(switch=" + sw + ") Created switch vlan (ID=" + std::to_string(id) + ")\n"}};
 }
 swtest::Logs operator+(swtest::Logs a, const swtest::Logs &b) {
     a.insert(a.end(), b.begin(), b.end());
@@ -105,7 +97,7 @@ TEST_P(VlanForms, AddProgramsEachSwitchWithForwardingPausedThenTheHostAndTakesAn
     ASSERT_EQ(switchVlanConfAdd(&c), 0);
     EXPECT_TRUE(cap->logsAre(created("TOP", 100) + created("LOW", 100) + swtest::encapCreateLogs("eth0", 100)));
     ASSERT_EQ(drv.cmds(), (Ints{34, 41, 35, 34, 41, 35}));
-    EXPECT_EQ(cmdsTo(top), (Ints{34, 41, 35}));
+    EXPECT_EQ(cmdsTo(top), (Ints{34, 41, 35}));  // TOP first
     const SwitchVlan sent = seen(drv.calls[0]);
     EXPECT_EQ(std::tie(sent.vlanId, sent.fwdMap, sent.untagMap, sent.vlanIndex),
               std::make_tuple(100, 0x6u, 0x2u, first));
@@ -129,17 +121,15 @@ TEST_P(VlanForms, DuplicateOnTheFirstSwitchFailsBeforeAnyHostInterface) {
     SwitchVlanConf c = vlanConf(100);
     std::snprintf(c.vlanName, sizeof c.vlanName, "guest");
     ASSERT_EQ(switchVlanByConfCreate(top, &c), 0);
+    ASSERT_NE(switchVlanByIdGet(top, 100), nullptr);
     EXPECT_EQ(switchVlanByNameGet(top, "guest"), switchVlanByIdGet(top, 100));
-    EXPECT_NE(switchVlanByNameGet(top, "guest"), nullptr);
     EXPECT_EQ(switchVlanByNameGet(top, "gues"), nullptr);
     reset();
     EXPECT_EQ(switchVlanConfAdd(&c), -1);
     EXPECT_TRUE(cap->logsAre({{-1, "switchVlanConfParamsAssign", "Copying params for 100 VLAN\n"},
                               {8, "switchVlanCreate", "(switch=TOP) This VLAN Id is already exists \n"},
                               {8, "switchVlanByConfCreate", "(switch=TOP) Failed to create vlan (ID=100)\n"}}));
-    EXPECT_TRUE(cap->commands.empty());
-    EXPECT_TRUE(drv.calls.empty());
-    EXPECT_TRUE(ids(low).empty());
+    EXPECT_TRUE(cap->commands.empty() && drv.calls.empty() && ids(low).empty());
 }
 
 TEST_P(VlanForms, PortBasedVlanOnlyWithInSwitchOnly) {
@@ -207,8 +197,7 @@ TEST_P(VlanForms, UpdateFindsTheOldIdStoresTheNewOneAndMovesItLast) {
     SwitchVlanConf only = vlanConf(300), renamed = vlanConf(301);
     ASSERT_EQ(switchVlanByConfCreate(top, &only), 0);
     ASSERT_EQ(switchVlanConfUpdate(&renamed, &only), 0);
-    EXPECT_EQ(top->lowerLvlForward, 1);
-    EXPECT_EQ(low->lowerLvlForward, 0);
+    EXPECT_EQ(std::tie(top->lowerLvlForward, low->lowerLvlForward), std::make_tuple(1, 0));
 }
 
 TEST_P(VlanForms, DisableClearsMapsAndSendsMembershipThenApplyDeleteRemovesEverywhere) {
@@ -217,8 +206,8 @@ TEST_P(VlanForms, DisableClearsMapsAndSendsMembershipThenApplyDeleteRemovesEvery
     SwitchVlan *v = switchVlanByIdGet(top, 100);
     reset();
     EXPECT_EQ(switchVlanDisable(v), 0);
-    EXPECT_EQ(cmdsTo(top), (Ints{34, 35}));
-    EXPECT_EQ(drv.calls.size(), 2u);
+    EXPECT_EQ(drv.cmds(), (Ints{34, 35}));
+    EXPECT_EQ(drv.calls[0].sw, top);
     for (const auto &call : drv.calls) EXPECT_EQ(seen(call).fwdMap | seen(call).untagMap, 0u);
     EXPECT_EQ(forwarding, (std::vector<int>{0, 0}));
     EXPECT_EQ(top->lowerLvlForward, 1);
@@ -226,8 +215,7 @@ TEST_P(VlanForms, DisableClearsMapsAndSendsMembershipThenApplyDeleteRemovesEvery
 
     reset();
     EXPECT_EQ(switchVlanConfDelete(&c), 0);
-    EXPECT_TRUE(ids(top).empty());
-    EXPECT_TRUE(ids(low).empty());
+    EXPECT_TRUE(ids(top).empty() && ids(low).empty());
     EXPECT_EQ(cap->commands, Lines{"vconfig rem eth0.100"});
     EXPECT_FALSE(root->exists("var/VLAN.100.Uptime"));
 
@@ -239,8 +227,7 @@ TEST_P(VlanForms, DisableClearsMapsAndSendsMembershipThenApplyDeleteRemovesEvery
     EXPECT_EQ(switchVlanConfDelete(&d), -1);
     EXPECT_EQ(ids(low), Ints{200});
     EXPECT_EQ(cap->countLog("(switch=LOW) Failed to delete vlan (ID=200)\n"), 1);
-    EXPECT_EQ(top->lowerLvlForward, 0);
-    EXPECT_EQ(low->lowerLvlForward, 1);
+    EXPECT_EQ(std::tie(top->lowerLvlForward, low->lowerLvlForward), std::make_tuple(0, 1));
 }
 
 TEST_P(VlanForms, BusCodesAddDeleteAndNothingElse) {
@@ -257,6 +244,61 @@ TEST_P(VlanForms, BusCodesAddDeleteAndNothingElse) {
     EXPECT_EQ(switchVlanConfigure(nullptr, SW_CMD_VLAN_DELETE, &c), 0);
     EXPECT_TRUE(ids(low).empty());
 }
+
+// The host VLAN model stands in for vconfig and ifconfig, so it has to
+// refuse what the tools refuse and leave alone what it does not know.
+class HostVlanModelTest : public swtest::SwmgrTest {
+protected:
+    void SetUp() override {
+        SwmgrTest::SetUp();
+        cap->unhandledCommandStatus = 42;  // marks lines that passed the model
+        host.attach();
+    }
+    static int run(const char *line) { return osaCmdExec(line, nullptr, 0); }
+    swsim::HostVlanModel host;
+};
+
+TEST_F(HostVlanModelTest, KeepsTheToolsStateAndRefusesWhatTheyRefuse) {
+    ASSERT_EQ(run("vconfig add eth0 100"), 0);
+    for (const char *bad : {"vconfig add eth0 100", "vconfig add eth2 100", "vconfig add eth0.100 5",
+                            "vconfig add eth0 4095", "vconfig add eth0 x", "vconfig add eth0", "vconfig rem eth0.200",
+                            "vconfig rem eth0", "/sbin/vconfig set_egress_map eth0.200 1 1",
+                            "/sbin/vconfig set_ingress_map eth0.100 1 8", "ifconfig eth7 up"})
+        EXPECT_EQ(run(bad), 1) << bad;
+
+    host.setParentUp("eth0", false);
+    EXPECT_EQ(run("ifconfig eth0.100 up"), 1) << "parent down";
+    EXPECT_EQ(run("ifconfig eth0 up"), 0);
+    EXPECT_EQ(run("ifconfig eth0.100 up"), 0);
+    EXPECT_EQ(run("vconfig set_ingress_map eth0.100 5 3"), 0);
+    EXPECT_EQ(run("/usr/sbin/vconfig set_egress_map eth0.100 6 2"), 0);
+    EXPECT_EQ(host.dump(),
+              "eth0 up\n"
+              "eth0.100 vlan 100 on eth0 up ingress 0:0 1:0 2:0 3:5 4:0 5:0 6:0 7:0 egress 6:2\n"
+              "eth1 up\n");
+    EXPECT_EQ(run("ifconfig eth0 down"), 0);
+    EXPECT_FALSE(host.find("eth0.100")->up);
+    EXPECT_EQ(run("vconfig rem eth0.100"), 0);
+    EXPECT_EQ(host.dump(), "eth0 down\neth1 up\n");
+}
+
+TEST_F(HostVlanModelTest, ReadsLinesAsTheShellAndPassesOnWhatIsNotItsOwn) {
+    for (const char *line : {"ip link", "vconfig add eth0 100 >/dev/null", "echo; ifconfig eth0 up"})
+        EXPECT_EQ(run(line), 42) << line;
+    EXPECT_TRUE(host.history().entries().empty());
+
+    const std::vector<std::pair<const char *, int>> lines{
+        {"vconfig set_flag eth0.100 1 1", 1}, {"vconfig add eth0", 1}, {"ifconfig", 1},
+        {"ifconfig eth0", 0},  {"vconfig add 'eth0' 7\n", 0}, {"ifconfig eth0.7 up; reboot", 127}};
+    for (const auto &[line, status] : lines) EXPECT_EQ(run(line), status) << line;
+    EXPECT_EQ(host.history().last(20),
+              (std::vector<std::string>{"vconfig set_flag eth0.100 1 1", "vconfig: unknown operation set_flag",
+                                        "vconfig add eth0", "vconfig add: usage: too few arguments (2)", "ifconfig",
+                                        "ifconfig: usage: too few arguments (0)", "ifconfig eth0",
+                                        "vconfig add 'eth0' 7\n", "ifconfig eth0.7 up; reboot", "reboot: not found"}));
+    EXPECT_TRUE(host.find("eth0.7")->up);
+}
+
 
 // The end-to-end tests follow the host's interfaces through add, update and
 // delete; here only what the model tells apart from the command sequence.
@@ -277,11 +319,10 @@ TEST_F(Vlans, LookupsApplyAndDisableFollowTheListWhateverChangedIt) {
     SwitchVlanConf a = vlanConf(100), b = vlanConf(200), high = vlanConf(5000), neg = vlanConf(-3);
     for (SwitchVlanConf *c : {&a, &b, &high, &neg}) ASSERT_EQ(switchVlanByConfCreate(top, c), 0);
     SwitchVlan *v100 = switchVlanByIdGet(top, 100), *v200 = switchVlanByIdGet(top, 200);
-    for (int id : {100, 200, 5000, -3}) {
-        ASSERT_NE(switchVlanByIdGet(top, id), nullptr) << id;
-        EXPECT_EQ(switchVlanByIdGet(top, id)->vlanId, id);
-        EXPECT_EQ(switchVlanByConfCreate(top, id == 100 ? &a : id == 200 ? &b : id == 5000 ? &high : &neg), -1)
-            << "the listed VLAN " << id << " is found again";
+    for (SwitchVlanConf *c : {&a, &b, &high, &neg}) {
+        ASSERT_NE(switchVlanByIdGet(top, c->vlanId), nullptr) << c->vlanId;
+        EXPECT_EQ(switchVlanByIdGet(top, c->vlanId)->vlanId, c->vlanId);
+        EXPECT_EQ(switchVlanByConfCreate(top, c), -1) << "the listed VLAN " << c->vlanId << " is found again";
     }
     EXPECT_EQ(switchVlanByIdGet(top, 4000), nullptr);
     EXPECT_EQ(switchVlanByIdGet(low, 100), nullptr);
@@ -308,8 +349,7 @@ TEST_F(Vlans, LookupsApplyAndDisableFollowTheListWhateverChangedIt) {
 
     // Records listed and unlisted by other hands are seen at once.
     auto *other = static_cast<SwitchVlan *>(std::calloc(1, sizeof(SwitchVlan)));
-    other->vlanId = 300;
-    other->sw = top;
+    other->vlanId = 300, other->sw = top;
     ASSERT_EQ(osaListNodeAppend(&top->vlanList, other), 0);
     EXPECT_EQ(switchVlanByIdGet(top, 300), other);
     ASSERT_EQ(osaListNodeRemove(&top->vlanList, other), 0);

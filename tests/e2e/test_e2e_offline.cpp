@@ -1,9 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // swmgrctl check and plan: the switch manager run offline inside swmgrctl on
 // simulated hardware, one broken database per reason and a planned change.
-#include <gtest/gtest.h>
-#include <stdlib.h>
-
 #include <string>
 #include <vector>
 
@@ -12,41 +9,28 @@
 namespace {
 
 using namespace e2e;
-
-class Offline : public ::testing::Test {
-protected:
-    void SetUp() override {
-        if (std::system("command -v sqlite3 >/dev/null 2>&1") != 0) GTEST_SKIP() << "needs the sqlite3 program";
-        char tmpl[] = "/tmp/swmgr-offline-XXXXXX";
-        ASSERT_NE(::mkdtemp(tmpl), nullptr);
-        dir_ = tmpl;
-    }
-    void TearDown() override {
-        if (!dir_.empty()) sh("rm -rf " + quote(dir_));
-    }
-    // The example database with `sql` applied to it.
-    std::string db(const std::string &name, const std::string &sql) {
-        std::string path = dir_ + "/" + name;
-        EXPECT_EQ(sh("sqlite3 " + quote(path) + " < " + quote(ROUTER_SQL_PATH)).status, 0);
-        if (!sql.empty()) {
-            EXPECT_EQ(sh("sqlite3 " + quote(path) + " " + quote(sql)).out, "");
-        }
-        return path;
-    }
-    Proc ctl(const std::string &args) { return sh(std::string(SWMGRCTL_PATH) + " " + args); }
-    std::string dir_;
-};
+using Offline = e2e::Test;
 
 const std::string kSwitchRow =
     "INSERT INTO swGlobalCfg (switchName, switchDevice, vlanEnable, qosEnable, numPorts, pauseFrameEnable, "
     "igmpSnoopingEnable, mldSnoopingEnable, switchLevel) VALUES ";
 
+// check's last line: how many findings of each severity.
+std::string summary(const std::string &findings) {
+    std::string out;
+    for (const std::string what : {"error", "warning"}) {
+        int n = 0;
+        for (size_t at = 0; (at = findings.find(": " + what + ": ", at)) != std::string::npos; ++at) ++n;
+        out += (out.empty() ? "" : ", ") + std::to_string(n) + " " + what + (n == 1 ? "" : "s");
+    }
+    return out + "\n";
+}
+
 TEST_F(Offline, CheckReportsEveryRowTheServiceWouldRefuseCutOrTripOver) {
-    struct Case {
+    const struct {
         std::string sql, flags, findings;
         int status;
-    };
-    const std::vector<Case> cases = {
+    } cases[] = {
         {"", "", "", 0},
         {kSwitchRow + "('XYZ', '', 0, 0, 4, 0, 0, 0, 0)", "",
          "swGlobalCfg row 3 switchName: error: no driver for switch \"XYZ\" (BCM or PSE)\n", 1},
@@ -105,27 +89,22 @@ TEST_F(Offline, CheckReportsEveryRowTheServiceWouldRefuseCutOrTripOver) {
          "swPortConfig row 6 PVID: error: empty; the service reads 0, outside 1..4094\n"
          "swPortConfig row 6 queue2Weight: error: 256 is outside 0..255\n", 1},
     };
-    for (size_t i = 0; i < cases.size(); ++i) {
-        const auto &c = cases[i];
-        const std::string path = db("case" + std::to_string(i) + ".db", c.sql);
+    int i = 0;
+    for (const auto &c : cases) {
+        const std::string path = db("case" + std::to_string(i++) + ".db", c.sql);
         Proc r = ctl("check --db " + quote(path) + " " + c.flags);
-        int errors = 0, warnings = 0;
-        for (size_t at = 0; (at = c.findings.find(": error: ", at)) != std::string::npos; ++at) ++errors;
-        for (size_t at = 0; (at = c.findings.find(": warning: ", at)) != std::string::npos; ++at) ++warnings;
-        const std::string summary =
-            c.findings.empty() ? path + ": clean (2 switches, 7 ports, 2 VLANs)\n"
-                               : path + ": " + std::to_string(errors) + (errors == 1 ? " error, " : " errors, ") +
-                                     std::to_string(warnings) + (warnings == 1 ? " warning\n" : " warnings\n");
-        EXPECT_EQ(r.out, c.findings + summary) << c.sql;
+        EXPECT_EQ(r.out, c.findings + path + ": " +
+                             (c.findings.empty() ? "clean (2 switches, 7 ports, 2 VLANs)\n" : summary(c.findings)))
+            << c.sql;
         EXPECT_EQ(r.status, c.status) << c.sql;
     }
-    Proc json = ctl("check --json --db " + quote(db("json.db", cases[12].sql)));
-    EXPECT_EQ(json.out, "{\n  \"database\": \"" + dir_ + "/json.db\",\n  \"errors\": 1,\n  \"findings\": [\n    {\n"
-                        "      \"column\": \"vlanId\",\n      \"reason\": \"5000 is outside 1..4094\",\n"
-                        "      \"row\": 2,\n      \"severity\": \"error\",\n      \"table\": \"vlanEncapIf\"\n    }\n"
-                        "  ],\n  \"warnings\": 0\n}\n");
+    EXPECT_EQ(ctl("check --json --db " + quote(db("json.db", cases[12].sql))).out,
+              "{\n  \"database\": \"" + dir_ + "/json.db\",\n  \"errors\": 1,\n  \"findings\": [\n    {\n"
+              "      \"column\": \"vlanId\",\n      \"reason\": \"5000 is outside 1..4094\",\n"
+              "      \"row\": 2,\n      \"severity\": \"error\",\n      \"table\": \"vlanEncapIf\"\n    }\n"
+              "  ],\n  \"warnings\": 0\n}\n");
     EXPECT_EQ(ctl("check --db " + quote(dir_ + "/none.db")).status, 1);
-    Proc noTmp = sh("TMPDIR=" + quote(dir_ + "/none") + " " + SWMGRCTL_PATH + " check --db " + quote(db("t.db", "")));
+    Proc noTmp = sh("TMPDIR=" + quote(dir_ + "/none") + " " + SWMGRCTL_PATH + " check --db " + quote(db("t.db")));
     EXPECT_EQ(noTmp.out, "swmgrctl: cannot create a temporary directory: No such file or directory\n");
     EXPECT_EQ(noTmp.status, 1);
 }
@@ -143,14 +122,14 @@ std::string portTags(const std::vector<int> &vids, const std::vector<int> &untag
 std::string priorityMaps(const std::string &subIf) {
     std::string out;
     for (int p = 0; p < 8; ++p)
-        for (const char *dir : {"ingress", "egress"})
-            out += "  run: /sbin/vconfig set_" + std::string(dir) + "_map " + subIf + " " + std::to_string(p) + " " +
+        for (const std::string dir : {"ingress", "egress"})
+            out += "  run: /sbin/vconfig set_" + dir + "_map " + subIf + " " + std::to_string(p) + " " +
                    std::to_string(p) + "\n";
     return out;
 }
 
 TEST_F(Offline, PlanFromOldDatabaseShowsOnlyWhatTheChangeDoes) {
-    const std::string from = db("old.db", "");
+    const std::string from = db("old.db");
     const std::string to = db("new.db",
                               "INSERT INTO vlanEncapIf (vlanId, interfaceName, LogicalIfName, ingressMap, egressMap, "
                               "fwdMap, untagMap, inSwitchOnly) VALUES (30, 'eth0', 'br-guest', '', '', '0,1', '0', 0);"
@@ -158,8 +137,7 @@ TEST_F(Offline, PlanFromOldDatabaseShowsOnlyWhatTheChangeDoes) {
                               "UPDATE swPortConfig SET phyDevice = 'BCM:0,BCM:1,BCM:2' WHERE id = 7;");
     Proc r = ctl("plan --from " + quote(from) + " --db " + quote(to));
     // The models' own history of handled lines follows; it is theirs to word.
-    const std::string history = "-   pri_ctl_func set 0 0 0 0 1 0\n";
-    r.out = r.out.substr(0, r.out.find(history));
+    r.out = r.out.substr(0, r.out.find("-   pri_ctl_func set 0 0 0 0 1 0\n"));
     const std::string disable20 =
         "  run: vlan_table_func edit 5 0 0x0 0x0 20  1\n  run: arl_table_func del  20  [status 1]\n";
     const std::string clear20 = "  ioctl vlan-clear vlanId=20\n  ioctl vlan-entry-add vlanId=20 fwdMap=0x0 untagMap=0x0\n";

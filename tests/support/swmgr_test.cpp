@@ -41,10 +41,7 @@ Capture::~Capture() {
 void Capture::scriptCommand(const std::string &command, int status, int times, bool prefix) {
     cmdScripts_.push_back({command, prefix, status, times});
 }
-
-void Capture::scriptIoctl(unsigned code, int result, int times) {
-    ioctlScripts_[code] = {result, times};
-}
+void Capture::scriptIoctl(unsigned code, int result, int times) { ioctlScripts_[code] = {result, times}; }
 
 int Capture::onCommand(void *ctx, const char *command, int *status) {
     auto *self = static_cast<Capture *>(ctx);
@@ -52,8 +49,7 @@ int Capture::onCommand(void *ctx, const char *command, int *status) {
     for (auto &s : self->cmdScripts_) {
         if (s.times == 0) continue;
         std::string_view c(command);
-        bool hit = s.prefix ? c.substr(0, s.match.size()) == s.match : c == s.match;
-        if (!hit) continue;
+        if (s.prefix ? c.substr(0, s.match.size()) != s.match : c != s.match) continue;
         if (s.times > 0) --s.times;
         *status = s.result;
         return 1;
@@ -73,18 +69,14 @@ int Capture::onSystem(void *ctx, const char *command, int *status) {
     return 1;
 }
 
-int Capture::onIoctl(void *ctx, int fd, unsigned request, void *arg, int *result) {
+int Capture::onIoctl(void *ctx, int, unsigned request, void *arg, int *result) {
     auto *self = static_cast<Capture *>(ctx);
     IoctlCall call;
-    call.fd = fd;
     call.code = request;
-    unsigned size = osaPortIoctlArgSize(request);
-    if (size == 0 || arg == nullptr) {
-        call.value = reinterpret_cast<uintptr_t>(arg);
-    } else {
-        const auto *p = static_cast<const uint8_t *>(arg);
-        call.arg.assign(p, p + size);
-    }
+    const unsigned size = osaPortIoctlArgSize(request);
+    const auto *p = static_cast<const uint8_t *>(arg);
+    if (size == 0 || arg == nullptr) call.value = reinterpret_cast<uintptr_t>(arg);
+    else call.arg.assign(p, p + size);
     self->ioctls.push_back(std::move(call));
     auto it = self->ioctlScripts_.find(request);
     if (it == self->ioctlScripts_.end() || it->second.second == 0) return 0;
@@ -101,11 +93,9 @@ int Capture::onSend(void *ctx, int module, int cmd, const void *data, int dataLe
     if (data != nullptr && dataLen > 0) {
         const auto *p = static_cast<const uint8_t *>(data);
         l.header.assign(p, p + dataLen);
-        if (dataLen >= 8) {
-            uint32_t level = 0;
-            std::memcpy(&level, p + 4, 4);
-            l.level = static_cast<int>(level);
-        }
+        uint32_t level = 0;
+        if (dataLen >= 8) std::memcpy(&level, p + 4, 4);
+        l.level = static_cast<int>(level);
     }
     if (auxLen != nullptr) l.length = *auxLen;
     if (aux != nullptr && auxLen != nullptr && *auxLen > 0)
@@ -114,12 +104,8 @@ int Capture::onSend(void *ctx, int module, int cmd, const void *data, int dataLe
     if (l.level == SW_LOG_DEV) {
         static const std::regex dev(R"(([A-Za-z_][A-Za-z0-9_]*):(-?[0-9]+):)");
         std::smatch m;
-        if (std::regex_search(l.raw, m, dev)) {
-            l.prefix = m.prefix().str();
-            l.func = m[1].str();
-            l.line = std::stoi(m[2].str());
-            l.text = m.suffix().str();
-        }
+        if (std::regex_search(l.raw, m, dev))
+            l.prefix = m.prefix().str(), l.func = m[1].str(), l.line = std::stoi(m[2].str()), l.text = m.suffix().str();
     }
     self->logs.push_back(std::move(l));
     *result = 0;
@@ -198,20 +184,17 @@ std::vector<std::string> literals(const std::string &call) {
 bool formats(const std::string &format, const std::string &text) {
     static const std::regex conv(R"(%[-+ #0]*[0-9]*(\.[0-9]+)?(hh|h|ll|l|z)?([diuxXscp%]))");
     std::string pattern;
+    auto literal = [&pattern](const std::string &part) {
+        for (char c : part) pattern += std::strchr(R"(\^$.|?*+()[]{})", c) ? std::string{'\\', c} : std::string(1, c);
+    };
     size_t at = 0;
     for (std::sregex_iterator it(format.begin(), format.end(), conv), end; it != end; ++it) {
-        for (char c : format.substr(at, it->position() - at)) {
-            if (std::strchr(R"(\^$.|?*+()[]{})", c) != nullptr) pattern += '\\';
-            pattern += c;
-        }
+        literal(format.substr(at, it->position() - at));
         const char kind = (*it)[3].str()[0];
         pattern += kind == '%' ? "%" : kind == 's' ? "[\\s\\S]*" : kind == 'c' ? "[\\s\\S]" : "[-0-9a-fA-Fx]+";
         at = it->position() + it->length();
     }
-    for (char c : format.substr(at)) {
-        if (std::strchr(R"(\^$.|?*+()[]{})", c) != nullptr) pattern += '\\';
-        pattern += c;
-    }
+    literal(format.substr(at));
     return std::regex_match(text, std::regex(pattern));
 }
 
@@ -273,12 +256,7 @@ Logs encapCreateLogs(const std::string &ifName, int vlanId, int remStatus) {
     return out;
 }
 
-void Capture::clear() {
-    logs.clear();
-    commands.clear();
-    systemCommands.clear();
-    ioctls.clear();
-}
+void Capture::clear() { logs.clear(), commands.clear(), systemCommands.clear(), ioctls.clear(); }
 
 // -------------------------------------------------------- RecordingDriver
 
@@ -288,16 +266,13 @@ RecordingDriver::RecordingDriver(const char *name) {
     current_ = this;
     SwitchDriverEntry &spare = switchConfigFuncRegisterTbl[SW_DRIVER_TBL_SIZE - 1];
     std::snprintf(spare.name, sizeof spare.name, "%s", name);
-    spare.registerFn = reg;
-    spare.unregisterFn = unreg;
+    spare.registerFn = reg, spare.unregisterFn = unreg;
 }
 
 RecordingDriver::~RecordingDriver() {
     SwitchDriverEntry &spare = switchConfigFuncRegisterTbl[SW_DRIVER_TBL_SIZE - 1];
     std::memset(spare.name, 0, sizeof spare.name);
-    spare.registerFn = nullptr;
-    spare.unregisterFn = nullptr;
-    current_ = nullptr;
+    spare.registerFn = nullptr, spare.unregisterFn = nullptr, current_ = nullptr;
 }
 
 std::vector<int> RecordingDriver::cmds() const {
@@ -312,10 +287,7 @@ int RecordingDriver::reg(Switch *sw) {
     return current_->registerResult;
 }
 
-int RecordingDriver::unreg(Switch *sw) {
-    sw->switchConfigFunc = nullptr;
-    return 0;
-}
+int RecordingDriver::unreg(Switch *sw) { return sw->switchConfigFunc = nullptr, 0; }
 
 namespace {
 // How many bytes of a command's argument are the command's record. Command
@@ -338,10 +310,8 @@ int RecordingDriver::config(Switch *sw, int cmd, void *arg, int argLen, void *, 
     RecordingDriver *self = current_;
     if (self == nullptr) return -1;
     Call c{sw, cmd, argLen, arg, {}};
-    if (arg != nullptr) {
-        const auto *p = static_cast<const uint8_t *>(arg);
-        c.arg.assign(p, p + recordBytes(cmd, argLen));
-    }
+    const auto *p = static_cast<const uint8_t *>(arg);
+    if (arg != nullptr) c.arg.assign(p, p + recordBytes(cmd, argLen));
     self->calls.push_back(std::move(c));
     if (self->onCall) return self->onCall(sw, cmd, arg, argLen);
     auto it = self->results.find(cmd);
@@ -370,9 +340,8 @@ std::string TempDir::read(const std::string &name) const { return readFile(file(
 
 std::string readFile(const std::string &path) {
     std::ifstream in(path);
-    if (!in) return "";
     std::ostringstream os;
-    os << in.rdbuf();
+    if (in) os << in.rdbuf();
     return os.str();
 }
 
@@ -416,20 +385,15 @@ void resetRegistry() {
         freeAll(&sw->vlanList, [](void *) {});
     });
     osaListInit(&switchTbl);
-    switchMaxLevel = 0;
-    switchCount = 0;
+    switchMaxLevel = 0, switchCount = 0;
 }
 
 Switch *addSwitch(const char *name, int level) {
     auto *sw = static_cast<Switch *>(std::calloc(1, sizeof(Switch)));
     std::snprintf(sw->switchName, sizeof sw->switchName, "%s", name);
-    sw->switchLevel = level;
-    sw->lowerLvlForward = 1;
-    sw->switchId = ++switchCount;
-    osaListInit(&sw->lowerLvlSwitchList);
-    osaListInit(&sw->portList);
-    osaListInit(&sw->vlanList);
-    if (level > switchMaxLevel) switchMaxLevel = level;
+    sw->switchLevel = level, sw->lowerLvlForward = 1, sw->switchId = ++switchCount;
+    for (OsaList *l : {&sw->lowerLvlSwitchList, &sw->portList, &sw->vlanList}) osaListInit(l);
+    switchMaxLevel = std::max(switchMaxLevel, level);
     osaListNodeAppend(&switchTbl, sw);
     return sw;
 }
@@ -458,8 +422,7 @@ PrivateBusDir privateBusDir;
 // ------------------------------------------------------------------ Fixture
 
 void SwmgrTest::SetUp() {
-    swMgrDevDebug = 0;
-    swMgrForeground = 0;
+    swMgrDevDebug = swMgrForeground = 0;
     resetRegistry();
     root = std::make_unique<TempDir>();
     osaPortFileRootSet(root->path().c_str());
@@ -471,8 +434,7 @@ void SwmgrTest::TearDown() {
     resetRegistry();
     osaPortFileRootSet(nullptr);
     root.reset();
-    swMgrDevDebug = 0;
-    swMgrForeground = 0;
+    swMgrDevDebug = swMgrForeground = 0;
 }
 
 std::string rowValuesBlock(sqlite3 *db, const std::string &table, int rowId) {
@@ -491,9 +453,6 @@ std::string rowValuesBlock(sqlite3 *db, const std::string &table, int rowId) {
     return block;
 }
 
-Bytes le32(uint32_t v) {
-    return {static_cast<uint8_t>(v), static_cast<uint8_t>(v >> 8), static_cast<uint8_t>(v >> 16),
-            static_cast<uint8_t>(v >> 24)};
-}
+Bytes le32(uint32_t v) { return {uint8_t(v), uint8_t(v >> 8), uint8_t(v >> 16), uint8_t(v >> 24)}; }
 
 }  // namespace swtest

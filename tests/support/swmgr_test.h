@@ -27,20 +27,15 @@ using Bytes = std::vector<uint8_t>;
 // 256) the "func:line:" part is split out; otherwise func is empty and
 // text equals raw.
 struct LogLine {
-    int level = 0;
-    std::string prefix;
-    std::string func;
-    int line = 0;
-    std::string text;
-    std::string raw;
-    Bytes header;  // the 40-byte record header as sent
+    int level = 0, line = 0;
+    std::string prefix, func, text, raw;
+    Bytes header;    // the 40-byte record header as sent
     int length = 0;  // text length as sent, terminating NUL included
 };
 
 struct IoctlCall {
-    int fd = 0;
     unsigned code = 0;
-    Bytes arg;         // argument bytes before the request (size from the code)
+    Bytes arg;            // argument bytes before the request (size from the code)
     uintptr_t value = 0;  // the integer argument of requests without data
 };
 
@@ -50,8 +45,7 @@ struct IoctlCall {
 // it (object prefix included).
 struct Log {
     int level;
-    std::string func;
-    std::string text;
+    std::string func, text;
 };
 using Logs = std::vector<Log>;
 
@@ -99,8 +93,7 @@ private:
     struct Script {
         std::string match;
         bool prefix;
-        int result;
-        int times;
+        int result, times;
     };
     std::vector<Script> cmdScripts_;
     std::map<unsigned, std::pair<int, int>> ioctlScripts_;  // code -> (result, times)
@@ -119,8 +112,7 @@ class RecordingDriver {
 public:
     struct Call {
         Switch *sw;
-        int cmd;
-        int argLen;
+        int cmd, argLen;
         const void *argPtr;
         Bytes arg;  // the bytes the command's record holds (at most argLen)
     };
