@@ -90,7 +90,9 @@ protected:
     std::string db(const std::string &name, const std::string &sql = "") {
         const std::string path = dir_ + "/" + name;
         EXPECT_EQ(sh("sqlite3 " + quote(path) + " < " + quote(ROUTER_SQL_PATH)).status, 0);
-        if (!sql.empty()) EXPECT_EQ(sh("sqlite3 " + quote(path) + " " + quote(sql)).out, "");
+        if (!sql.empty()) {
+            EXPECT_EQ(sh("sqlite3 " + quote(path) + " " + quote(sql)).out, "");
+        }
         return path;
     }
     Proc ctl(const std::string &args) { return sh(std::string(SWMGRCTL_PATH) + " --bus-dir " + quote(bus_) + " " + args); }
