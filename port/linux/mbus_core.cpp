@@ -142,6 +142,8 @@ void acceptAll(MbusCtx *c) {
 // else how many callbacks ran (0 or 1).
 int serveConn(MbusCtx *c, int fd) {
     Bus &b = bus();
+    // Declared first, so the held records go out only after the reply.
+    mbuswire::LogHolder hold;
     ssize_t n = mbuswire::receiveMessage(fd, b.buf);
     if (n < 0) return errno == EAGAIN || errno == EINTR ? 0 : -1;
     if (n == 0) return -1;

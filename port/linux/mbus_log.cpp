@@ -3,6 +3,8 @@
 // are sent only when it has room, so a log reader that stalls (a paused
 // pager) costs the sender nothing but the records it loses. Those are
 // counted and the count is reported once records get through again.
+// Records made while a bus request is being served are held until its reply
+// has gone, so a log reader never stands between a client and its answer.
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <syslog.h>
@@ -15,6 +17,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <vector>
 
 #include "mbus_wire.h"
 
@@ -42,8 +45,18 @@ struct Record {
     std::string_view text;
 };
 
+// A record held back while a request is served: its bytes are its own.
+struct Held {
+    int src;
+    std::vector<uint8_t> data, aux;
+};
+// Past this many held records the oldest are sent at once, in order.
+constexpr size_t kHeldMax = 256;
+
 struct LogPath {
     int target = MBUS_PORT_LOG_BUS;
+    int holding = 0;
+    std::vector<Held> held;
     std::string syslogPath = "/dev/log";
     int fd = -1;
     uint64_t dropped = 0;
@@ -147,15 +160,12 @@ int deliver(const Record &r) {
 
 namespace mbuswire {
 
-void logRecord(int src, const void *data, int dataLen, const void *aux, int auxLen) {
+namespace {
+void logNow(int src, const void *data, int dataLen, const void *aux, int auxLen) {
     Record r{src, data, data != nullptr && dataLen > 0 ? static_cast<size_t>(dataLen) : 0, aux,
              aux != nullptr && auxLen > 0 ? static_cast<size_t>(auxLen) : 0, {}, textOf(aux, auxLen)};
     if (r.dataLen > 0) std::memcpy(&r.h, data, std::min(r.dataLen, sizeof r.h));
     LogPath &p = path();
-    if (p.target == MBUS_PORT_LOG_STDERR) {
-        toStderr(nullptr, r.h.level, r.text);
-        return;
-    }
     if (p.dropped > p.reported) {
         char note[96];
         int len = std::snprintf(note, sizeof note, "%" PRIu64 " log records dropped while the log reader was behind\n",
@@ -173,6 +183,42 @@ void logRecord(int src, const void *data, int dataLen, const void *aux, int auxL
     if (sent == 0) ++p.dropped;
     if (sent < 0) toStderr("[log", r.h.level, r.text);
 }
+}  // namespace
+
+void logRecord(int src, const void *data, int dataLen, const void *aux, int auxLen) {
+    LogPath &p = path();
+    if (p.target == MBUS_PORT_LOG_STDERR) {
+        Record r{src, data, 0, aux, 0, {}, textOf(aux, auxLen)};
+        if (data != nullptr && dataLen > 0) std::memcpy(&r.h, data, std::min(static_cast<size_t>(dataLen), sizeof r.h));
+        toStderr(nullptr, r.h.level, r.text);
+        return;
+    }
+    if (p.holding == 0) {
+        logNow(src, data, dataLen, aux, auxLen);
+        return;
+    }
+    if (p.held.size() >= kHeldMax) logRelease();
+    const auto *d = static_cast<const uint8_t *>(data);
+    const auto *a = static_cast<const uint8_t *>(aux);
+    p.held.push_back({src, d != nullptr && dataLen > 0 ? std::vector<uint8_t>(d, d + dataLen) : std::vector<uint8_t>{},
+                      a != nullptr && auxLen > 0 ? std::vector<uint8_t>(a, a + auxLen) : std::vector<uint8_t>{}});
+}
+
+void logHold() { ++path().holding; }
+
+void logRelease() {
+    LogPath &p = path();
+    std::vector<Held> out;
+    out.swap(p.held);
+    for (const auto &h : out)
+        logNow(h.src, h.data.data(), static_cast<int>(h.data.size()), h.aux.empty() ? nullptr : h.aux.data(),
+               static_cast<int>(h.aux.size()));
+}
+
+void logUnhold() {
+    LogPath &p = path();
+    if (p.holding > 0 && --p.holding == 0) logRelease();
+}
 
 void diag(const char *tag, const char *format, ...) {
     char text[kTextMax];
@@ -188,6 +234,7 @@ void diag(const char *tag, const char *format, ...) {
 }
 
 void logClose() {
+    logRelease();
     if (path().fd >= 0) ::close(path().fd);
     path().fd = -1;
 }

@@ -77,6 +77,18 @@ void logRecord(int src, const void *data, int dataLen, const void *aux, int auxL
 // A diagnostic of the port itself, sent as a log record with `tag`.
 void diag(const char *tag, const char *format, ...) __attribute__((format(printf, 2, 3)));
 void logClose();
+// Between these, records wait and go out in order at the last logUnhold
+// (or when too many wait). Nests.
+void logHold();
+void logUnhold();
+void logRelease();
+// Holds records for as long as it lives.
+struct LogHolder {
+    LogHolder() { logHold(); }
+    ~LogHolder() { logUnhold(); }
+    LogHolder(const LogHolder &) = delete;
+    LogHolder &operator=(const LogHolder &) = delete;
+};
 
 }  // namespace mbuswire
 
