@@ -12,6 +12,8 @@
 #include <set>
 #include <vector>
 
+#include "common/list.h"
+#include "common/text.h"
 #include "osa_port.h"
 #include "swmgr/portvlan.h"
 #include "swmgr/switch.h"
@@ -131,25 +133,21 @@ nlohmann::json hostJson(const swsim::HostVlanModel &h) {
 // ports each stands for, VLANs with their member and untagged ports.
 nlohmann::json topologyJson() {
     nlohmann::json out = nlohmann::json::array();
-    for (auto *sw = static_cast<Switch *>(osaListFirst(&switchTbl)); sw != nullptr;
-         sw = static_cast<Switch *>(osaListNext(sw))) {
+    for (auto *sw : swmgr::listEntries<Switch>(switchTbl)) {
         nlohmann::json ports = nlohmann::json::array(), vlans = nlohmann::json::array();
-        for (auto *p = static_cast<SwitchPort *>(osaListFirst(&sw->portList)); p != nullptr;
-             p = static_cast<SwitchPort *>(osaListNext(p))) {
+        for (auto *p : swmgr::listEntries<SwitchPort>(sw->portList)) {
             nlohmann::json mapped = nlohmann::json::array();
-            for (auto *m = static_cast<SwitchPortMapEntry *>(osaListFirst(&p->mappedPorts)); m != nullptr;
-                 m = static_cast<SwitchPortMapEntry *>(osaListNext(m))) {
+            for (auto *m : swmgr::listEntries<SwitchPortMapEntry>(p->mappedPorts)) {
                 if (m->port == nullptr || m->port->sw == nullptr) continue;
-                mapped.push_back({{"switch", std::string(m->port->sw->switchName, strnlen(m->port->sw->switchName,
-                                                                                           sizeof m->port->sw->switchName))},
+                const auto &lowerName = m->port->sw->switchName;
+                mapped.push_back({{"switch", std::string(lowerName, swmgr::fieldLen(lowerName))},
                                   {"port", m->port->portNumber}});
             }
             ports.push_back({{"port", p->portNumber}, {"mapped", mapped}});
         }
-        for (auto *v = static_cast<SwitchVlan *>(osaListFirst(&sw->vlanList)); v != nullptr;
-             v = static_cast<SwitchVlan *>(osaListNext(v)))
+        for (auto *v : swmgr::listEntries<SwitchVlan>(sw->vlanList))
             vlans.push_back({{"vlanId", v->vlanId}, {"fwdMap", v->fwdMap}, {"untagMap", v->untagMap}});
-        out.push_back({{"name", std::string(sw->switchName, strnlen(sw->switchName, sizeof sw->switchName))},
+        out.push_back({{"name", std::string(sw->switchName, swmgr::fieldLen(sw->switchName))},
                        {"level", sw->switchLevel},
                        {"ports", ports},
                        {"vlans", vlans}});
