@@ -117,12 +117,6 @@ int Capture::countLog(std::string_view raw) const {
                                           [&](const LogLine &l) { return l.prefix + l.text == raw; }));
 }
 
-int Capture::findLog(std::string_view raw, size_t from) const {
-    for (size_t i = from; i < logs.size(); ++i)
-        if (logs[i].prefix + logs[i].text == raw) return static_cast<int>(i);
-    return -1;
-}
-
 std::string Capture::dump() const {
     std::ostringstream os;
     for (const auto &l : logs) os << "[" << l.level << "] " << l.raw;

@@ -80,8 +80,6 @@ public:
     std::vector<std::string> rawLogs() const;  // texts as sent, in the form they were sent
     // Lines whose text, object prefix included, equals `raw` (any level, either form).
     int countLog(std::string_view raw) const;
-    // Index of the first such line at or after `from`, or -1.
-    int findLog(std::string_view raw, size_t from = 0) const;
     std::string dump() const;  // all logs, for failure messages
     // The logs are exactly `expected` in the form swMgrDevDebug selects:
     // plain records at their level, trace lines left out; or level-256
