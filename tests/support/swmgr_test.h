@@ -9,6 +9,7 @@
 #include <sqlite3.h>
 
 #include <cstdint>
+#include <filesystem>
 #include <functional>
 #include <map>
 #include <string>
@@ -79,8 +80,6 @@ public:
     std::vector<std::string> rawLogs() const;  // texts as sent, in the form they were sent
     // Lines whose text, object prefix included, equals `raw` (any level, either form).
     int countLog(std::string_view raw) const;
-    // Index of the first such line at or after `from`, or -1.
-    int findLog(std::string_view raw, size_t from = 0) const;
     std::string dump() const;  // all logs, for failure messages
     // The logs are exactly `expected` in the form swMgrDevDebug selects:
     // plain records at their level, trace lines left out; or level-256
@@ -133,6 +132,9 @@ private:
     static int config(Switch *sw, int cmd, void *arg, int argLen, void *reply, int *replyLen);
 };
 
+// Whole contents of a file, "" when absent.
+std::string readFile(const std::string &path);
+
 // Creates a directory under $TMPDIR, removes it with its contents.
 class TempDir {
 public:
@@ -140,9 +142,9 @@ public:
     ~TempDir();
     const std::string &path() const { return path_; }
     std::string file(const std::string &name) const { return path_ + "/" + name; }
-    std::string read(const std::string &name) const;  // "" when absent
+    std::string read(const std::string &name) const { return readFile(file(name)); }  // "" when absent
     void write(const std::string &name, const std::string &content) const;
-    bool exists(const std::string &name) const;
+    bool exists(const std::string &name) const { return std::filesystem::exists(file(name)); }
 
 private:
     std::string path_;
@@ -191,7 +193,7 @@ Bytes bytesOf(const T &v) {
     return Bytes(p, p + sizeof(T));
 }
 
-Bytes le32(uint32_t v);
+inline Bytes le32(uint32_t v) { return {uint8_t(v), uint8_t(v >> 8), uint8_t(v >> 16), uint8_t(v >> 24)}; }
 
 // The three configuration tables, without rows.
 inline constexpr const char *kConfigSchema =
@@ -202,9 +204,6 @@ inline constexpr const char *kConfigSchema =
     " queue3Weight, queue4Weight);"
     "CREATE TABLE vlanEncapIf (vlanId, interfaceName, LogicalIfName, ingressMap, egressMap,"
     " fwdMap, untagMap, inSwitchOnly);";
-
-// Whole contents of a file, "" when absent.
-std::string readFile(const std::string &path);
 
 // Creates (or extends) the database at `path` with `sql`; returns `path`.
 std::string makeDb(const std::string &path, const std::string &sql);
