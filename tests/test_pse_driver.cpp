@@ -195,10 +195,7 @@ TEST_P(PseForms, QueueSchedulingAndPauseFrames) {
     EXPECT_EQ(0, pseQueueSchedConfigure(pse, &all));
     EXPECT_EQ(0, pseQueueSchedConfigure(pse, &one));
     EXPECT_EQ(0, pseQueueSchedConfigure(pse, &two));
-    EXPECT_EQ((Lines{"tc_func set 2", "queue_weight_func set 1 2 0 1 2 3", "queue_weight_func set 3 2 0 1 2 3",
-                     "tc_func set 0", "queue_weight_func set 3 1 -2147483648 1 7 0", "tc_func set 1",
-                     "queue_weight_func set 3 0 0 0 0 0"}),
-              cap->commands);
+    EXPECT_EQ(swtest::dataLines(kData, "queue-sched"), cap->commands);
 
     // Any non-zero status stops.
     cap->clear();
@@ -278,16 +275,10 @@ TEST_P(PseVlanForms, MembershipMapsFollowThePsePortNumbers) {
     EXPECT_EQ((Lines{"vlan_table_func edit 3 1 0x24 0x24 100 00:1a:2b:3c:4d:5e\n 1",
                      "arl_table_func add 00:1a:2b:3c:4d:5e\n 100 0x4 0x1"}),
               cap->commands);
-    const struct {
-        uint32_t fwdMap;
-        const char *ifName, *edit;
-    } cases[] = {{0x6, "eth0", "vlan_table_func edit 3 0 0x26 0x26 100 02:00:00:00:00:01\n 1"},
-                 {0x8, "eth1", "vlan_table_func edit 3 1 0x6 0x6 100 00:1a:2b:3c:4d:5e\n 1"},  // 33 is bit 1
-                 {0xF, "eth1", "vlan_table_func edit 3 1 0x26 0x26 100 00:1a:2b:3c:4d:5e\n 1"}};
-    for (const auto &c : cases) {
+    for (const swtest::Row &c : swtest::dataRows(kData, "membership")) {  // PSE port 33 is bit 1
         cap->clear();
-        EXPECT_EQ(0, apply(c.fwdMap, c.ifName));
-        EXPECT_EQ(c.edit, cap->commands.at(0)) << c.fwdMap;
+        EXPECT_EQ(0, apply(std::stoul(c.at(0), nullptr, 16), c.at(1).c_str()));
+        EXPECT_EQ(c.at(2), cap->commands.at(0)) << c[0];
     }
 
     // The MAC text, cut interface names, and the cleared address of a
