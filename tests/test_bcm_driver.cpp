@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "bcm_chip.h"
+#include "data_lines.h"
 #include "drivers/bcm/bcm.h"
 #include "swmgr/portvlan.h"
 #include "swmgr_test.h"
@@ -19,6 +20,7 @@ namespace {
 using swtest::Bytes;
 using Requests = std::vector<std::pair<unsigned, Bytes>>;
 using Entry = swsim::BcmChip::VlanEntry;
+const char *const kData = "bcm/expected.txt";
 
 // A BCM switch bound to the driver, with the chip model behind its device.
 class BcmTest : public swtest::SwmgrTest {
@@ -77,19 +79,15 @@ constexpr unsigned kQos = 0xc0045320u, kPause = 0xc0045321u, kRate = 0xc0075322u
                    kTagSet = 0x80065307u, kNon8021q = 0x80065311u, kPairQuery = 0x80045303u,
                    kPairAdd = 0x80045304u, kPairDelete = 0x80045305u;
 
-
 TEST_P(BcmForms, CommandEntryChecksExactSizesAndBindingKeepsDescriptors) {
-    const struct { int cmd, len; const char *line; } served[] = {{33, 1300, "(switch=BCM) Processing vlan enable update request (33)\n"},
-                  {34, 1312, "(switch=BCM) Processing vlan membership update request (34)\n"},
-                  {35, 1312, "(switch=BCM) Processing vlan membership apply request (35)\n"},
-                  {41, 140, "(switch=BCM) Processing switch port configuration set request (41)\n"}};
     Bytes arg(2000, 0);
-    for (const auto &s : served) {
-        for (int len : {s.len - 1, s.len + 1}) {
+    for (const swtest::Row &s : swtest::dataRows(kData, "served")) {
+        const int cmd = std::stoi(s.at(0)), size = std::stoi(s.at(1));
+        for (int len : {size - 1, size + 1}) {
             cap->clear();
-            EXPECT_EQ(SW_EINVAL, config(s.cmd, arg.data(), len));
-            const std::string bad = "(switch=BCM) (" + std::to_string(s.cmd) + ") processing returned -22 \n";
-            EXPECT_TRUE(cap->logsAre({{64, "bcmSwitchConfig", s.line}, {8, "bcmSwitchConfig", bad}})) << len;
+            EXPECT_EQ(SW_EINVAL, config(cmd, arg.data(), len));
+            const std::string bad = "(switch=BCM) (" + s[0] + ") processing returned -22 \n";
+            EXPECT_TRUE(cap->logsAre({{64, "bcmSwitchConfig", s.at(2)}, {8, "bcmSwitchConfig", bad}})) << len;
             EXPECT_TRUE(cap->ioctls.empty());
         }
     }
@@ -169,55 +167,20 @@ TEST_P(BcmForms, ReadOnlyQueriesAndDumps) {
 // The chip holds every field to its definition and to what the driver
 // sends; anything else is -EINVAL (or -ENOTTY, -EFAULT) with nothing changed.
 TEST(BcmChipModel, RefusesEveryFieldOutsideWhatTheDriverSends) {
-    struct Case {
-        unsigned code;
-        Bytes arg;  // empty: the integer below is the argument
-        uintptr_t value;
-        int result;
-        const char *why;  // nullptr: accepted
-    };
-    const Case cases[] = {
-        {0x20005301u, {}, 1, -22, "argument not 0"}, {0x20005302u, {}, 7, -22, "argument not 0"},
-        {0x20005319u, {}, 5, -22, "port out of range"}, {0xc0045320u, {2, 0, 0, 0}, 0, -22, "switch not 0 or 1"},
-        {0xc0045321u, {0, 0, 0, 1}, 0, -22, "switch not 0 or 1"},
-        {0x80055310u, {0, 0x10, 0, 0, 0}, 0, -22, "VLAN id out of range"},
-        {0x80055310u, {10, 0, 0, 1, 0}, 0, -22, "reserved bytes not 0"},
-        {0x80075312u, {10, 0, 0x20, 0, 0, 0, 0}, 0, -22, "map beyond the five ports"},
-        {0x80075312u, {10, 0, 1, 0, 0, 1, 0}, 0, -22, "map beyond the five ports"},
-        {0x80075312u, {10, 0, 1, 0, 1, 0, 1}, 0, -22, "last byte not 0"},
-        {0x80055308u, {10, 0, 5, 0, 0}, 0, -22, "port out of range"},
-        {0x8005530bu, {10, 0, 1, 0, 1}, 0, -22, "reserved byte not 0"},
-        {0x80045304u, {1, 0, 5, 0}, 0, -22, "member port out of range"},
-        {0x80065307u, {5, 0, 10, 0, 0, 0}, 0, -22, "port out of range"},
-        {0x80065307u, {1, 0, 0, 0x10, 0, 0}, 0, -22, "VID out of range"},
-        {0x80065307u, {1, 0, 10, 0, 1, 0}, 0, -22, "PRI or CFI not 0"},
-        {0x80065307u, {1, 0, 10, 0, 0, 1}, 0, -22, "PRI or CFI not 0"},
-        {0x80065311u, {1, 0, 2, 0, 0, 0}, 0, -22, "state not 0 or 1"},
-        {0xc006531eu, {1, 0, 5, 0, 0, 0}, 0, -22, "trust mode out of range"},
-        {0xc008531fu, {1, 0, 1, 0, 1, 1, 1, 1}, 0, -22, "reserved byte not 0"},
-        {0xc008531fu, {1, 0, 0, 4, 1, 1, 1, 1}, 0, -22, "scheduling mode out of range"},
-        {0xc0075322u, {1, 0, 2, 0, 0, 0, 0}, 0, -22, "action not 0 or 1"},
-        {0xc0055323u, {1, 0, 8, 0, 0}, 0, -22, "CoS or queue out of range"},
-        {0xc0055323u, {1, 0, 7, 0, 4}, 0, -22, "CoS or queue out of range"},
-        {0xc0055323u, {1, 0, 7, 1, 3}, 0, -22, "reserved byte not 0"},
-        {0x80045399u, {0, 0, 0, 0}, 0, -25, "unknown request"}, {0x80065307u, {}, 0, -14, "no argument record"},
-        // What the driver does send.
-        {0x20005301u, {}, 0, 0, nullptr}, {0x80065307u, {1, 0, 10, 0, 0, 0}, 0, 0, nullptr},
-        {0x80075312u, {10, 0, 0x1f, 0, 0x01, 0, 0}, 0, 0, nullptr},
-        {0xc0075322u, {1, 0, 1, 0xa0, 0x86, 0x01, 0x00}, 0, 0, nullptr}, {0xc0055323u, {1, 0, 7, 0, 3}, 0, 0, nullptr},
-    };
     swsim::BcmChip chip;
     const std::string fresh = chip.describe();
     std::vector<std::string> expected;
-    for (const auto &c : cases) {
-        Bytes arg = c.arg;
-        void *p = c.arg.empty() ? reinterpret_cast<void *>(c.value) : arg.data();
-        EXPECT_EQ(c.result, chip.handle(c.code, p)) << std::hex << c.code;
-        if (c.why == nullptr) continue;
-        EXPECT_EQ(fresh, chip.describe()) << std::hex << c.code;
-        char entry[128];
-        std::snprintf(entry, sizeof entry, "request 0x%08x refused (%d): %s", c.code, c.result, c.why);
-        expected.push_back(entry);
+    // Each request: code, argument bytes (or "=" and the integer argument), result, and why it is refused.
+    for (const swtest::Row &c : swtest::dataRows(kData, "chip-requests")) {
+        const unsigned code = std::stoul(c.at(0), nullptr, 16);
+        Bytes arg;
+        std::istringstream in(c.at(1));
+        for (unsigned b; in >> std::hex >> b;) arg.push_back(uint8_t(b));
+        void *p = c[1][0] == '=' ? reinterpret_cast<void *>(std::stoul(c[1].substr(1))) : arg.data();
+        EXPECT_EQ(std::stoi(c.at(2)), chip.handle(code, p)) << c[0] << " " << c[1];
+        if (c.size() < 4) continue;
+        EXPECT_EQ(fresh, chip.describe()) << c[0] << " " << c[1];
+        expected.push_back("request " + c[0] + " refused (" + c[2] + "): " + c[3]);
     }
     EXPECT_EQ(std::vector<std::string>(chip.history().entries().begin(), chip.history().entries().end()), expected);
 
@@ -245,8 +208,6 @@ TEST(BcmChipModel, RefusesEveryFieldOutsideWhatTheDriverSends) {
     EXPECT_EQ(chip.port(1).cosQueue, (std::map<uint8_t, uint8_t>{{7, 3}}));
 }
 
-
-
 TEST_P(BcmForms, QosRecordsAndTheirResults) {
     uint32_t on = 1;
     SwitchRateLimitArg rate{3, 1, {0xee, 0xee, 0xee}, 100000};
@@ -267,11 +228,7 @@ TEST_P(BcmForms, QosRecordsAndTheirResults) {
     EXPECT_EQ(-5, bcmPauseFrameConfigure(sw, &on));
     chip.failRequest(kQos, 3, 1);  // passed up, but reported as a failure
     EXPECT_EQ(3, bcmQoSConfigure(sw, &on));
-    EXPECT_TRUE(cap->logsAre({{8, "bcmRateLimitConfigure", "(switch=BCM) failed to configure rate limit rule on 9 \n"},
-                            {8, "bcmTrustModeConfigure", "(switch=BCM) failed to configure trust mode for 9 \n"},
-                            {8, "bcmPauseFrameConfigure", "(switch=BCM) configuring  pause frames failed.\n"},
-                            {64, "bcmQoSConfigure", "(switch=BCM) QoS Enable status 1\n"},
-                            {128, "bcmQoSConfigure", "(switch=BCM) QoS Enable configuration (Failed).\n"}}));
+    EXPECT_TRUE(cap->logsAre(swtest::dataLogs(kData, "qos-failures")));
     EXPECT_EQ(-1, bcmQoSConfigure(nullptr, &on));
     EXPECT_EQ(-1, bcmRateLimitConfigure(sw, nullptr));
 
@@ -298,14 +255,8 @@ TEST_P(BcmForms, QosRecordsAndTheirResults) {
     cos.portNumber = -1;
     chip.failRequest(kCos, -5);
     EXPECT_EQ(-5, bcmCosQueueMapConfigure(sw, &cos));
-    EXPECT_TRUE(
-        cap->logsAre({{128, "bcmQueueSchedConfigure", "(switch=BCM) Queue Schedule configuration (Failed) \n"},
-                      {8, "bcmQueueSchedConfigure", "(switch=BCM) configuring Scheduling on port-1 failed.\n"},
-                      {128, "bcmCosQueueMapConfigure", "(switch=BCM) Trust mode Configuration (Success) \n"},
-                      {8, "bcmCosQueueMapConfigure", "(switch=BCM) failed to configure cos queue mapping for 2 \n"}}));
+    EXPECT_TRUE(cap->logsAre(swtest::dataLogs(kData, "sched-failures")));
 }
-
-
 
 TEST_P(BcmForms, EntryGetsCpuPortOnlyWhenItHasMembers) {
     EXPECT_EQ(0, config(35, addVlan(10, 0x03, 0x01, "eth0"), SW_VLAN_REC_LEN));

@@ -7,6 +7,7 @@
 
 #include "drivers/pse/pse.h"
 #include "host_vlan.h"
+#include "data_lines.h"
 #include "pse_engine.h"
 #include "shell.h"
 #include "swmgr/portvlan.h"
@@ -14,7 +15,7 @@
 
 namespace {
 using Lines = std::vector<std::string>;
-using swsim::PseEngine;
+const char *const kData = "pse/expected.txt";
 
 // A PSE switch bound to its driver, with the engine model behind the command seams.
 class PseTest : public swtest::SwmgrTest {
@@ -102,17 +103,7 @@ TEST_P(PseForwardForms, CommandEntryAndForwarding) {
     uint32_t on = 1;
     EXPECT_EQ(0, config(47, &on, SW_U32_ARG_LEN));
     EXPECT_EQ(Lines{"sppe_ioctl rl enable"}, cap->commands);
-    EXPECT_TRUE(
-        cap->logsAre({{64, "pseSwitchConfig", "Processing vlan membership configure request (35)\n"},
-                      {64, "pseSwitchConfig", "Processing  switch port trust mode configuration request (51)\n"},
-                      {64, "pseLowerSwitchConfig", "Sending command=(40) to lower switches\n"},
-                      {64, "pseLowerSwitchConfig", "Lower switches processed command=(40). Result=Success\n"},
-                      {64, "pseSwitchConfig", "handler not defined for command (40)\n"},
-                      {64, "pseSwitchConfig", "Processing QoS Configuration request (47)\n"},
-                      {64, "pseQoSConfigure", "(switch=PSE) Configuring QoS [Status:1] \n"},
-                      {8, "pseQoSConfigure", "cmd (sppe_ioctl rl enable) returned (0).\n"},
-                      {64, "pseQoSConfigure", "(switch=PSE) QoS configuration (Success) \n"},
-                      {64, "pseSwitchConfig", "handler not defined for command (47)\n"}}));
+    EXPECT_TRUE(cap->logsAre(swtest::dataLogs(kData, "forwarding")));
 
     // A rate limit reaches each lower port the PSE port stands for.
     pse->lowerLvlForward = 1;
@@ -152,7 +143,6 @@ TEST_P(PseForwardForms, CommandEntryAndForwarding) {
 
 SWTEST_BOTH_FORMS(PseForwardForms);
 
-
 // The pipeline that sets (or clears) bit 31 of a register: read it, and
 // write back "%#x" of the high half followed by "%x" of the low half.
 std::string pipeline(bool set, const std::string &reg) {
@@ -167,24 +157,11 @@ TEST_P(PseForms, RateLimitsQosAndTrustModes) {
     addPort(pse, 3);
     // Any non-zero status fails: a negative rate is below 64 and reaches
     // the engine, which refuses the negative value.
-    const struct {
-        uint32_t port;
-        uint8_t action;
-        int32_t rate;
-        int status;
-        const char *line;
-    } cases[] = {{3, 1, 64, 0, "rate_limit_func set 3 1 0"},      {3, 1, 8128, 0, "rate_limit_func set 3 127 0"},
-                 {3, 1, 8129, 0, "rate_limit_func set 3 7 1"},    {3, 1, 130048, 0, "rate_limit_func set 3 127 1"},
-                 {3, 1, 130049, 0, "rate_limit_func set 3 12 2"}, {3, 1, 1300480, 0, "rate_limit_func set 3 127 2"},
-                 {3, 1, 10, 0, "rate_limit_func set 3 0 1"},      {3, 0, 999999, 0, "rate_limit_func set 3 0 0"},
-                 {3, 1, 63, 0, "rate_limit_func set 3 0 1"},      {3, 1, -5000, 1, "rate_limit_func set 3 -4 1"},
-                 {3, 1, 1300481, -1, nullptr},                   {3, 2, 64, -1, nullptr},
-                 {4, 1, 64, -1, nullptr}};
-    for (const auto &c : cases) {
+    for (const swtest::Row &c : swtest::dataRows(kData, "rate-limits")) {
         cap->clear();
-        SwitchRateLimitArg arg{c.port, c.action, {}, static_cast<uint32_t>(c.rate)};
-        EXPECT_EQ(c.status, pseRateLimitConfigure(pse, &arg)) << c.rate;
-        EXPECT_EQ(c.line ? Lines{c.line} : Lines{}, cap->commands) << c.rate;
+        SwitchRateLimitArg arg{uint32_t(std::stoul(c[0])), uint8_t(std::stoi(c[1])), {}, uint32_t(std::stol(c[2]))};
+        EXPECT_EQ(std::stoi(c[3]), pseRateLimitConfigure(pse, &arg)) << c[2];
+        EXPECT_EQ(Lines(c.begin() + 4, c.end()), cap->commands) << c[2];
     }
     EXPECT_TRUE(cap->logsAre({{8, "pseRateLimitConfigure", "(switch=PSE) Failed to find port (4). \n"}}));
 
@@ -218,10 +195,7 @@ TEST_P(PseForms, QueueSchedulingAndPauseFrames) {
     EXPECT_EQ(0, pseQueueSchedConfigure(pse, &all));
     EXPECT_EQ(0, pseQueueSchedConfigure(pse, &one));
     EXPECT_EQ(0, pseQueueSchedConfigure(pse, &two));
-    EXPECT_EQ((Lines{"tc_func set 2", "queue_weight_func set 1 2 0 1 2 3", "queue_weight_func set 3 2 0 1 2 3",
-                     "tc_func set 0", "queue_weight_func set 3 1 -2147483648 1 7 0", "tc_func set 1",
-                     "queue_weight_func set 3 0 0 0 0 0"}),
-              cap->commands);
+    EXPECT_EQ(swtest::dataLines(kData, "queue-sched"), cap->commands);
 
     // Any non-zero status stops.
     cap->clear();
@@ -259,8 +233,6 @@ TEST_P(PseForms, QueueSchedulingAndPauseFrames) {
     EXPECT_EQ(4u, cap->systemCommands.size());
 }
 
-
-
 // PSE ports 1, 5 and 33 over BCM ports 1 to 4: port 5 stands for BCM 1
 // and 3, port 1 for BCM 2, port 33 for BCM 4.
 class PseVlanTest : public PseTest {
@@ -293,12 +265,7 @@ TEST_P(PseVlanForms, MembershipMapsFollowThePsePortNumbers) {
     // No member: zero maps, and the ARL entry deleted with an empty MAC.
     EXPECT_EQ(0, apply(0));
     EXPECT_EQ((Lines{"vlan_table_func edit 3 0 0x0 0x0 100  1", "arl_table_func del  100"}), cap->commands);
-    EXPECT_TRUE(cap->logsAre(
-        {{64, "pseSwitchConfig", "Processing vlan membership configure request (35)\n"},
-         {-1, "pseVlanMembershipSet", "Configuration: etagMap 0, mbMap 0, isWan 0, macAddr \n"},
-         {8, "pseVlanMembershipConfigure", "cmd (vlan_table_func edit 3 0 0x0 0x0 100  1) returned (0).\n"},
-         {8, "pseCpuARLTableEntryDelete", "cmd (arl_table_func del  100) returned (1).\n"},
-         {64, "pseSwitchConfig", "handler not defined for command (35)\n"}}));
+    EXPECT_TRUE(cap->logsAre(swtest::dataLogs(kData, "no-members")));
     EXPECT_TRUE(cap->ioctls.empty());
 
     // BCM port 3 alone: PSE port 5 and the CPU; the MAC text brings its
@@ -308,16 +275,10 @@ TEST_P(PseVlanForms, MembershipMapsFollowThePsePortNumbers) {
     EXPECT_EQ((Lines{"vlan_table_func edit 3 1 0x24 0x24 100 00:1a:2b:3c:4d:5e\n 1",
                      "arl_table_func add 00:1a:2b:3c:4d:5e\n 100 0x4 0x1"}),
               cap->commands);
-    const struct {
-        uint32_t fwdMap;
-        const char *ifName, *edit;
-    } cases[] = {{0x6, "eth0", "vlan_table_func edit 3 0 0x26 0x26 100 02:00:00:00:00:01\n 1"},
-                 {0x8, "eth1", "vlan_table_func edit 3 1 0x6 0x6 100 00:1a:2b:3c:4d:5e\n 1"},  // 33 is bit 1
-                 {0xF, "eth1", "vlan_table_func edit 3 1 0x26 0x26 100 00:1a:2b:3c:4d:5e\n 1"}};
-    for (const auto &c : cases) {
+    for (const swtest::Row &c : swtest::dataRows(kData, "membership")) {  // PSE port 33 is bit 1
         cap->clear();
-        EXPECT_EQ(0, apply(c.fwdMap, c.ifName));
-        EXPECT_EQ(c.edit, cap->commands.at(0)) << c.fwdMap;
+        EXPECT_EQ(0, apply(std::stoul(c.at(0), nullptr, 16), c.at(1).c_str()));
+        EXPECT_EQ(c.at(2), cap->commands.at(0)) << c[0];
     }
 
     // The MAC text, cut interface names, and the cleared address of a
@@ -348,7 +309,6 @@ TEST_P(PseVlanForms, OnlyNegativeEngineStatusesFail) {
 
 SWTEST_BOTH_FORMS(PseVlanForms);
 
-
 TEST(ShellReader, SplitsCommandsStagesAndWordsAsTheShellDoes) {
     using Cmds = std::vector<std::vector<swsim::Words>>;
     auto parsed = [](const char *line) {
@@ -365,41 +325,19 @@ TEST(ShellReader, SplitsCommandsStagesAndWordsAsTheShellDoes) {
         EXPECT_FALSE(swsim::shellParse(beyond).has_value()) << beyond;
 }
 
-struct LineCase {
-    const char *line;
-    int status;
-    std::vector<std::string> notes;  // history entries after the line
-};
-
 TEST_F(PseTest, ToolsRefuseWhatTheyCannotTakeAndTheShellSplitsAtNewlines) {
-    const LineCase cases[] = {
-        {"sppe_ioctl rl on", 1, {"sppe_ioctl: usage: sppe_ioctl rl enable|disable"}},
-        {"tc_func set", 1, {"tc_func: usage: too few arguments (1)"}},
-        {"tc_func set 3", 1, {"tc_func: invalid value"}},
-        {"rate_limit_func set 3 128 0", 1, {"rate_limit_func: invalid value"}},
-        {"queue_weight_func set 1 2 0 1 2", 1, {"queue_weight_func: usage: too few arguments (6)"}},
-        {"pri_ctl_func set 3 0 2 0 0 0", 1, {"pri_ctl_func: invalid value"}},
-        {"vlan_table_func edit 3 0 24 0x24 100 00:1a:2b:3c:4d:5e 1", 1, {"vlan_table_func: invalid value"}},
-        {"vlan_table_func edit 3 0 0x0 0x0 100 1 1 1", 1, {"vlan_table_func: usage: too many arguments (9)"}},
-        {"arl_table_func flush", 1, {"arl_table_func: unknown operation flush"}},
-        // The MAC text's newline ends the command: the tool lacks its last
-        // values and the rest is a command of its own.
-        {"vlan_table_func edit 4 0 0x6 0x6 10 02:00:00:00:00:01\n 1", 127,
-         {"vlan_table_func: invalid value", "1: not found"}},  // six values: the MAC stands for the valid flag
-        {"arl_table_func add 02:00:00:00:00:01\n 10 0x4 0x1", 127,
-         {"arl_table_func add: usage: too few arguments (2)", "10: not found"}},
-        {"arl_table_func del  20", 1, {"arl_table_func del: usage: too few arguments (2)"}},
-        {"tc_func set 1; reboot", 127, {"reboot: not found"}},
-    };
-    for (const auto &c : cases) {
+    // Each line, its status and the history it adds. The MAC text's newline
+    // ends the command: the tool lacks its last values (six values: the MAC
+    // stands for the valid flag) and the rest is a command of its own.
+    for (const swtest::Row &c : swtest::dataRows(kData, "tool-refusals")) {
         const std::string before = engine.dump();
         const size_t seen = engine.history().entries().size();
-        EXPECT_EQ(c.status, osaCmdExec(c.line, nullptr, 0)) << c.line;
-        std::vector<std::string> notes{c.line};
-        notes.insert(notes.end(), c.notes.begin(), c.notes.end());
-        EXPECT_EQ(engine.history().last(engine.history().entries().size() - seen), notes) << c.line;
-        if (c.status == 1) {
-            EXPECT_EQ(before, engine.dump()) << c.line;
+        EXPECT_EQ(std::stoi(c.at(1)), osaCmdExec(c[0].c_str(), nullptr, 0)) << c[0];
+        Lines notes{c[0]};
+        notes.insert(notes.end(), c.begin() + 2, c.end());
+        EXPECT_EQ(engine.history().last(engine.history().entries().size() - seen), notes) << c[0];
+        if (c[1] == "1") {
+            EXPECT_EQ(before, engine.dump()) << c[0];
         }
     }
 
@@ -411,18 +349,11 @@ TEST_F(PseTest, ToolsRefuseWhatTheyCannotTakeAndTheShellSplitsAtNewlines) {
     engine.reset();
     engine.failCommand("tc_func", -9, true, 1);
     EXPECT_EQ(-9, osaCmdExec("tc_func set 1", nullptr, 0));
-    const char *good[] = {"tc_func set 1", "sppe_ioctl rl enable", "vlan_table_func edit 2 1 0x24 0x24 100 00:1A:2b:3c:4d:5e 1",
-                          "vlan_table_func edit 0 0 0x0 0x0 7  1", "arl_table_func add 00:1a:2b:3c:4d:5e 100 0x4 0x1",
-                          "arl_table_func add 02:00:00:00:00:01 7 0x4 0x1", "arl_table_func del 02:00:00:00:00:01 7",
-                          "rate_limit_func set 3 12 2", "queue_weight_func set 1 2 -2147483648 1 2 3",
-                          "'pri_ctl_func' set 3 0 1 0 0 0"};
-    for (const char *line : good) EXPECT_EQ(0, osaCmdExec(line, nullptr, 0)) << line;
-    EXPECT_EQ("qos enabled\ntraffic-class 1\nvlan 0 vid 7 wan 0 etag 0x0 mb 0x0 mac - valid 1\n"
-              "vlan 2 vid 100 wan 1 etag 0x24 mb 0x24 mac 00:1a:2b:3c:4d:5e valid 1\n"
-              "arl 00:1a:2b:3c:4d:5e vid 100 ports 0x4 flags 0x1\nrate-limit port 3 value 12 unit 2\n"
-              "queue-weight port 1 mode 2 exp -2147483648 1 2 3\ntrust port 3 flags 0 1 0 0 0\n"
-              "reg 0x7000000c 0x0\nreg 0x70000010 0x0\nreg 0x70000018 0x0\n",
-              engine.dump());
+    std::string state;
+    for (const std::string &line : swtest::dataLines(kData, "tool-accepted"))
+        EXPECT_EQ(0, osaCmdExec(line.c_str(), nullptr, 0)) << line;
+    for (const std::string &line : swtest::dataLines(kData, "engine-state")) state += line + "\n";
+    EXPECT_EQ(state, engine.dump());
 }
 
 // awk's ^ is a power: the clear pipeline ANDs with +inf, which the device
