@@ -105,7 +105,8 @@ Bytes logBytes(uint32_t level, const char *tag, const std::string &text) {
 std::vector<Bytes> received(int conn) {
     std::vector<Bytes> out;
     mbuswire::Bytes buf;
-    for (ssize_t n; (n = mbuswire::receiveMessage(conn, buf)) > 32;) out.emplace_back(buf.begin() + 32, buf.begin() + n);
+    for (ssize_t n; (n = mbuswire::receiveMessage(conn, buf)) > 32;)
+        out.emplace_back(buf.begin() + 32, buf.begin() + n);
     return out;
 }
 
