@@ -4,10 +4,12 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
@@ -66,8 +68,9 @@ int rawConnect(int module) {
 
 // A request header claiming `dataLen` bytes, followed by `bodyBytes` bytes.
 Bytes frame(uint32_t magic, int dst, uint32_t dataLen, size_t bodyBytes) {
-    Bytes out = swtest::bytesOf(MbusMsgHeader{magic, 0, static_cast<uint32_t>(dst), kEcho, 1, dataLen, 0, 0});
-    out.resize(out.size() + bodyBytes, 'x');
+    const MbusMsgHeader h{magic, 0, static_cast<uint32_t>(dst), kEcho, 1, dataLen, 0, 0};
+    Bytes out(sizeof h + bodyBytes, 'x');
+    std::memcpy(out.data(), &h, sizeof h);
     return out;
 }
 
@@ -96,8 +99,9 @@ int logRecord(uint32_t level, const char *text, int len) {
 Bytes logBytes(uint32_t level, const char *tag, const std::string &text) {
     SwLogRecordHeader h{103, level, {}};
     std::snprintf(h.tag, sizeof h.tag, "%s", tag);
-    Bytes out = swtest::bytesOf(h);
-    out.insert(out.end(), text.c_str(), text.c_str() + text.size() + 1);
+    Bytes out(sizeof h + text.size() + 1, 0);
+    std::memcpy(out.data(), &h, sizeof h);
+    std::memcpy(out.data() + sizeof h, text.data(), text.size());
     return out;
 }
 
