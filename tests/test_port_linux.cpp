@@ -150,30 +150,25 @@ TEST(OsaFile, ReadsBelowTheRootFallBackToTheRealPath) {
     osaPortFileRootSet(nullptr);
 }
 
-TEST(SqliteHelper, ReturnsTheTableLayoutAndWaitsOutAWriter) {
+// What a query returns is what every configuration load reads; here, how
+// long it waits for a writer.
+TEST(SqliteHelper, WaitsOutABriefWriterAndGivesUpOnAStuckOneWithinOneBound) {
     swtest::TempDir dir;
-    const std::string path =
-        swtest::makeDb(dir.file("c.db"), "CREATE TABLE t(a, b); INSERT INTO t VALUES(1, NULL), ('x', 2);");
+    const std::string path = swtest::makeDb(dir.file("c.db"), "CREATE TABLE t(a, b); INSERT INTO t VALUES(1, 2);");
     sqlite3 *db = nullptr, *writer = nullptr;
     ASSERT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
     ASSERT_EQ(sqlite3_open(path.c_str(), &writer), SQLITE_OK);
     int nCols = -1, nRows = -1;
-    char **r = sqlite3QueryResGet(db, 0, "SELECT * from t", &nCols, &nRows);
-    ASSERT_NE(r, nullptr);
-    std::vector<std::string> cells;
-    for (int i = 0; i < (nRows + 1) * nCols; ++i) cells.push_back(r[i] != nullptr ? r[i] : "(null)");
-    EXPECT_EQ(cells, (std::vector<std::string>{"a", "b", "1", "(null)", "x", "2"}));
-    sqlite3_free_table(r);
-
     // A writer holding the database briefly delays the query, not fails it.
     ASSERT_EQ(sqlite3_exec(writer, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr), SQLITE_OK);
     std::thread release([&] {
         std::this_thread::sleep_for(std::chrono::milliseconds(150));
         sqlite3_exec(writer, "COMMIT", nullptr, nullptr, nullptr);
     });
-    r = sqlite3QueryResGet(db, 0, "SELECT * from t", &nCols, &nRows);
+    char **r = sqlite3QueryResGet(db, 0, "SELECT * from t", &nCols, &nRows);
     release.join();
-    EXPECT_NE(r, nullptr);
+    ASSERT_NE(r, nullptr);
+    EXPECT_STREQ(r[3], "2");
     sqlite3_free_table(r);
     EXPECT_EQ(sqliteBusyHandler(nullptr, 1 << 20), 0) << "retrying is bounded";
 
