@@ -23,26 +23,23 @@ class Input {
 public:
     Input(const uint8_t *data, size_t size) : data_(data), size_(size) {}
     uint8_t u8() { return pos_ < size_ ? data_[pos_++] : 0; }
-    uint16_t u16() {
-        const uint16_t lo = u8();
-        return static_cast<uint16_t>(lo | u8() << 8);
-    }
-    uint32_t u32() {
-        uint32_t v = 0;
-        for (int i = 0; i < 4; ++i) v |= static_cast<uint32_t>(u8()) << (8 * i);
-        return v;
-    }
+    uint16_t u16() { return static_cast<uint16_t>(le(2)); }
+    uint32_t u32() { return le(4); }
     // Up to `max` bytes, as many as the next length byte says.
     std::string text(size_t max) { return take(std::min<size_t>(u8(), max)); }
     std::string rest() { return take(size_); }
     bool empty() const { return pos_ >= size_; }
 
 private:
+    uint32_t le(int bytes) {
+        uint32_t v = 0;
+        for (int i = 0; i < bytes; ++i) v |= static_cast<uint32_t>(u8()) << (8 * i);
+        return v;
+    }
     std::string take(size_t n) {
-        n = std::min(n, size_ - std::min(pos_, size_));
-        std::string s(reinterpret_cast<const char *>(data_) + std::min(pos_, size_), n);
+        n = std::min(n, size_ - pos_);  // pos_ never passes size_
         pos_ += n;
-        return s;
+        return std::string(reinterpret_cast<const char *>(data_) + pos_ - n, n);
     }
     const uint8_t *data_;
     size_t size_, pos_ = 0;

@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -15,14 +14,13 @@
 #include <thread>
 #include <vector>
 
+#include "mbus_wire.h"
 #include "swmgr_test.h"
 
 namespace {
 
+using swtest::Bytes;
 enum { kEcho = 7, kSlow = 8, kCount = 9 };
-
-// The sockets go to the test support's private bus directory, never the
-// shared default where other runs meet.
 
 int seenCount = 0;  // requests the module served in the child has seen (its own copy)
 
@@ -43,20 +41,17 @@ struct Server {
     explicit Server(int module) {
         int p[2];
         if (::pipe(p) != 0) return;
-        pid = ::fork();
-        if (pid == 0) {
+        if ((pid = ::fork()) == 0) {
             MbusCtx *ctx = mbusRegister(module, 2, childModule, nullptr);
             if (ctx == nullptr || ::write(p[1], "R", 1) != 1) ::_exit(1);
             for (;;) mbusListen(ctx, 100000);
         }
-        ::close(p[1]);
         char c = 0;
+        ::close(p[1]);
         ready = pid > 0 && ::read(p[0], &c, 1) == 1;
         ::close(p[0]);
     }
-    ~Server() {
-        if (pid > 0) ::kill(pid, SIGKILL), ::waitpid(pid, nullptr, 0);
-    }
+    ~Server() { if (pid > 0) ::kill(pid, SIGKILL), ::waitpid(pid, nullptr, 0); }
     pid_t pid = -1;
     bool ready = false;
 };
@@ -66,50 +61,27 @@ std::string socketPath(int module) {
     return mbusPortSocketPath(module, buf, sizeof buf) == 0 ? buf : "";
 }
 
-sockaddr_un unixAddr(const std::string &path) {
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path.c_str());
-    return addr;
-}
-
 int rawConnect(int module) {
-    int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-    sockaddr_un addr = unixAddr(socketPath(module));
-    if (::connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0) ::close(fd);
-    return fd;
-}
-
-// A listening socket at `path` (a stale one removed first).
-int listenAt(const std::string &path, int type = SOCK_SEQPACKET) {
-    int fd = ::socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
-    sockaddr_un addr = unixAddr(path);
-    ::unlink(path.c_str());
-    if (::bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0 ||
-        (type == SOCK_SEQPACKET && ::listen(fd, 4) != 0))
-        ADD_FAILURE() << "cannot listen at " << path;
-    return fd;
+    std::string err;
+    return mbuswire::connectModule(module, 1000, err);
 }
 
 // A request header claiming `dataLen` bytes, followed by `bodyBytes` bytes.
-std::vector<uint8_t> frame(uint32_t magic, int dst, uint32_t dataLen, size_t bodyBytes) {
-    MbusMsgHeader h{magic, 0, static_cast<uint32_t>(dst), kEcho, 1, dataLen, 0, 0};
-    std::vector<uint8_t> out(sizeof h + bodyBytes, 'x');
+Bytes frame(uint32_t magic, int dst, uint32_t dataLen, size_t bodyBytes) {
+    const MbusMsgHeader h{magic, 0, static_cast<uint32_t>(dst), kEcho, 1, dataLen, 0, 0};
+    Bytes out(sizeof h + bodyBytes, 'x');
     std::memcpy(out.data(), &h, sizeof h);
     return out;
 }
 
 // Sends raw bytes to a module's socket; the result word of the reply, or 1 when none came.
-int sendRaw(int module, const std::vector<uint8_t> &bytes) {
+int sendRaw(int module, const Bytes &bytes) {
     int fd = rawConnect(module), result = 1;
-    if (::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size())) {
-        MbusMsgHeader r{};
-        timeval tv{2, 0};
-        ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-        if (::recv(fd, &r, sizeof r, 0) == static_cast<ssize_t>(sizeof r) && r.magic == MBUS_MSG_MAGIC &&
-            r.isRequest == 0)
-            result = r.result;
-    }
+    MbusMsgHeader r{};
+    if (::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size()) &&
+        mbuswire::waitReadable(fd, 2000) && ::recv(fd, &r, sizeof r, 0) == static_cast<ssize_t>(sizeof r) &&
+        r.magic == MBUS_MSG_MAGIC && r.isRequest == 0)
+        result = r.result;
     ::close(fd);
     return result;
 }
@@ -121,6 +93,25 @@ int logRecord(uint32_t level, const char *text, int len) {
     SwLogRecordHeader hdr{103, level, {}};
     return mbusIoctl(nullptr, MBUS_MODULE_LOG, MBUS_LOG_CMD, &hdr, SW_LOG_HEADER_LEN, const_cast<char *>(text),
                      &len, MBUS_FLAG_NOREPLY, 0, 0);
+}
+
+// A log record as it follows its bus header: module 103, level, tag, the text and its NUL.
+Bytes logBytes(uint32_t level, const char *tag, const std::string &text) {
+    SwLogRecordHeader h{103, level, {}};
+    std::snprintf(h.tag, sizeof h.tag, "%s", tag);
+    Bytes out(sizeof h + text.size() + 1, 0);
+    std::memcpy(out.data(), &h, sizeof h);
+    std::memcpy(out.data() + sizeof h, text.data(), text.size());
+    return out;
+}
+
+// The records waiting on a connection of the log service, each without its bus header.
+std::vector<Bytes> received(int conn) {
+    std::vector<Bytes> out;
+    mbuswire::Bytes buf;
+    for (ssize_t n; (n = mbuswire::receiveMessage(conn, buf)) > 32;)
+        out.emplace_back(buf.begin() + 32, buf.begin() + n);
+    return out;
 }
 
 int inProcess(MbusCtx *, const MbusMsgHeader *h, int cmd, void *, int, void *, int *) {
@@ -194,7 +185,7 @@ TEST(BusSocket, ModulesServeOtherProcessesUntilTheyUnregister) {
 TEST(BusSocket, MalformedMessagesAreRefusedAndTheListenerServesOn) {
     Server child(204);
     ASSERT_TRUE(child.ready);
-    EXPECT_EQ(sendRaw(204, std::vector<uint8_t>(10, 0)), MBUS_PORT_ERR_BADMSG) << "shorter than a header";
+    EXPECT_EQ(sendRaw(204, Bytes(10, 0)), MBUS_PORT_ERR_BADMSG) << "shorter than a header";
     EXPECT_EQ(sendRaw(204, frame(0x12345678, 204, 4, 4)), MBUS_PORT_ERR_BADMSG) << "bad magic";
     EXPECT_EQ(sendRaw(204, frame(MBUS_MSG_MAGIC, 204, 100, 4)), MBUS_PORT_ERR_BADMSG) << "data cut short";
     EXPECT_EQ(sendRaw(204, frame(MBUS_MSG_MAGIC, 204, 4, 8)), MBUS_PORT_ERR_BADMSG) << "trailing bytes";
@@ -231,7 +222,7 @@ TEST(BusSocket, PastTheConnectionLimitTheConnectionIdleLongestIsClosed) {
     int c[5];
     for (int i = 0; i < 4; ++i) c[i] = rawConnect(207);
     EXPECT_EQ(mbusListen(ctx, 20000), 0) << "connections alone run nothing";
-    std::vector<uint8_t> req = frame(MBUS_MSG_MAGIC, 207, 4, 4);
+    const Bytes req = frame(MBUS_MSG_MAGIC, 207, 4, 4);
     ASSERT_EQ(::send(c[1], req.data(), req.size(), 0), static_cast<ssize_t>(req.size()));
     EXPECT_EQ(mbusListen(ctx, 20000), 1);
     MbusMsgHeader r{};
@@ -252,48 +243,32 @@ TEST(BusSocket, PastTheConnectionLimitTheConnectionIdleLongestIsClosed) {
 // counts what it could not send; the service, once reading, is told.
 // Diagnostics travel the same way, without waiting for a reply.
 TEST(BusSocket, LogRecordsNeverWaitForTheirReader) {
-    ::mkdir(mbusPortBusDirGet(), 0750);
-    const std::string path = socketPath(MBUS_MODULE_LOG);
-    int lsn = listenAt(path);
-    char text[200];
-    std::memset(text, 'r', sizeof text);
-    text[sizeof text - 1] = '\0';
+    std::string err;
+    int lsn = mbuswire::listenSocket(MBUS_MODULE_LOG, err);
+    ASSERT_GE(lsn, 0) << err;
+    const std::string text(199, 'r');
     const uint64_t before = mbusPortLogDropped();
     int sent = 0;
-    for (; sent < 100000 && mbusPortLogDropped() < before + 3; ++sent) ASSERT_EQ(logRecord(64, text, sizeof text), 0);
+    for (; sent < 100000 && mbusPortLogDropped() < before + 3; ++sent) ASSERT_EQ(logRecord(64, text.c_str(), 200), 0);
     ASSERT_EQ(mbusPortLogDropped(), before + 3);
     int conn = ::accept(lsn, nullptr, nullptr);
     ASSERT_GE(conn, 0);
-    std::vector<uint8_t> buf(2048);
-    int queued = 0;
-    while (::recv(conn, buf.data(), buf.size(), MSG_DONTWAIT) == static_cast<ssize_t>(32 + 40 + sizeof text))
-        ++queued;
-    EXPECT_EQ(queued, sent - 3) << "every record not counted as dropped arrived whole";
+    EXPECT_EQ(received(conn), std::vector<Bytes>(sent - 3, logBytes(64, "", text)))
+        << "every record not counted as dropped arrived whole";
     swMgrDebug("", 64, nullptr, 0, "back\n");
     EXPECT_STREQ(mbusPortLastError(), "") << "the reader never replies: waiting for it would have failed";
-    std::string got;
-    for (ssize_t n; (n = ::recv(conn, buf.data(), buf.size(), MSG_DONTWAIT)) > 72;) {
-        SwLogRecordHeader h;
-        std::memcpy(&h, buf.data() + 32, sizeof h);
-        got += std::to_string(h.module) + "/" + std::to_string(h.level) + "/" + h.tag + ": " +
-               std::string(reinterpret_cast<char *>(buf.data()) + 72);
-    }
-    EXPECT_EQ(got, "103/8/mbus: 3 log records dropped while the log reader was behind\n103/64/: back\n");
+    EXPECT_EQ(received(conn), (std::vector<Bytes>{logBytes(8, "mbus", "3 log records dropped while the log reader "
+                                                                     "was behind\n"),
+                                                  logBytes(64, "", "back\n")}));
 
-    // The service restarts: the next record finds the new one, whole: its
-    // header (module, level, an empty tag), then the text and its NUL.
+    // The service restarts: the next record finds the new one, whole.
     ::close(conn), ::close(lsn);
-    lsn = listenAt(path);
+    lsn = mbuswire::listenSocket(MBUS_MODULE_LOG, err);
     swMgrDebug("", 64, nullptr, 0, "back\n");
-    conn = ::accept4(lsn, nullptr, nullptr, SOCK_NONBLOCK);
-    const ssize_t n = ::recv(conn, buf.data(), buf.size(), 0);
-    swtest::Bytes want = swtest::le32(103), level = swtest::le32(64);
-    want.insert(want.end(), level.begin(), level.end());
-    want.resize(40, 0);
-    for (char ch : std::string("back\n", 6)) want.push_back(static_cast<uint8_t>(ch));
-    EXPECT_EQ(swtest::Bytes(buf.begin() + 32, buf.begin() + std::max<ssize_t>(n, 32)), want);
+    conn = ::accept(lsn, nullptr, nullptr);
+    EXPECT_EQ(received(conn), std::vector<Bytes>{logBytes(64, "", "back\n")});
     ::close(conn), ::close(lsn);
-    ::unlink(path.c_str());
+    ::unlink(socketPath(MBUS_MODULE_LOG).c_str());
 }
 
 // Nobody serving the log, or no system log to be had: standard error.
@@ -311,7 +286,10 @@ TEST(BusSocket, LogRecordsToTheBusStandardErrorOrTheSystemLog) {
 
     swtest::TempDir tmp;
     const std::string dev = tmp.file("syslog");
-    int sys = listenAt(dev, SOCK_DGRAM);
+    int sys = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_un addr{AF_UNIX, {}};
+    std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", dev.c_str());
+    ASSERT_EQ(::bind(sys, reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
     ASSERT_EQ(mbusPortLogTargetSet(MBUS_PORT_LOG_SYSLOG, dev.c_str()), 0);
     EXPECT_EQ(logRecord(8, text, sizeof text), 0);
     char line[512] = {};

@@ -9,7 +9,7 @@ namespace {
 
 class Diagnostics : public swtest::SwmgrTest {};
 
-TEST_F(Diagnostics, OverlongTextOrPrefixIsCutAt1023Characters) {
+TEST_F(Diagnostics, TextIsCutAt1023CharactersAndTheForegroundGetsItOnStandardError) {
     std::string big(3000, 'x');
     swMgrDebug("pre:", 64, "f", 1, "%s", big.c_str());
     swMgrDebug(big.c_str(), 64, "f", 1, "tail");  // a prefix longer than the buffer never overflows it
@@ -17,9 +17,9 @@ TEST_F(Diagnostics, OverlongTextOrPrefixIsCutAt1023Characters) {
     EXPECT_EQ(cap->logs[0].raw, "pre:f:1:" + std::string(1015, 'x'));
     EXPECT_EQ(cap->logs[0].length, 1024);
     EXPECT_EQ(cap->logs[1].raw, std::string(1023, 'x'));
-}
 
-TEST_F(Diagnostics, ForegroundWritesToStandardErrorOnlyAndNegativeLevelsNowhere) {
+    // In the foreground: standard error only; negative levels nowhere.
+    cap->clear();
     EXPECT_EQ(swMgrDebug("", -1, nullptr, 0, "trace\n"), 0);
     swMgrForeground = 1;
     testing::internal::CaptureStderr();
