@@ -80,7 +80,9 @@ void BM_VlanAddThroughDaemon(benchmark::State &state) {
         for (int i = 0; i < 300 && !std::filesystem::exists(bus + "/mod-20.sock"); ++i)
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
-    const pid_t daemon = swbench::startDaemon(db, bus, {follower ? "--log=bus" : "--foreground"});
+    // With a follower the daemon's records go to it (the default), else to standard error.
+    const pid_t daemon =
+        swbench::startDaemon(db, bus, follower ? std::vector<std::string>{} : std::vector<std::string>{"--foreground"});
     sqlite3 *conn = nullptr;
     if (daemon < 0 || *mbusPortLastError() != '\0' || sqlite3_open(db.c_str(), &conn) != SQLITE_OK) {
         state.SkipWithError("swmgrd did not come up on the bus");
