@@ -1,7 +1,8 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 // Helpers of the end-to-end tests: shell command lines run to completion or
 // in the background, and a fixture with a private directory holding copies
-// of the example database.
+// of the example database. Long expected outputs are transcripts under
+// tests/data/e2e: each command line, what it printed, its exit status.
 #ifndef SWMGR_TESTS_E2E_E2E_UTIL_H
 #define SWMGR_TESTS_E2E_E2E_UTIL_H
 
@@ -95,7 +96,20 @@ protected:
         }
         return path;
     }
-    Proc ctl(const std::string &args) { return sh(std::string(SWMGRCTL_PATH) + " --bus-dir " + quote(bus_) + " " + args); }
+    std::string ctlLine() { return std::string(SWMGRCTL_PATH) + " --bus-dir " + quote(bus_) + " "; }
+    Proc ctl(const std::string &args) { return sh(ctlLine() + args); }
+    // A transcript entry, with the programs and this test's directory as the
+    // expected transcripts name them.
+    std::string run(const std::string &cmd) {
+        const Proc r = sh(cmd);
+        std::string t = "$ " + cmd + "\n" + r.out + "[exit " + std::to_string(r.status) + "]\n";
+        for (const auto &[from, to] : {std::pair<std::string, std::string>{SWMGRD_PATH, "swmgrd"},
+                                       {SWMGRCTL_PATH, "swmgrctl"}, {dir_, "$DIR"}})
+            for (size_t at = 0; (at = t.find(from, at)) != std::string::npos; at += to.size())
+                t.replace(at, from.size(), to);
+        return t;
+    }
+    static std::string expected(const std::string &name) { return readFile(std::string(E2E_DATA_DIR "/") + name); }
     // A background process, killed at the end of the test unless stopped before.
     pid_t start(const std::string &cmd) { return pids_.emplace_back(spawn(cmd)); }
     // Sends `sig` and returns the wait status (-1 when it did not end).
