@@ -13,8 +13,8 @@
 #include <cstring>
 #include <fstream>
 #include <map>
+#include <sstream>
 #include <nlohmann/json.hpp>
-#include <tuple>
 
 #include "swmgr/platform/mbus.h"
 
@@ -120,13 +120,9 @@ TEST_F(E2e, VlanRowsChangedWithSqliteReachTheHardware) {
 // Bad requests are refused and the daemon serves on; the registry as it
 // holds it, its counters, and the requests a client refuses to send.
 TEST_F(E2e, ShowAndStatsAnswerFromTheRunningDaemonAfterBadRequests) {
-    Proc db79 = ctl("raw 4 " + std::string(2 * 79, '0'));
-    EXPECT_EQ(db79.out, "raw 103 4 (79 bytes): result -1 (failed)\n");
-    EXPECT_EQ(db79.status, 1);
+    std::string t = ctl("raw 4 " + std::string(2 * 79, '0')).out + ctl("raw 5 " + std::string(2 * 1131, '0')).out;
     EXPECT_TRUE(logHas("swmgr error: Invalid database event\n"));
-    EXPECT_EQ(ctl("raw 5 " + std::string(2 * 1131, '0')).out, "raw 103 5 (1131 bytes): result -1 (failed)\n");
     EXPECT_TRUE(logHas("swmgr error: swMgrIoctlHandler: short ifDev event request!\n"));
-    std::string t;
     // Named commands without their options, and port lists out of range,
     // never reach the daemon.
     for (const char *args : {"cmd NOPE 47 --enable 1", "vlan add --id 100 --ports 0,1 --untagged 0 --json",
@@ -313,61 +309,36 @@ protected:
         rec[64 + 1284] = 0x3;  // fwdMap: ports 0 and 1
         return rec;
     }
-    static std::string refusal(const std::string &origin, const std::string &shown, const std::string &ch) {
-        return origin + ": interfaceName \"" + shown + "\" refused: character " + ch +
-               " at offset 4 is not allowed (letters, digits, '_', '.', '-')\n";
-    }
     std::string db_;
 };
 
 TEST_F(E2eUntrusted, NoPayloadRunsAndEachIsRefusedWhileGoodConfigurationIsProgrammed) {
-    EXPECT_NE(errText().find(refusal("table vlanEncapIf row id 3", "eth0;touch ran", "';'")), std::string::npos)
-        << errText();
+    std::string t;
     // Port rows that would make a switch its own lower-level switch, directly
     // and through the other one.
-    for (const auto &[sw, port, rowId] : {std::tuple{"PSE", "2", "8"}, std::tuple{"BCM", "5", "9"}}) {
-        Proc row = ctl("sql --db " + quote(db_) + " " +
-                       quote(std::string("INSERT INTO swPortConfig (switchName, portNumber, PVID, interfaceName, "
-                                         "phyDevice) VALUES ('") + sw + "', " + port + ", 1, 'eth2', 'PSE:0')"));
-        EXPECT_EQ(row.out, std::string("swPortConfig row ") + rowId + " insert: result -22 (invalid argument)\n");
-        EXPECT_NE(errText().find(std::string("Refusing PSE as a lower-level switch of ") + sw + ": " + sw +
-                                 " would be below itself\n"), std::string::npos) << errText();
-    }
-
-    // Payload, its character as the error line shows it, and the text.
-    const std::vector<std::tuple<std::string, std::string, std::string>> payloads = {
-        {"eth0;touch ran1", "';'", "eth0;touch ran1"},      {"eth0$(touch ran2)", "'$'", "eth0$(touch ran2)"},
-        {"eth0`touch ran3`", "'`'", "eth0`touch ran3`"},    {"eth0\ntouch ran4", "'\\n'", "eth0\\x0atouch ran4"},
-        {"eth0&&touch ran5", "'&'", "eth0&&touch ran5"},    {"eth0|touch ran6", "'|'", "eth0|touch ran6"},
-        {"eth0>ran7", "'>'", "eth0>ran7"},
-    };
+    for (const std::string row : {"'PSE', 2", "'BCM', 5"})
+        t += ctl("sql --db " + quote(db_) + " " + quote("INSERT INTO swPortConfig (switchName, portNumber, PVID, "
+                                                        "interfaceName, phyDevice) VALUES (" + row + ", 1, 'eth2', 'PSE:0')")).out;
+    // Each payload in a database row inserted and announced by swmgrctl sql,
+    // then in bus requests to add and delete a VLAN, past swmgrctl's own check.
     int vlanId = 40;
-    for (const auto &[payload, ch, shown] : payloads) {
-        SCOPED_TRACE(shown);
-        // A database row, inserted and announced by swmgrctl sql.
+    for (const std::string payload : {"eth0;touch ran1", "eth0$(touch ran2)", "eth0`touch ran3`", "eth0\ntouch ran4",
+                                      "eth0&&touch ran5", "eth0|touch ran6", "eth0>ran7"}) {
         std::string sqlText;
         for (char c : payload) sqlText += c == '\n' ? std::string("' || char(10) || '") : std::string(1, c);
-        Proc row = ctl("sql --db " + quote(db_) + " " +
-                       quote("INSERT INTO vlanEncapIf (vlanId, interfaceName, fwdMap, untagMap) VALUES (" +
-                             std::to_string(++vlanId) + ", '" + sqlText + "', '0', '0')"));
-        const std::string rowId = std::to_string(vlanId - 40 + 3);
-        EXPECT_EQ(row.out, "vlanEncapIf row " + rowId + " insert: result -22 (invalid argument)\n");
-        EXPECT_NE(errText().find(refusal("table vlanEncapIf row id " + rowId, shown, ch)), std::string::npos);
-        // The same name in bus requests, past swmgrctl's own check.
-        for (int code : {36, 38}) {
-            Proc req = ctl("raw " + std::to_string(code) + " " + hex(vlanRequest(vlanId, payload)));
-            EXPECT_EQ(req.out, "raw 103 " + std::to_string(code) + " (1364 bytes): result -22 (invalid argument)\n");
-            EXPECT_NE(errText().find(refusal(code == 36 ? "VLAN add request" : "VLAN delete request", shown, ch)),
-                      std::string::npos);
-        }
+        t += ctl("sql --db " + quote(db_) + " " + quote("INSERT INTO vlanEncapIf (vlanId, interfaceName, fwdMap, "
+                 "untagMap) VALUES (" + std::to_string(++vlanId) + ", '" + sqlText + "', '0', '0')")).out;
+        for (const std::string code : {"36 ", "38 "}) t += ctl("raw " + code + hex(vlanRequest(vlanId, payload))).out;
     }
-    Proc ctlRefused = ctl("vlan add --id 99 --if " + quote("eth0;touch ran9"));
-    EXPECT_EQ(ctlRefused.status, 1);
-    EXPECT_EQ(ctlRefused.out,
-              "swmgrctl: --if: character ';' at offset 4 is not allowed (letters, digits, '_', '.', '-')\n");
-
+    t += run(ctlLine() + "vlan add --id 99 --if " + quote("eth0;touch ran9"));
     // A good request after all of them is programmed.
-    EXPECT_EQ(ctl("raw 36 " + hex(vlanRequest(60, "eth0"))).out, "raw 103 36 (1364 bytes): result 0 (ok)\n");
+    t += ctl("raw 36 " + hex(vlanRequest(60, "eth0"))).out;
+    // What the daemon refused, the bad row at start-up first.
+    std::istringstream err(errText());
+    for (std::string line; std::getline(err, line);)
+        if (line.find("refused: character") != std::string::npos || line.find("Refusing") != std::string::npos)
+            t += line + "\n";
+    EXPECT_EQ(t, expected("untrusted.txt"));
 
     EXPECT_EQ(sh("find " + quote(dir_) + " -name 'ran*'").out, "") << "payloads ran";
     const std::string argv = readFile(dir_ + "/argv.log");
