@@ -258,7 +258,7 @@ TEST_F(E2e, AnotherUsersConnectionIsClosedBeforeItCanSend) {
 }
 
 TEST_F(E2e, StateDrawsTheTopologyAndKeepsBoundedHistories) {
-    EXPECT_EQ(ctl("state --dot").out, expected("topology.dot"));
+    EXPECT_EQ(ctl("state --dot").out, expected("topology.txt"));
     restart("", "env SWMGR_SIM_HISTORY=3 ");
     const json s = state();
     EXPECT_EQ(s["history"]["engine"], json::array({"awk: system(/sysx2.0/bin/memrw 1879048216 w 0x80080)",
