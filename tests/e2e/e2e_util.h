@@ -1,7 +1,8 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 // Helpers of the end-to-end tests: shell command lines run to completion or
 // in the background, and a fixture with a private directory holding copies
-// of the example database.
+// of the example database. Long expected outputs are transcripts under
+// tests/data/e2e: each command line, what it printed, its exit status.
 #ifndef SWMGR_TESTS_E2E_E2E_UTIL_H
 #define SWMGR_TESTS_E2E_E2E_UTIL_H
 
@@ -44,27 +45,11 @@ inline std::string quote(const std::string &s) {
 inline std::string readFile(const std::string &path) { return sh("cat " + quote(path)).out; }
 inline bool exists(const std::string &path) { return ::access(path.c_str(), F_OK) == 0; }
 
-// Runs a shell command line in the background; the pid is the command's own.
-inline pid_t spawn(const std::string &cmd) {
-    pid_t pid = ::fork();
-    if (pid == 0) {
-        ::execl("/bin/sh", "sh", "-c", ("exec " + cmd).c_str(), static_cast<char *>(nullptr));
-        ::_exit(127);
-    }
-    return pid;
-}
-
 // Polls `done` every 10 ms, at most `tries` times.
 template <class F> bool waitFor(F done, int tries = 500) {
     for (int i = 0; i < tries; ++i, std::this_thread::sleep_for(std::chrono::milliseconds(10)))
         if (done()) return true;
     return false;
-}
-
-// Waits for a child to end (a generous 10 s at most). Returns its wait status or -1.
-inline int reap(pid_t pid) {
-    int st = -1;
-    return waitFor([&] { return ::waitpid(pid, &st, WNOHANG) == pid; }, 1000) ? st : -1;
 }
 
 inline bool exitedWith(int st, int code) { return st != -1 && WIFEXITED(st) && WEXITSTATUS(st) == code; }
@@ -95,14 +80,36 @@ protected:
         }
         return path;
     }
-    Proc ctl(const std::string &args) { return sh(std::string(SWMGRCTL_PATH) + " --bus-dir " + quote(bus_) + " " + args); }
-    // A background process, killed at the end of the test unless stopped before.
-    pid_t start(const std::string &cmd) { return pids_.emplace_back(spawn(cmd)); }
-    // Sends `sig` and returns the wait status (-1 when it did not end).
+    std::string ctlLine() { return std::string(SWMGRCTL_PATH) + " --bus-dir " + quote(bus_) + " "; }
+    Proc ctl(const std::string &args) { return sh(ctlLine() + args); }
+    // A transcript entry, with the programs and this test's directory as the
+    // expected transcripts name them.
+    std::string run(const std::string &cmd) {
+        const Proc r = sh(cmd);
+        std::string t = "$ " + cmd + "\n" + r.out + "[exit " + std::to_string(r.status) + "]\n";
+        for (const auto &[from, to] : {std::pair<std::string, std::string>{SWMGRD_PATH, "swmgrd"},
+                                       {SWMGRCTL_PATH, "swmgrctl"}, {dir_, "$DIR"}})
+            for (size_t at = 0; (at = t.find(from, at)) != std::string::npos; at += to.size())
+                t.replace(at, from.size(), to);
+        return t;
+    }
+    static std::string expected(const std::string &name) { return readFile(std::string(E2E_DATA_DIR "/") + name); }
+    // A shell command line in the background (the pid is the command's own),
+    // killed at the end of the test unless stopped before.
+    pid_t start(const std::string &cmd) {
+        const pid_t pid = ::fork();
+        if (pid == 0) {
+            ::execl("/bin/sh", "sh", "-c", ("exec " + cmd).c_str(), static_cast<char *>(nullptr));
+            ::_exit(127);
+        }
+        return pids_.emplace_back(pid);
+    }
+    // Sends `sig` (0 only waits) and returns the wait status, or -1 when the
+    // process did not end within a generous 10 s.
     int stop(pid_t pid, int sig = SIGTERM) {
-        if (::kill(pid, sig) != 0) return -1;
-        const int st = reap(pid);
-        if (st != -1) std::erase(pids_, pid);
+        int st = -1;
+        if (::kill(pid, sig) != 0 || !waitFor([&] { return ::waitpid(pid, &st, WNOHANG) == pid; }, 1000)) return -1;
+        std::erase(pids_, pid);
         return st;
     }
     std::string dir_, bus_;

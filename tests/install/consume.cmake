@@ -8,8 +8,9 @@ set(prefix ${WORK}/prefix)
 file(REMOVE_RECURSE ${WORK})
 file(MAKE_DIRECTORY ${WORK})
 
+set(input /dev/null)
 function(run what)
-  execute_process(COMMAND ${ARGN} RESULT_VARIABLE failed OUTPUT_VARIABLE out ERROR_VARIABLE err)
+  execute_process(COMMAND ${ARGN} INPUT_FILE ${input} RESULT_VARIABLE failed OUTPUT_VARIABLE out ERROR_VARIABLE err)
   if(failed)
     message(FATAL_ERROR "${what} failed (${failed}):\n${out}${err}")
   endif()
@@ -35,10 +36,11 @@ run("build with pkg-config" ${CC} -std=c99 -Wall -Wextra -Werror ${here}/consume
     -o ${WORK}/by-pkg-config)
 
 file(READ ${here}/expected.txt expected)
+set(input ${schema})  # the consumers read the schema on their standard input
 foreach(program by-cmake/consumer by-pkg-config)
   string(REPLACE "/" "-" name ${program})
   file(MAKE_DIRECTORY ${WORK}/run-${name})
-  run("${program}" ${WORK}/${program} ${schema} ${WORK}/run-${name})
+  run("${program}" ${WORK}/${program} ${WORK}/run-${name})
   if(NOT out STREQUAL expected)
     message(FATAL_ERROR "${program} printed:\n${out}\nexpected:\n${expected}")
   endif()

@@ -2,12 +2,11 @@
 /* A host program built against an installed swmgr: starts the service on
  * the example database with a stand-in switch chip and every command line
  * taken instead of run, and prints what it did to the host's interfaces.
- * Usage: consumer SCHEMA.sql WORKDIR */
+ * Usage: consumer WORKDIR < SCHEMA.sql */
 #include <swmgr/osa_port.h>
 #include <swmgr/swmgr.h>
 #include <sqlite3.h>
 #include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
 #include <swmgr/switch.h>
 
@@ -27,31 +26,19 @@ static int takeCommand(void *ctx, const char *command, int *status) {
     return 1;
 }
 
-static char *readAll(const char *path) {
-    FILE *f = fopen(path, "rb");
-    if (f == NULL) return NULL;
-    char *text = calloc(1, 1 << 16);
-    size_t n = text != NULL ? fread(text, 1, (1 << 16) - 1, f) : 0;
-    fclose(f);
-    if (text != NULL && n == 0) free(text), text = NULL;
-    return text;
-}
-
 int main(int argc, char **argv) {
+    static char schema[1 << 16];
     char db[512], bus[512], root[512];
-    if (argc != 3) return 2;
-    snprintf(db, sizeof db, "%s/router.db", argv[2]);
-    snprintf(bus, sizeof bus, "%s/bus", argv[2]);
-    snprintf(root, sizeof root, "%s/root", argv[2]);
-
-    char *schema = readAll(argv[1]);
+    if (argc != 2 || fread(schema, 1, sizeof schema - 1, stdin) == 0) return 2;
+    snprintf(db, sizeof db, "%s/router.db", argv[1]);
+    snprintf(bus, sizeof bus, "%s/bus", argv[1]);
+    snprintf(root, sizeof root, "%s/root", argv[1]);
     sqlite3 *h = NULL;
-    if (schema == NULL || sqlite3_open(db, &h) != SQLITE_OK || sqlite3_exec(h, schema, NULL, NULL, NULL) != SQLITE_OK) {
-        fprintf(stderr, "consumer: cannot create %s from %s\n", db, argv[1]);
+    if (sqlite3_open(db, &h) != SQLITE_OK || sqlite3_exec(h, schema, NULL, NULL, NULL) != SQLITE_OK) {
+        fprintf(stderr, "consumer: cannot create %s\n", db);
         return 1;
     }
     sqlite3_close(h);
-    free(schema);
 
     const OsaDeviceModel chip = {NULL, chipIoctl, NULL, NULL};
     mbusPortBusDirSet(bus);
