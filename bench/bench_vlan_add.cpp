@@ -36,6 +36,16 @@ namespace {
 constexpr int kFirstVlan = 1000;
 constexpr int kVlanSpan = 2000;
 
+// Runs one add, timed for the benchmark and kept in `us` for the median.
+template <class F> int timed(benchmark::State &state, std::vector<double> &us, F add) {
+    auto t0 = std::chrono::steady_clock::now();
+    int r = add();
+    const double s = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+    state.SetIterationTime(s);
+    us.push_back(s * 1e6);
+    return r;
+}
+
 // The median of the timed adds, in microseconds, beside the mean.
 void report(benchmark::State &state, std::vector<double> &us) {
     if (us.empty()) return;
@@ -99,12 +109,9 @@ void BM_VlanAddThroughDaemon(benchmark::State &state) {
                 }
                 ev = insertEvent(sqlite3_last_insert_rowid(conn));
             }
-            auto t0 = std::chrono::steady_clock::now();
-            int r = swbench::send(byEvent ? SW_CMD_DB_EVENT : SW_CMD_VLAN_ADD, byEvent ? ev : req);
-            auto t1 = std::chrono::steady_clock::now();
-            const double s = std::chrono::duration<double>(t1 - t0).count();
-            state.SetIterationTime(s);
-            us.push_back(s * 1e6);
+            int r = timed(state, us, [&] {
+                return swbench::send(byEvent ? SW_CMD_DB_EVENT : SW_CMD_VLAN_ADD, byEvent ? ev : req);
+            });
             if (r != 0) {
                 state.SkipWithError("the daemon refused the VLAN add");
                 break;
@@ -158,13 +165,10 @@ void BM_VlanAddInProcess(benchmark::State &state) {
     std::vector<double> us;
     for (auto _ : state) {
         std::vector<uint8_t> req = swbench::vlanRequest(id);
-        auto t0 = std::chrono::steady_clock::now();
-        int r = swMgrIoctlHandler(nullptr, &header, SW_CMD_VLAN_ADD, req.data(), static_cast<int>(req.size()),
-                                  nullptr, nullptr);
-        auto t1 = std::chrono::steady_clock::now();
-        const double s = std::chrono::duration<double>(t1 - t0).count();
-        state.SetIterationTime(s);
-        us.push_back(s * 1e6);
+        int r = timed(state, us, [&] {
+            return swMgrIoctlHandler(nullptr, &header, SW_CMD_VLAN_ADD, req.data(), static_cast<int>(req.size()),
+                                     nullptr, nullptr);
+        });
         if (r != 0) {
             state.SkipWithError("the VLAN add was refused");
             break;
