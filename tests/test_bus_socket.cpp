@@ -20,13 +20,14 @@
 namespace {
 
 using swtest::Bytes;
-enum { kEcho = 7, kSlow = 8, kCount = 9 };
+enum { kEcho = 7, kSlow = 8, kCount = 9, kDie = 10 };
 
 int seenCount = 0;  // requests the module served in the child has seen (its own copy)
 
 int childModule(MbusCtx *, const MbusMsgHeader *h, int cmd, void *data, int dataLen, void *aux, int *auxLen) {
     ++seenCount;
     if (cmd == kCount) return seenCount - 1;
+    if (cmd == kDie) ::_exit(0);
     if (cmd == kSlow) std::this_thread::sleep_for(std::chrono::milliseconds(400));
     if (aux != nullptr) {
         int n = std::snprintf(static_cast<char *>(aux), static_cast<size_t>(*auxLen), "src=%u req=%u data=%.*s",
@@ -149,6 +150,8 @@ TEST(BusSocket, ModulesServeOtherProcessesUntilTheyUnregister) {
         // While its process lives, nobody else may register the module.
         EXPECT_EQ(mbusRegister(201, 2, inProcess, nullptr), nullptr);
         EXPECT_EQ(std::string(mbusPortLastError()), "module 201 is already on the bus at " + socketPath(201));
+        EXPECT_EQ(mbusIoctl(nullptr, 201, kDie, nullptr, 0, nullptr, nullptr, 0, 2000, 0), MBUS_PORT_ERR_IO);
+        EXPECT_STREQ(mbusPortLastError(), "module 201 closed without a reply");
     }
     // The child is gone and its socket left behind: it is taken over.
     ASSERT_EQ(::access(socketPath(201).c_str(), F_OK), 0);
@@ -171,9 +174,11 @@ TEST(BusSocket, ModulesServeOtherProcessesUntilTheyUnregister) {
     stopping = ctx;
     ASSERT_EQ(mbusPortWatch(wake[0], [](void *, int) { mbusUnRegister(stopping); }, nullptr), 0);
     EXPECT_EQ(mbusPortWatch(wake[0], [](void *, int) {}, nullptr), -1) << "one callback per descriptor";
+    EXPECT_EQ(mbusPortWatch(wake[1], [](void *, int) {}, nullptr), 0) << "and one for another";
     EXPECT_EQ(mbusListen(ctx, 5000000), 1);
     EXPECT_EQ(mbusPortUnwatch(wake[0]), 0);
     EXPECT_EQ(mbusPortUnwatch(wake[0]), -1);
+    EXPECT_EQ(mbusPortUnwatch(wake[1]), 0);
     ::close(wake[0]), ::close(wake[1]);
     EXPECT_NE(::access(socketPath(201).c_str(), F_OK), 0);
     EXPECT_EQ(mbusListen(ctx, 1000), -1);
@@ -268,6 +273,38 @@ TEST(BusSocket, LogRecordsNeverWaitForTheirReader) {
     conn = ::accept(lsn, nullptr, nullptr);
     EXPECT_EQ(received(conn), std::vector<Bytes>{logBytes(64, "", "back\n")});
     ::close(conn), ::close(lsn);
+    ::unlink(socketPath(MBUS_MODULE_LOG).c_str());
+}
+
+// Records made while a request is served wait for its reply, at most 256 of
+// them (then the oldest go out at once); the others go out at once.
+TEST(BusSocket, LogRecordsMadeWhileServingARequestFollowItsReply) {
+    std::string err;
+    const int lsn = mbuswire::listenSocket(MBUS_MODULE_LOG, err);
+    ASSERT_GE(lsn, 0) << err;
+    static int reader;
+    static std::vector<Bytes> want, duringRequest;
+    want.clear();
+    for (int i = 0; i < 300; ++i) want.push_back(logBytes(64, "", std::to_string(i) + "\n"));
+    MbusCtx *ctx = mbusRegister(208, 2, [](MbusCtx *, const MbusMsgHeader *, int, void *, int, void *, int *) {
+        for (const Bytes &w : want)
+            logRecord(64, reinterpret_cast<const char *>(w.data()) + SW_LOG_HEADER_LEN,
+                      static_cast<int>(w.size()) - SW_LOG_HEADER_LEN);
+        duringRequest = received(reader);
+        return 0;
+    }, nullptr);
+    ASSERT_NE(ctx, nullptr) << mbusPortLastError();
+    ASSERT_EQ(logRecord(64, "alone\n", 7), 0);
+    reader = ::accept(lsn, nullptr, nullptr);
+    EXPECT_EQ(received(reader), std::vector<Bytes>{logBytes(64, "", "alone\n")});
+    const Bytes req = frame(MBUS_MSG_MAGIC, 208, 4, 4);
+    const int client = rawConnect(208);
+    ASSERT_EQ(::send(client, req.data(), req.size(), 0), static_cast<ssize_t>(req.size()));
+    EXPECT_EQ(mbusListen(ctx, 1000000), 1);
+    EXPECT_EQ(duringRequest, std::vector<Bytes>(want.begin(), want.begin() + 256));
+    EXPECT_EQ(received(reader), std::vector<Bytes>(want.begin() + 256, want.end()));
+    mbusUnRegister(ctx);
+    ::close(client), ::close(reader), ::close(lsn);
     ::unlink(socketPath(MBUS_MODULE_LOG).c_str());
 }
 
