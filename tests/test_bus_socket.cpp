@@ -43,6 +43,7 @@ struct Server {
         int p[2];
         if (::pipe(p) != 0) return;
         if ((pid = ::fork()) == 0) {
+            ::close(STDIN_FILENO);  // descriptor 0 is as good as any for the module's socket
             MbusCtx *ctx = mbusRegister(module, 2, childModule, nullptr);
             if (ctx == nullptr || ::write(p[1], "R", 1) != 1) ::_exit(1);
             for (;;) mbusListen(ctx, 100000);
