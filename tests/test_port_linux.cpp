@@ -56,6 +56,9 @@ TEST(Port, EntryPointsRefuseMissingOrUnusableArguments) {
     const OsaDeviceModel model{nullptr, [](void *, unsigned int, void *) { return 0; }, nullptr, nullptr};
     char out[8] = "", junk[512] = {};
     auto *foreign = reinterpret_cast<MbusCtx *>(junk);  // never handed out by the bus
+    MbusCtx *posts = mbusRegister(231, 2, [](MbusCtx *, const MbusMsgHeader *, int, void *, int, void *, int *) {
+        return 0;
+    }, nullptr);
 #define ROW(call, want) {#call, static_cast<long>(call), want}
     const struct {
         const char *call;
@@ -72,11 +75,14 @@ TEST(Port, EntryPointsRefuseMissingOrUnusableArguments) {
         ROW(mbusRegister(230, 2, nullptr, nullptr) != nullptr, 0),
         ROW(mbusIoctl(foreign, 230, 1, nullptr, 0, nullptr, nullptr, 0, 0, 0), MBUS_PORT_ERR_BADCTX),
         ROW(mbusListen(foreign, 0), -1), ROW(mbusUnRegister(foreign), -1),
-        ROW(mbusPortPost(1, 1, nullptr, 4, nullptr, 0), -1),
+        ROW(mbusPortPost(1, 1, nullptr, 4, nullptr, 0), -1), ROW(mbusPortPost(1, 1, nullptr, 0, nullptr, 4), -1),
+        ROW(mbusPortPost(1, 1, "x", -1, nullptr, 0), -1), ROW(mbusPortPost(1, 1, nullptr, 0, "x", -1), -1),
     };
 #undef ROW
     for (const auto &r : rows) EXPECT_EQ(r.got, r.want) << r.call;
     EXPECT_EQ(osaListFirst(&list), nullptr);
+    EXPECT_EQ(mbusListen(posts, 0), 0) << "nothing was posted";
+    mbusUnRegister(posts);
     EXPECT_STREQ(out, "/etc/ho") << "the mapped path cut to the buffer, the socket path not written";
 }
 
