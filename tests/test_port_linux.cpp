@@ -60,10 +60,7 @@ TEST(Port, EntryPointsRefuseMissingOrUnusableArguments) {
         return 0;
     }, nullptr);
 #define ROW(call, want) {#call, static_cast<long>(call), want}
-    const struct {
-        const char *call;
-        long got, want;
-    } rows[] = {
+    const struct { const char *call; long got, want; } rows[] = {
         ROW(osaListInit(nullptr), -1), ROW(osaListNodeAppend(nullptr, &a), -1),
         ROW(osaListNodeAppend(&list, nullptr), -1), ROW(osaListNodeRemove(nullptr, &a), -1),
         ROW(osaListNodeRemove(&list, nullptr), -1), ROW(osaOpen(nullptr, 0, 0), -1),
