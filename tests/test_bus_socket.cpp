@@ -213,7 +213,9 @@ TEST(BusSocket, MalformedMessagesAreRefusedAndTheListenerServesOn) {
     std::vector<char> big(MBUS_PORT_MSG_MAX, 'b');
     EXPECT_EQ(mbusIoctl(nullptr, 204, kEcho, big.data(), static_cast<int>(big.size()), nullptr, nullptr, 0, 0, 0),
               MBUS_PORT_ERR_TOOBIG);
-    EXPECT_EQ(count(204), 2);
+    const int most = MBUS_PORT_MSG_MAX - MBUS_MSG_HEADER_LEN;
+    EXPECT_EQ(mbusIoctl(nullptr, 204, kEcho, big.data(), most, nullptr, nullptr, 0, 0, 0), 1000 + most);
+    EXPECT_EQ(count(204), 3);
     EXPECT_STREQ(mbusPortLastError(), "") << "a delivered request leaves no reason behind";
 
     // A send hook takes what it answers, and only until it is removed.
@@ -227,7 +229,7 @@ TEST(BusSocket, MalformedMessagesAreRefusedAndTheListenerServesOn) {
     EXPECT_EQ(count(204), 77);
     EXPECT_EQ(mbusPortSendHookRemove(hook, nullptr), -1) << "another context's hook";
     EXPECT_EQ(mbusPortSendHookRemove(hook, &taken), 0);
-    EXPECT_EQ(count(204), 3);
+    EXPECT_EQ(count(204), 4);
     EXPECT_EQ(taken, 1);
 }
 

@@ -5,6 +5,7 @@
 #include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <unistd.h>
 #include <sqlite3.h>
 
 #include <chrono>
@@ -105,9 +106,12 @@ TEST(OsaCmd, HooksMayLeaveWhileCalledAndOutputIsCutToTheBuffer) {
     osaPortCmdHookRemove(next, nullptr);
     EXPECT_EQ(seen_, (std::vector<std::string>{"once", "a", "b"}));
 
+    auto lowestFree = [] { const int fd = ::dup(2); return ::close(fd), fd; };
+    const int lowest = lowestFree();
     char out[8];
     EXPECT_EQ(osaCmdExec("printf 'hello world'", out, sizeof out), 0);
     EXPECT_STREQ(out, "hello w") << "output is cut to the buffer";
+    EXPECT_EQ(lowestFree(), lowest) << "no descriptor left open";
 }
 
 TEST(OsaCmd, PlainLinesSpawnDirectlyOthersThroughTheShellWithTheShellsStatuses) {
