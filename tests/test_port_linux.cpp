@@ -149,7 +149,7 @@ TEST(OsaCmd, PlainLinesSpawnDirectlyOthersThroughTheShellWithTheShellsStatuses) 
         {"printf '[%s]' a  b", 0, "[a][b]", false}, {"printf [%s] a\tb", 0, "[a][b]", false},
         // Assignments and the shell's own words never reach a program.
         {"A=1 printenv A", 0, "1\n", false}, {"exit 7", 7, "", false}, {"#printf x", 0, "", false},
-        {"cd " + d, 0, "", false},
+        {"cd " + d, 0, "", false}, {"   ", 0, "", false},
         // Statuses: missing 127, not executable 126, killed 128+n, no
         // binary run as a script; on both paths.
         {d + "missing arg", 127, "", false}, {"swmgr-no-such-tool arg", 127, "", false},
