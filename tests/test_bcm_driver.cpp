@@ -229,8 +229,8 @@ TEST_P(BcmForms, QosRecordsAndTheirResults) {
     chip.failRequest(kQos, 3, 1);  // passed up, but reported as a failure
     EXPECT_EQ(3, bcmQoSConfigure(sw, &on));
     EXPECT_TRUE(cap->logsAre(swtest::dataLogs(kData, "qos-failures")));
-    EXPECT_EQ(-1, bcmQoSConfigure(nullptr, &on));
-    EXPECT_EQ(-1, bcmRateLimitConfigure(sw, nullptr));
+    for (auto f : {bcmQoSConfigure, bcmPauseFrameConfigure, bcmRateLimitConfigure, bcmTrustModeConfigure})
+        EXPECT_EQ(std::make_pair(-1, -1), std::make_pair(f(nullptr, &on), f(sw, nullptr)));
 
     // Queue scheduling and CoS maps walk the matching ports.
     for (int n : {2, 0, 1}) addPort(n);

@@ -122,6 +122,13 @@ TEST(ConfigDecode, NumbersBeyond32BitsRefuseTheRow) {
     Table port({"portNumber"}, {{"-12345678901"}});
     SwitchPortConf pc{};
     EXPECT_EQ(swPortCfgFromQueryResultRead(&pc, port.cells.data(), 1, 0), -22);
+    EXPECT_EQ(std::make_tuple(swGlobalCfgFromQueryResultRead(nullptr, sw.cells.data(), 1, 0),
+                              swPortCfgFromQueryResultRead(nullptr, port.cells.data(), 1, 0),
+                              swVlanCfgFromQueryResultRead(nullptr, edge.cells.data(), 2, 0)),
+              std::make_tuple(0, 0, 0));
+    // An update whose old values are refused is refused with the decoder's result.
+    Table next({"vlanId"}, {{"10"}}), old({"vlanId"}, {{"4294967306"}});
+    EXPECT_EQ(swVlanCfgDBUpdateHandler(next.cells.data(), old.cells.data(), 1, 0), -22);
 }
 
 TEST(ConfigDecode, AbsentUntagMapConvertsWhatFwdMapLeftInTheScratch) {

@@ -199,6 +199,10 @@ TEST_P(DbEventForms, VlanRowInsertUpdateDeleteFollowTheDatabase) {
     EXPECT_EQ(switchVlanByIdGet(sw, 100), nullptr);
     ASSERT_NE(switchVlanByIdGet(sw, 101), nullptr);
     EXPECT_EQ(switchVlanByIdGet(sw, 101)->fwdMap, 0x6u);
+    rec->results[SW_CMD_VLAN_MEMBERSHIP_APPLY] = -4;
+    EXPECT_EQ(event("vlanEncapIf", row, 23, oldValues("vlanEncapIf", row)), -1);
+    EXPECT_EQ(cap->countLog("Failed to update switch vlan profile \n"), 1);
+    rec->results.clear();
 
     cap->clear();
     old = oldValues("vlanEncapIf", row);
@@ -227,6 +231,9 @@ TEST_P(DbEventForms, MalformedEventsAreRefusedAndNothingIsReadPastItsLength) {
     EXPECT_EQ(cap->countLog("table vlanEncapIf row id 5: interfaceName \"\" refused: the name is empty\n"), 1);
     EXPECT_EQ(cap->commands.size() + rec->calls.size(), 0u);
     EXPECT_NE(switchVlanByIdGet(sw, 10), nullptr) << "nothing decoded, nothing deleted";
+    // A cut last string ends with its block (40 bytes: no slack after it to hide a missing end).
+    EXPECT_EQ(event("vlanEncapIf", 1, 9, std::string("vlanId\0ingressMap\0interfaceName\0" "10\0\0eth0", 40)), 0);
+    EXPECT_EQ(cap->commands, std::vector<std::string>{"vconfig rem eth0.10"});
 }
 
 TEST_F(DbEvents, RowsWithUnsafeTextsOrNumbersAreRefusedAndLeaveTheLoadedOnesAlone) {

@@ -195,6 +195,9 @@ TEST_P(VlanForms, DisableClearsMapsAndSendsMembershipThenApplyDeleteRemovesEvery
     EXPECT_EQ(ids(low), Ints{200});
     EXPECT_EQ(cap->countLog("(switch=LOW) Failed to delete vlan (ID=200)\n"), 1);
     EXPECT_EQ(std::tie(top->lowerLvlForward, low->lowerLvlForward), std::make_tuple(0, 1));
+    drv.results = {{SW_CMD_PORT_CONFIG_SET, -4}};  // disabled, but the apply is refused
+    EXPECT_EQ(switchVlanDelete(switchVlanByIdGet(low, 200)), -4);
+    EXPECT_EQ(ids(low), Ints{200});
 }
 
 TEST_P(VlanForms, BusCodesAddDeleteAndNothingElse) {
@@ -285,6 +288,9 @@ TEST_P(VlanForms, LookupsApplyAndDisableFollowTheListWhateverChangedIt) {
     SwitchVlan copy = *v100;
     EXPECT_EQ(switchVlanCfgApply(top, &copy), 0);
     EXPECT_EQ(switchVlanCfgApply(top, v100), 0);
+    SwitchVlan stray{};  // no listed record has its id: nothing to disable
+    stray.sw = top, stray.vlanId = 4000;
+    EXPECT_EQ(std::make_pair(switchVlanDisable(&stray), switchVlanCfgApply(nullptr, v100)), std::make_pair(0, -22));
     EXPECT_EQ(cmdsTo(top), (Ints{41, 41, 35}));
 
     // An update onto a taken id leaves two records with it: lookups give the
