@@ -267,6 +267,8 @@ TEST_P(BcmForms, EntryGetsCpuPortOnlyWhenItHasMembers) {
     addVlan(13, 0x04, 0x00, "eth1");                    // no CPU port outside the LAN zone
     addVlan(14, 0x08, 0x00, "eth0.100");                // nor for a sub-interface
 
+    chip.failRequest(kClear, -5, 1);
+    EXPECT_EQ(-5, bcmVlanMembershipClear(10));
     // The whole list: a failed clear does not stop the write, a failed write stops the walk.
     chip.state().vlans.clear();
     chip.failRequest(kClear, -5, 1);

@@ -35,7 +35,7 @@ protected:
         ASSERT_EQ(swMgrDBInit(const_cast<char *>(path.c_str())), 0);
     }
     void TearDown() override {
-        swMgrDBDeinit();
+        EXPECT_EQ(swMgrDBDeinit(), 0);
         sqlite3_close(db);
         rec.reset();
         SwmgrTest::TearDown();
