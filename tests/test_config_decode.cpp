@@ -126,9 +126,13 @@ TEST(ConfigDecode, NumbersBeyond32BitsRefuseTheRow) {
                               swPortCfgFromQueryResultRead(nullptr, port.cells.data(), 1, 0),
                               swVlanCfgFromQueryResultRead(nullptr, edge.cells.data(), 2, 0)),
               std::make_tuple(0, 0, 0));
-    // An update whose old values are refused is refused with the decoder's result.
+    // The row handlers refuse a row the decoder refuses, with its result.
     Table next({"vlanId"}, {{"10"}}), old({"vlanId"}, {{"4294967306"}});
-    EXPECT_EQ(swVlanCfgDBUpdateHandler(next.cells.data(), old.cells.data(), 1, 0), -22);
+    char **bad = old.cells.data();
+    EXPECT_EQ(std::make_tuple(swGlobalCfgDBInsertHandler(sw.cells.data(), 1, 0),
+                              swPortCfgDBInsertHandler(port.cells.data(), 1, 0), swVlanCfgDBInsertHandler(bad, 1, 0),
+                              swVlanCfgDBUpdateHandler(next.cells.data(), bad, 1, 0), swVlanCfgDBDeleteHandler(bad, 1, 0)),
+              std::make_tuple(-22, -22, -22, -22, -22));
 }
 
 TEST(ConfigDecode, AbsentUntagMapConvertsWhatFwdMapLeftInTheScratch) {

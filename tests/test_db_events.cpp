@@ -224,6 +224,7 @@ TEST_P(DbEventForms, MalformedEventsAreRefusedAndNothingIsReadPastItsLength) {
     // null (the old id reads as 0 and finds no VLAN).
     EXPECT_EQ(event("vlanEncapIf", 1, 23, std::string("vlanId\0" "10\0", 10)), 0);
     EXPECT_EQ(switchVlanByIdGet(sw, 10)->fwdMap, 0x3u);
+    EXPECT_EQ(event("vlanEncapIf", 1, 23, std::string(3, '\0')), 0) << "three empty strings, nothing past them";
     // An empty block passes with no columns and reaches the delete handler,
     // which refuses a row without a parent interface name.
     cap->clear();

@@ -195,8 +195,11 @@ TEST_P(VlanForms, DisableClearsMapsAndSendsMembershipThenApplyDeleteRemovesEvery
     EXPECT_EQ(ids(low), Ints{200});
     EXPECT_EQ(cap->countLog("(switch=LOW) Failed to delete vlan (ID=200)\n"), 1);
     EXPECT_EQ(std::tie(top->lowerLvlForward, low->lowerLvlForward), std::make_tuple(0, 1));
+    SwitchVlan *v200 = switchVlanByIdGet(low, 200);
+    drv.results = {{SW_CMD_VLAN_MEMBERSHIP_APPLY, -5}};
+    EXPECT_EQ(switchVlanDisable(v200), -5);
     drv.results = {{SW_CMD_PORT_CONFIG_SET, -4}};  // disabled, but the apply is refused
-    EXPECT_EQ(switchVlanDelete(switchVlanByIdGet(low, 200)), -4);
+    EXPECT_EQ(switchVlanDelete(v200), -4);
     EXPECT_EQ(ids(low), Ints{200});
 }
 
