@@ -4,6 +4,8 @@
 // simulated hardware is read back after each step.
 #include <poll.h>
 #include <sqlite3.h>
+#include <fcntl.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -68,11 +70,12 @@ protected:
     }
     std::string uptimeFile(int vlan) { return bus_ + "/sim/root/var/VLAN." + std::to_string(vlan) + ".Uptime"; }
     // A bare connection to a module's socket, never sending anything.
-    int connectTo(int module) {
+    int connectTo(int module, const std::string &dir = "") {
         int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
         sockaddr_un addr{};
         addr.sun_family = AF_UNIX;
-        std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s/mod-%d.sock", bus_.c_str(), module);
+        std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s/mod-%d.sock", (dir.empty() ? bus_ : dir).c_str(),
+                      module);
         if (::connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) == 0) return fd;
         ::close(fd);
         return -1;
@@ -238,12 +241,17 @@ TEST_F(E2e, AnotherUsersConnectionIsClosedBeforeItCanSend) {
     struct stat st {};
     ASSERT_EQ(::stat(bus_.c_str(), &st), 0);
     ASSERT_EQ(::chmod(dir_.c_str(), 0711), 0);
+    // The bus directory is reached through a descriptor opened here, so the
+    // directories above it (a private TMPDIR) need not let the other user by.
+    const int busFd = ::open(bus_.c_str(), O_PATH | O_DIRECTORY);
+    ASSERT_GE(busFd, 0);
     pid_t pid = ::fork();
     if (pid == 0) {
         // In the bus directory's group, so the socket is reachable; the user
         // is what gets it closed.
         if (::setgid(st.st_gid) != 0 || ::setuid(65534) != 0) ::_exit(2);
-        int fd = connectTo(103);
+        ::prctl(PR_SET_DUMPABLE, 1);  // keeps /proc/self/fd readable after the switch
+        int fd = connectTo(103, "/proc/self/fd/" + std::to_string(busFd));
         if (fd < 0) ::_exit(3);
         MbusMsgHeader h{};
         timeval tv{2, 0};
@@ -251,6 +259,7 @@ TEST_F(E2e, AnotherUsersConnectionIsClosedBeforeItCanSend) {
         bool refused = ::recv(fd, &h, sizeof h, 0) == static_cast<ssize_t>(sizeof h) && h.result == -13;
         ::_exit(refused && ::recv(fd, &h, sizeof h, 0) == 0 ? 0 : 4);
     }
+    ::close(busFd);
     pids_.push_back(pid);
     EXPECT_TRUE(exitedWith(stop(pid, 0), 0));
     EXPECT_EQ(ctl("state").status, 0);
