@@ -105,12 +105,20 @@ TEST(OsaCmd, HooksMayLeaveWhileCalledAndOutputIsCutToTheBuffer) {
     EXPECT_EQ(osaCmdExec("b", nullptr, 0), 9);
     osaPortCmdHookRemove(next, nullptr);
     EXPECT_EQ(seen_, (std::vector<std::string>{"once", "a", "b"}));
+    // The fallback answers after the hooks; an answered line has no output.
+    osaPortCmdFallbackSet(next, nullptr);
+    char none[4] = "xyz";
+    EXPECT_EQ(osaCmdExec("c", none, sizeof none), 9);
+    EXPECT_STREQ(none, "");
+    osaPortCmdFallbackSet(nullptr, nullptr);
 
     auto lowestFree = [] { const int fd = ::dup(2); return ::close(fd), fd; };
     const int lowest = lowestFree();
     char out[8];
     EXPECT_EQ(osaCmdExec("printf 'hello world'", out, sizeof out), 0);
     EXPECT_STREQ(out, "hello w") << "output is cut to the buffer";
+    EXPECT_EQ(osaCmdExec("printf a; sleep 0.05; printf b", out, sizeof out), 0);
+    EXPECT_STREQ(out, "ab") << "output arriving in pieces";
     EXPECT_EQ(lowestFree(), lowest) << "no descriptor left open";
 }
 
@@ -185,6 +193,12 @@ TEST(OsaFile, ReadsBelowTheRootFallBackToTheRealPath) {
     EXPECT_EQ(readAll(), "777.5 1.0\n") << "absent below the root: the real path";
     root.write(real.substr(1), "5\n");
     EXPECT_EQ(readAll(), "5\n") << "present below the root: that one wins";
+    if (FILE *out = osaFileOpen(real.c_str(), "w")) {
+        EXPECT_EQ(osaFilePrintf(out, "%u\n", 42u), 3);
+        osaFileClose(out);
+    }
+    EXPECT_EQ(readAll(), "42\n");
+    EXPECT_EQ(outside.read("uptime"), "777.5 1.0\n") << "writes stay below the root";
     osaPortFileRootSet(nullptr);
 }
 
