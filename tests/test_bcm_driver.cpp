@@ -218,6 +218,7 @@ TEST_P(BcmForms, QosRecordsAndTheirResults) {
     EXPECT_EQ(-22, bcmTrustModeConfigure(sw, &trust));  // no such mode: the bytes still show the layout
     EXPECT_EQ(requests(), (Requests{{kQos, {1, 0, 0, 0}}, {kPause, {1, 0, 0, 0}},
                                     {kRate, {3, 0, 1, 0xa0, 0x86, 0x01, 0x00}}, {kTrust, {2, 0, 4, 3, 2, 1}}}));
+    EXPECT_TRUE(cap->logsAre(swtest::dataLogs(kData, "qos")));
 
     cap->clear();
     trust.trustMode = 4;

@@ -122,6 +122,7 @@ TEST_P(PseForwardForms, CommandEntryAndForwarding) {
     EXPECT_EQ(-3, pseConfTransfer(pse, lower, 50, &limit, 12, nullptr, nullptr));
     limit.portNumber = 9;
     EXPECT_EQ(-1, pseConfTransfer(pse, lower, 50, &limit, 12, nullptr, nullptr));
+    EXPECT_EQ(-1, pseConfTransfer(pse, lower, 50, &limit, 11, nullptr, nullptr));  // short: nothing sent
     EXPECT_EQ(3u, rec.calls.size());
     EXPECT_EQ(1, cap->countLog("Failed to find port (9).\n"));
 
