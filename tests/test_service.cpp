@@ -20,7 +20,9 @@ SWTEST_BOTH_FORMS(ServiceForms);
 // why; without the bus or the database it stays down. Shutting it down
 // twice is harmless either way.
 TEST_P(ServiceForms, StartUpRunsWithNothingToApplyAndStaysDownWithoutBusOrDatabase) {
-    const std::string noDir = root->file("no/such/dir/config.db");
+    const std::string noDir = root->file("no/such/dir/config.db"), schema = swtest::kConfigSchema;
+    const std::string switchesOnly = schema.substr(0, schema.find("CREATE TABLE swPortConfig"));
+    const std::string noVlans = schema.substr(0, schema.find("CREATE TABLE vlanEncapIf"));
     const struct {
         std::string sql;  // empty: the database cannot be opened
         bool failRegister;
@@ -29,6 +31,12 @@ TEST_P(ServiceForms, StartUpRunsWithNothingToApplyAndStaysDownWithoutBusOrDataba
         {"CREATE TABLE unrelated(x);", false,
          {{8, "switchCfgLoad", "failed to get list of switches from the database\n"},
           {8, "swMgrCfgReload", "Failed to load switch configuration \n"}}},
+        {switchesOnly, false,
+         {{8, "switchPortCfgLoad", "failed to get list of switch ports from the database\n"},
+          {8, "swMgrCfgReload", "Failed to load switch port configuration \n"}}},
+        {noVlans, false,
+         {{8, "switchVlanCfgLoad", "failed to get list of vlans from the database\n"},
+          {8, "swMgrCfgReload", "Failed to load switch vlan configuration \n"}}},
         {swtest::kConfigSchema, false,
          {{8, "swMgrCfgApply", "Failed to find switch configuration to load. \n"},
           {8, "swMgrCfgReload", "Failed to apply switch configuration \n"}}},
