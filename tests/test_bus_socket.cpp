@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -131,8 +132,17 @@ TEST(BusSocket, ModulesServeOtherProcessesUntilTheyUnregister) {
         env != nullptr ? ::setenv(MBUS_PORT_DIR_ENV, env, 1) : ::unsetenv(MBUS_PORT_DIR_ENV);
         dirs.push_back(mbusPortBusDirGet());
     }
-    mbusPortBusDirSet(busDir.c_str());
     EXPECT_EQ(dirs, (std::vector<std::string>{"/tmp/elsewhere", MBUS_PORT_DEFAULT_DIR, MBUS_PORT_DEFAULT_DIR}));
+    // A directory of ours that others may read and enter is narrowed, not refused.
+    swtest::TempDir open;
+    ::chmod(open.path().c_str(), 0755);
+    mbusPortBusDirSet(open.path().c_str());
+    MbusCtx *narrowed = mbusRegister(209, 2, inProcess, nullptr);
+    EXPECT_NE(narrowed, nullptr) << mbusPortLastError();
+    mbusUnRegister(narrowed);
+    struct stat st {};
+    EXPECT_EQ(::stat(open.path().c_str(), &st) == 0 ? st.st_mode & 07777 : 0, 0750u);
+    mbusPortBusDirSet(busDir.c_str());
     {
         Server child(201);
         ASSERT_TRUE(child.ready);

@@ -183,7 +183,8 @@ TEST(OsaCmd, PlainLinesSpawnDirectlyOthersThroughTheShellWithTheShellsStatuses) 
 TEST(OsaFile, ReadsBelowTheRootFallBackToTheRealPath) {
     swtest::TempDir root, outside;
     outside.write("uptime", "777.5 1.0\n");
-    osaPortFileRootSet(root.path().c_str());
+    EXPECT_EQ(osaPortFileRootSet((root.path() + "//").c_str()), 0);
+    EXPECT_EQ(osaPortFileRootGet(), root.path()) << "trailing slashes dropped";
     const std::string real = outside.file("uptime");
     auto readAll = [&] {
         char text[32] = {};

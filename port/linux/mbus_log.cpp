@@ -188,9 +188,7 @@ void logNow(int src, const void *data, int dataLen, const void *aux, int auxLen)
 void logRecord(int src, const void *data, int dataLen, const void *aux, int auxLen) {
     LogPath &p = path();
     if (p.target == MBUS_PORT_LOG_STDERR) {
-        Record r{src, data, 0, aux, 0, {}, textOf(aux, auxLen)};
-        if (data != nullptr && dataLen > 0) std::memcpy(&r.h, data, std::min(static_cast<size_t>(dataLen), sizeof r.h));
-        toStderr(nullptr, r.h.level, r.text);
+        toStderr(nullptr, 0, textOf(aux, auxLen));  // the text alone, as a console shows it
         return;
     }
     if (p.holding == 0) {
