@@ -315,6 +315,14 @@ TEST_P(BcmForms, PortConfigTakesPvidFromLastUntaggedVlanAndWidens) {
     cap->clear();
     EXPECT_EQ(0, config(41, p2, SW_PORT_REC_LEN));
     EXPECT_EQ(5u, argsOf(kNon8021q).size());
+    // A refused write ends the walk on that port, with its line.
+    chip.failRequest(kTagSet, -5, 1);
+    EXPECT_EQ(-5, config(41, p2, SW_PORT_REC_LEN));
+    chip.failRequest(kNon8021q, -5, 1);
+    EXPECT_EQ(-5, config(41, p2, SW_PORT_REC_LEN));
+    const std::string port0 = "(switch=BCM) (port:0) ";
+    EXPECT_EQ(1, cap->countLog(port0 + "Failed to set PVID for port 0\n"));
+    EXPECT_EQ(1, cap->countLog(port0 + "Failed to set Non-8021q Frame status for port 0\n"));
 }
 
 TEST_P(BcmForms, PortBasedVlansAddTheCpuPort) {
