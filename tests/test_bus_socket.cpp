@@ -228,6 +228,24 @@ TEST(BusSocket, MalformedMessagesAreRefusedAndTheListenerServesOn) {
     EXPECT_EQ(count(204), 3);
     EXPECT_STREQ(mbusPortLastError(), "") << "a delivered request leaves no reason behind";
 
+    // Answered with a request instead of a reply, the sender refuses it.
+    std::string err;
+    const int lfd = mbuswire::listenSocket(206, err);
+    ASSERT_GE(lfd, 0) << err;
+    std::thread answer([lfd] {
+        const int c = mbuswire::waitReadable(lfd, 2000) ? ::accept(lfd, nullptr, nullptr) : -1;
+        Bytes in(64);
+        const Bytes out = frame(MBUS_MSG_MAGIC, 206, 0, 0);
+        if (c >= 0 && mbuswire::waitReadable(c, 2000) && ::recv(c, in.data(), in.size(), 0) > 0)
+            ::send(c, out.data(), out.size(), MSG_NOSIGNAL);
+        if (c >= 0) ::close(c);
+    });
+    EXPECT_EQ(mbusIoctl(nullptr, 206, kEcho, nullptr, 0, nullptr, nullptr, 0, 2000, 0), MBUS_PORT_ERR_BADMSG);
+    EXPECT_STREQ(mbusPortLastError(), "malformed reply: not a reply");
+    answer.join();
+    ::close(lfd);
+    ::unlink(socketPath(206).c_str());
+
     // A send hook takes what it answers, and only until it is removed.
     static int taken;
     taken = 0;
