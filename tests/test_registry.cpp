@@ -31,6 +31,10 @@ TEST_P(Registry, LookupsAreExactAndFirstMatchWins) {
     EXPECT_EQ(switchLowerLvlSwitchByNameGet(bcm, "BCM"), nullptr);
     EXPECT_EQ(switchLowerLvlSwitchListAppend(nullptr, bcm), -1);
     EXPECT_EQ(switchLowerLvlSwitchListAppend(pse, nullptr), -1);
+    // Linked from the bottom up, a switch with its own lower ones joins too.
+    Switch *top = swtest::addSwitch("TOP", 3);
+    EXPECT_EQ(switchLowerLvlSwitchListAppend(top, pse), 0);
+    EXPECT_EQ(switchLowerLvlSwitchByNameGet(top, "PSE"), pse);
 }
 
 TEST_P(Registry, PrefixesShareClearedBuffersAndAreCutToThem) {

@@ -115,8 +115,9 @@ TEST_P(EncapForms, UptimeStampReadAndWrite) {
     EXPECT_EQ(timeEventGet(&s, "/proc/uptime"), 0);
     EXPECT_EQ(s, 12345u);
     // No number, or beyond 32 bits, or negative: zero, as no stamp can hold it.
-    for (const auto &[text, value] : {std::pair{"none\n", 0u}, {"4294967296.5 1.0\n", 0u}, {"-1.00 2.00\n", 0u},
-                                      {"99999999999999999999999\n", 0u}, {"  4294967295.99 1\n", 4294967295u}}) {
+    for (const auto &[text, value] :
+         {std::pair{"none\n", 0u}, {"", 0u}, {"4294967296.5 1.0\n", 0u}, {"-1.00 2.00\n", 0u},
+          {"99999999999999999999999\n", 0u}, {"  4294967295.99 1\n", 4294967295u}}) {
         root->write("var/t", text);
         s = 99;
         EXPECT_EQ(timeEventGet(&s, "/var/t"), 0);

@@ -165,6 +165,9 @@ TEST_P(VlanForms, UpdateFindsTheOldIdStoresTheNewOneAndMovesItLast) {
     ASSERT_EQ(switchVlanByConfCreate(top, &only), 0);
     ASSERT_EQ(switchVlanConfUpdate(&renamed, &only), 0);
     EXPECT_EQ(std::tie(top->lowerLvlForward, low->lowerLvlForward), std::make_tuple(1, 0));
+    SwitchVlan *kept = switchVlanByIdGet(top, 301);
+    ASSERT_NE(kept, nullptr);
+    EXPECT_EQ(switchVlanUpdate(kept, kept), 0);
 }
 
 TEST_P(VlanForms, DisableClearsMapsAndSendsMembershipThenApplyDeleteRemovesEverywhere) {
