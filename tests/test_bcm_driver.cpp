@@ -230,7 +230,8 @@ TEST_P(BcmForms, QosRecordsAndTheirResults) {
     chip.failRequest(kQos, 3, 1);  // passed up, but reported as a failure
     EXPECT_EQ(3, bcmQoSConfigure(sw, &on));
     EXPECT_TRUE(cap->logsAre(swtest::dataLogs(kData, "qos-failures")));
-    for (auto f : {bcmQoSConfigure, bcmPauseFrameConfigure, bcmRateLimitConfigure, bcmTrustModeConfigure})
+    for (auto f : {bcmQoSConfigure, bcmPauseFrameConfigure, bcmRateLimitConfigure, bcmTrustModeConfigure,
+                   bcmQueueSchedConfigure, bcmCosQueueMapConfigure})
         EXPECT_EQ(std::make_pair(-1, -1), std::make_pair(f(nullptr, &on), f(sw, nullptr)));
 
     // Queue scheduling and CoS maps walk the matching ports.

@@ -161,8 +161,8 @@ TEST_P(DbEventForms, EventsFollowTheTableHandlers) {
         // A row deleted before its update is read: no row, no processing.
         {true, "", "vlanEncapIf", 999, 23, "", -1, {}, framed("vlanEncapIf", 23, 999, -1, none, false)},
         {true, "", "SWGLOBALCFG", 1, 18, "", 0, {}, framed("SWGLOBALCFG", 18, 1, 0, none)},
-        {true, "", "vlanEncapIf; DROP TABLE swGlobalCfg", 1, 18, "", -1, {},
-         framed("vlanEncapIf; DROP TABLE swGlobalCfg", 18, 1, -1, none, false)},
+        {true, "", "vlanEncapIf WHERE 0;DROP TABLE swGlobalCfg;--", 1, 18, "", -1, {},
+         framed("vlanEncapIf WHERE 0;DROP TABLE swGlobalCfg;--", 18, 1, -1, none, false)},
         // Three strings cannot be names and values of one row.
         {true, "", "vlanEncapIf", 1, 9, std::string("vlanId\0eth0\0x\0", 14), -1, {},
          framed("vlanEncapIf", 9, 1, -1,
