@@ -104,6 +104,9 @@ TEST_P(PseForwardForms, CommandEntryAndForwarding) {
     EXPECT_EQ(0, config(47, &on, SW_U32_ARG_LEN));
     EXPECT_EQ(Lines{"sppe_ioctl rl enable"}, cap->commands);
     EXPECT_TRUE(cap->logsAre(swtest::dataLogs(kData, "forwarding")));
+    cap->clear();
+    EXPECT_EQ(-22, config(47, &on, SW_U32_ARG_LEN - 1)) << "shorter than what is read";
+    EXPECT_TRUE(cap->commands.empty());
 
     // A rate limit reaches each lower port the PSE port stands for.
     pse->lowerLvlForward = 1;

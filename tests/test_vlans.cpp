@@ -283,6 +283,7 @@ TEST_P(VlanForms, LookupsApplyAndDisableFollowTheListWhateverChangedIt) {
     EXPECT_EQ(switchVlanByIdGet(low, 100), nullptr);
     EXPECT_EQ(switchVlanByNameGet(top, "guest"), v100);
     EXPECT_EQ(switchVlanByNameGet(top, "gues"), nullptr);
+    EXPECT_EQ(switchVlanByNameGet(top, nullptr), nullptr);
     // A duplicate on the first switch fails before any other switch or host interface.
     reset();
     EXPECT_EQ(switchVlanConfAdd(&a), -1);
