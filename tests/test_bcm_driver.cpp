@@ -341,6 +341,10 @@ TEST_P(BcmForms, PortBasedVlansAddTheCpuPort) {
     EXPECT_EQ(0, bcmDefPortVlanConfig(4));
     EXPECT_EQ(0x1f, chip.port(4).fwdMap);
     EXPECT_EQ(requests(), (Requests{{kPairQuery, {4, 0, 0, 0}}, {kPairAdd, {4, 0, 0, 0}}}));
+    chip.port(4).fwdMap = 0x1e;
+    chip.failRequest(kPairAdd, -5, 1);  // a refused add ends the default configuration
+    EXPECT_EQ(-5, bcmDefPortVlanConfig(4));
+    EXPECT_EQ(1, cap->countLog("ERROR#-5 adding Port 0 in forward map of port:4\n"));
     chip.failRequest(kPairDelete, -5, 1);  // a reset logs and carries on
     EXPECT_EQ(0, bcmPortVlanReset(3));
     EXPECT_EQ(0x01, chip.port(3).fwdMap);
