@@ -183,6 +183,20 @@ void logNow(int src, const void *data, int dataLen, const void *aux, int auxLen)
     if (sent == 0) ++p.dropped;
     if (sent < 0) toStderr("[log", r.h.level, r.text);
 }
+
+// Sends what was held, oldest first.
+void logRelease() {
+    std::vector<Held> out;
+    out.swap(path().held);
+    for (const auto &h : out)
+        logNow(h.src, h.data.data(), static_cast<int>(h.data.size()), h.aux.empty() ? nullptr : h.aux.data(),
+               static_cast<int>(h.aux.size()));
+}
+
+std::vector<uint8_t> copyOf(const void *bytes, int len) {
+    const auto *b = static_cast<const uint8_t *>(bytes);
+    return b != nullptr && len > 0 ? std::vector<uint8_t>(b, b + len) : std::vector<uint8_t>{};
+}
 }  // namespace
 
 void logRecord(int src, const void *data, int dataLen, const void *aux, int auxLen) {
@@ -196,22 +210,10 @@ void logRecord(int src, const void *data, int dataLen, const void *aux, int auxL
         return;
     }
     if (p.held.size() >= kHeldMax) logRelease();
-    const auto *d = static_cast<const uint8_t *>(data);
-    const auto *a = static_cast<const uint8_t *>(aux);
-    p.held.push_back({src, d != nullptr && dataLen > 0 ? std::vector<uint8_t>(d, d + dataLen) : std::vector<uint8_t>{},
-                      a != nullptr && auxLen > 0 ? std::vector<uint8_t>(a, a + auxLen) : std::vector<uint8_t>{}});
+    p.held.push_back({src, copyOf(data, dataLen), copyOf(aux, auxLen)});
 }
 
 void logHold() { ++path().holding; }
-
-void logRelease() {
-    LogPath &p = path();
-    std::vector<Held> out;
-    out.swap(p.held);
-    for (const auto &h : out)
-        logNow(h.src, h.data.data(), static_cast<int>(h.data.size()), h.aux.empty() ? nullptr : h.aux.data(),
-               static_cast<int>(h.aux.size()));
-}
 
 void logUnhold() {
     LogPath &p = path();

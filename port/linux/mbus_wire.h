@@ -81,7 +81,6 @@ void logClose();
 // (or when too many wait). Nests.
 void logHold();
 void logUnhold();
-void logRelease();
 // Holds records for as long as it lives.
 struct LogHolder {
     LogHolder() { logHold(); }
