@@ -267,14 +267,6 @@ const PseEngine::VlanEntry *PseEngine::vlanEntry(int index) const {
     return it != vlans_.end() ? &it->second : nullptr;
 }
 
-const PseEngine::ArlEntry *PseEngine::arlEntry(const std::string &mac, int vlanId) const {
-    std::string key;
-    if (!parseMac(mac, &key)) return nullptr;
-    for (const auto &a : arl_)
-        if (a.mac == key && a.vlanId == vlanId) return &a;
-    return nullptr;
-}
-
 const PseEngine::RateLimit *PseEngine::rateLimit(int port) const {
     auto it = rateLimits_.find(port);
     return it != rateLimits_.end() ? &it->second : nullptr;

@@ -109,7 +109,6 @@ public:
     const VlanEntry *vlanEntry(int index) const;
     // In the order the entries were first added.
     const std::vector<ArlEntry> &arlTable() const { return arl_; }
-    const ArlEntry *arlEntry(const std::string &mac, int vlanId) const;
     const std::map<int, RateLimit> &rateLimits() const { return rateLimits_; }
     const RateLimit *rateLimit(int port) const;
     const std::map<int, QueueWeights> &queueWeights() const { return weights_; }
