@@ -7,18 +7,27 @@
 #define SWMGR_TESTS_E2E_E2E_UTIL_H
 
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <signal.h>
-#include <stdlib.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <cstddef>
 #include <cstdio>
+#include <cstring>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "swmgr_test.h"
+
 namespace e2e {
+
+using swtest::readFile;
 
 struct Proc {
     int status = -1;
@@ -42,7 +51,11 @@ inline std::string quote(const std::string &s) {
     return out + "'";
 }
 
-inline std::string readFile(const std::string &path) { return sh("cat " + quote(path)).out; }
+inline std::string replaced(std::string s, const std::string &from, const std::string &to) {
+    for (size_t at = 0; (at = s.find(from, at)) != std::string::npos; at += to.size()) s.replace(at, from.size(), to);
+    return s;
+}
+
 inline bool exists(const std::string &path) { return ::access(path.c_str(), F_OK) == 0; }
 
 // Polls `done` every 10 ms, at most `tries` times.
@@ -56,29 +69,15 @@ inline bool exitedWith(int st, int code) { return st != -1 && WIFEXITED(st) && W
 
 class Test : public ::testing::Test {
 protected:
-    void SetUp() override {
-        if (std::system("command -v sqlite3 >/dev/null 2>&1") != 0) GTEST_SKIP() << "needs the sqlite3 program";
-        const char *tmp = std::getenv("TMPDIR");
-        std::string tmpl = std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/swmgr-e2e-XXXXXX";
-        ASSERT_NE(::mkdtemp(tmpl.data()), nullptr);
-        dir_ = tmpl;
-        bus_ = dir_ + "/bus";
-    }
     void TearDown() override {
         for (pid_t p : pids_) {
             ::kill(p, SIGKILL);
             ::waitpid(p, nullptr, 0);
         }
-        if (!dir_.empty()) sh("rm -rf " + quote(dir_));
     }
     // The example database with `sql` applied to it.
     std::string db(const std::string &name, const std::string &sql = "") {
-        const std::string path = dir_ + "/" + name;
-        EXPECT_EQ(sh("sqlite3 " + quote(path) + " < " + quote(ROUTER_SQL_PATH)).status, 0);
-        if (!sql.empty()) {
-            EXPECT_EQ(sh("sqlite3 " + quote(path) + " " + quote(sql)).out, "");
-        }
-        return path;
+        return swtest::makeDb(dir_ + "/" + name, readFile(ROUTER_SQL_PATH) + sql);
     }
     std::string ctlLine() { return std::string(SWMGRCTL_PATH) + " --bus-dir " + quote(bus_) + " "; }
     Proc ctl(const std::string &args) { return sh(ctlLine() + args); }
@@ -86,14 +85,28 @@ protected:
     // expected transcripts name them.
     std::string run(const std::string &cmd) {
         const Proc r = sh(cmd);
-        std::string t = "$ " + cmd + "\n" + r.out + "[exit " + std::to_string(r.status) + "]\n";
-        for (const auto &[from, to] : {std::pair<std::string, std::string>{SWMGRD_PATH, "swmgrd"},
-                                       {SWMGRCTL_PATH, "swmgrctl"}, {dir_, "$DIR"}})
-            for (size_t at = 0; (at = t.find(from, at)) != std::string::npos; at += to.size())
-                t.replace(at, from.size(), to);
-        return t;
+        const std::string t = "$ " + cmd + "\n" + r.out + "[exit " + std::to_string(r.status) + "]\n";
+        return replaced(replaced(replaced(t, SWMGRD_PATH, "swmgrd"), SWMGRCTL_PATH, "swmgrctl"), dir_, "$DIR");
     }
     static std::string expected(const std::string &name) { return readFile(std::string(E2E_DATA_DIR "/") + name); }
+    // Runs the transcript `name` again: each "$ " line as a command line, each
+    // "-- SQL" line making the next case<N>.db with SQL applied ("as shipped":
+    // none). What the command lines print now comes back in the same form.
+    std::string replay(const std::string &name) {
+        std::istringstream in(expected(name));
+        std::string t;
+        int cases = 0;
+        for (std::string line; std::getline(in, line);) {
+            if (line.rfind("-- ", 0) == 0) {
+                db("case" + std::to_string(cases++) + ".db", line == "-- as shipped" ? "" : line.substr(3));
+                t += line + "\n";
+            } else if (line.rfind("$ ", 0) == 0) {
+                line = replaced(replaced(line.substr(2), "swmgrd ", SWMGRD_PATH " "), "swmgrctl", SWMGRCTL_PATH);
+                t += run(replaced(line, "$DIR", dir_));
+            }
+        }
+        return t;
+    }
     // A shell command line in the background (the pid is the command's own),
     // killed at the end of the test unless stopped before.
     pid_t start(const std::string &cmd) {
@@ -104,6 +117,27 @@ protected:
         }
         return pids_.emplace_back(pid);
     }
+    // swmgrd with `args` under a service manager listening on `notify` (a
+    // path, or an abstract name after '@'): it announces readiness once it
+    // serves the bus.
+    pid_t startReady(const std::string &env, const std::string &args, const std::string &notify) {
+        const int fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        sockaddr_un addr{};
+        addr.sun_family = AF_UNIX;
+        std::memcpy(addr.sun_path, notify.data(), notify.size());
+        if (notify[0] == '@') addr.sun_path[0] = '\0';
+        else ::unlink(notify.c_str());  // left by an earlier start
+        EXPECT_EQ(::bind(fd, reinterpret_cast<sockaddr *>(&addr),
+                         static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + notify.size())), 0) << notify;
+        const pid_t pid = start("env " + env + " NOTIFY_SOCKET=" + quote(notify) + " " + SWMGRD_PATH + " " + args);
+        pollfd p{fd, POLLIN, 0};
+        char buf[64];
+        const ssize_t n = ::poll(&p, 1, 10000) == 1 ? ::recv(fd, buf, sizeof buf, 0) : 0;
+        ::close(fd);
+        EXPECT_EQ(std::string(buf, n > 0 ? static_cast<size_t>(n) : 0), "READY=1") << readFile(dir_ + "/daemon.err");
+        EXPECT_TRUE(exists(bus_ + "/mod-103.sock")) << "ready before the service registered";
+        return pid;
+    }
     // Sends `sig` (0 only waits) and returns the wait status, or -1 when the
     // process did not end within a generous 10 s.
     int stop(pid_t pid, int sig = SIGTERM) {
@@ -112,7 +146,8 @@ protected:
         std::erase(pids_, pid);
         return st;
     }
-    std::string dir_, bus_;
+    swtest::TempDir tmp_;
+    const std::string dir_ = tmp_.path(), bus_ = dir_ + "/bus";
     std::vector<pid_t> pids_;
 };
 
