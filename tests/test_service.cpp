@@ -1,6 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-// Service start-up and shutdown against real database files. Serving
-// requests and stopping from inside the loop are the daemon's, end to end.
+// Service start-up and shutdown against real database files, and the
+// diagnostics it sends. Serving requests and stopping from inside the loop
+// are the daemon's, end to end; records on the bus are checked byte for
+// byte with the bus.
+#include <string>
+
 #include "swmgr/swconf.h"
 #include "swmgr_test.h"
 
@@ -45,8 +49,8 @@ TEST_P(ServiceForms, StartUpRunsWithNothingToApplyAndStaysDownWithoutBusOrDataba
          {{8, "swMgrDBInit", "Couldn't open database " + noDir + " \n"},
           {8, "swMgrInit", "failed to open database connection\n"}}},
     };
-    int n = 0;
-    for (const auto &c : cases) {
+    for (size_t n = 0; n < std::size(cases); ++n) {
+        const auto &c = cases[n];
         SCOPED_TRACE(n);
         cap->clear();
         const std::string db =
@@ -54,9 +58,7 @@ TEST_P(ServiceForms, StartUpRunsWithNothingToApplyAndStaysDownWithoutBusOrDataba
         mbusPortFailRegister(c.failRegister ? 1 : 0);
         const bool up = swMgrInit(db.c_str()) == 0;
         mbusPortFailRegister(0);
-        EXPECT_EQ(up, !c.sql.empty());
-        EXPECT_EQ(swMgrInitialized, up ? 1 : 0);
-        EXPECT_EQ(pDB != nullptr, up);
+        EXPECT_EQ(std::make_tuple(up, swMgrInitialized, pDB != nullptr), std::make_tuple(!c.sql.empty(), up, up));
         EXPECT_TRUE(cap->logsAre(c.logs));
         if (up) {
             EXPECT_NE(pSwMgrMbusCtx, nullptr);
@@ -68,7 +70,36 @@ TEST_P(ServiceForms, StartUpRunsWithNothingToApplyAndStaysDownWithoutBusOrDataba
         EXPECT_EQ(std::make_tuple(swMgrInitialized, pSwMgrMbusCtx, mbusPortCallbackGet()),
                   std::make_tuple(0, static_cast<MbusCtx *>(nullptr), static_cast<MbusRequestCb>(nullptr)));
         EXPECT_EQ(swMgrDeinit(), 0) << "the stale context may be unregistered again";
-        ++n;
+    }
+}
+
+TEST_F(Service, DiagnosticsAreCutAt1023CharactersAndTheForegroundGetsThemOnStandardError) {
+    std::string big(3000, 'x');
+    swMgrDebug("pre:", 64, "f", 1, "%s", big.c_str());
+    swMgrDebug(big.c_str(), 64, "f", 1, "tail");  // a prefix longer than the buffer never overflows it
+    ASSERT_EQ(cap->logs.size(), 2u);
+    EXPECT_EQ(cap->logs[0].raw, "pre:f:1:" + std::string(1015, 'x'));
+    EXPECT_EQ(cap->logs[0].length, 1024);
+    EXPECT_EQ(cap->logs[1].raw, std::string(1023, 'x'));
+
+    // In the foreground: standard error only; negative levels nowhere.
+    cap->clear();
+    EXPECT_EQ(swMgrDebug("", -1, nullptr, 0, "trace\n"), 0);
+    swMgrForeground = 1;
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(swMgrDebug("", -1, nullptr, 0, "trace\n"), 0);
+    swMgrDebug("", 8, nullptr, 0, "unexpected reply from %d cmd=%d !\n", 20, 4);
+    swMgrDebug("(switch=PSE) ", 256, "pseSwitchConfig", 9, "x\n");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "unexpected reply from 20 cmd=4 !\n(switch=PSE) pseSwitchConfig:9:x\n");
+    EXPECT_TRUE(cap->logs.empty());
+}
+
+TEST(ZoneType, ExactNamesOnly) {
+    for (auto [name, want] : {std::pair<const char *, uint32_t>{"eth1", 2}, {"eth0", 1}, {"eth0.100", 0},
+                              {"ETH0", 0}, {"eth", 0}, {"", 0}, {"eth10", 0}}) {
+        uint32_t zone = 99;
+        EXPECT_EQ(std::make_pair(swMgrZoneTypeGet(name, &zone), zone), std::make_pair(0, want)) << name;
     }
 }
 
