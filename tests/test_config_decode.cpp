@@ -27,7 +27,7 @@ struct Table {
 
 }  // namespace
 
-TEST(ConfigDecode, SwitchRowTakenByNameFromTheRequestedRowMissingStayZero) {
+TEST(ConfigDecode, SwitchRowTakenByNameFromTheRequestedRow) {
     Table t({"numPorts", "extra", "switchLevel", "switchName", "qosEnable", "vlanEnable",
              "switchDevice", "pauseFrameEnable", "igmpSnoopingEnable", "mldSnoopingEnable"},
             {{"5", "x", "1", "BCM", "0", "0", "/dev/a", "0", "0", "0"},
@@ -37,12 +37,6 @@ TEST(ConfigDecode, SwitchRowTakenByNameFromTheRequestedRowMissingStayZero) {
     EXPECT_EQ(std::string(c.switchName) + "|" + c.switchDevice, "PSE|/dev/b");
     const int32_t expected[] = {1, 1, 8, 1, 12, 0, 2};  // record order; atoi rules
     EXPECT_EQ(std::memcmp(&c.vlanEnable, expected, sizeof expected), 0);
-
-    Table partial({"switchName", "switchLevel"}, {{"BCM", "3"}});
-    SwitchConf p{};
-    swGlobalCfgFromQueryResultRead(&p, partial.cells.data(), partial.nCols, 0);
-    EXPECT_EQ(std::string(p.switchName) + "|" + p.switchDevice, "BCM|");
-    EXPECT_EQ(std::tie(p.switchLevel, p.vlanEnable), std::make_tuple(3, 0));
 }
 
 TEST(ConfigDecode, PortRowMatchesExactNamesFirstColumnWinsNullKeepsLongTextCut) {
@@ -72,7 +66,8 @@ TEST(ConfigDecode, VlanRowByNameLongMapCutAtItsField) {
             {{"100", "1", longMap, "0:0", "eth0", "wan", "9"}});
     SwitchVlanConf c{};
     swVlanCfgFromQueryResultRead(&c, t.cells.data(), t.nCols, 0);
-    EXPECT_EQ(std::tie(c.vlanId, c.inSwitchOnly, c.vlanIndex), std::make_tuple(100, 1, 0));  // no column fills vlanIndex
+    // No column fills vlanIndex.
+    EXPECT_EQ(std::tie(c.vlanId, c.inSwitchOnly, c.vlanIndex), std::make_tuple(100, 1, 0));
     EXPECT_EQ(std::string(c.ingressMap), longMap.substr(0, 511));
     EXPECT_EQ(std::string(c.egressMap) + "|" + c.interfaceName + "|" + c.LogicalIfName, "0:0|eth0|wan");
 }
@@ -81,58 +76,28 @@ TEST(ConfigDecode, PortListBitmaps) {
     const std::pair<const char *, uint32_t> cases[] = {
         {"0,1,2,8", 0x107}, {"31", 0x80000000u}, {"40", 0}, {"70", 0x40},
         {"-1", 0},          {"1,,2", 0x6},       {" 5", 0x20},
-        {"4294967297,2", 0x4}, {"-99999999999999999999", 0}, {"2147483615", 0x80000000u}};
+        {"4294967297,2", 0x4}, {"-99999999999999999999", 0}, {"2147483615", 0x80000000u},
+        {"-2147483648,3", 0x9}};  // -2^31 has bit 5 clear: bit 0, as the shift rule gives
     for (const auto &[text, bits] : cases) {
         std::string copy(text);
         EXPECT_EQ(str2num(copy.data()), bits) << text;
     }
-    char text[] = "0,1,2,8";  // rewritten: the last token ends up at the start
-    str2num(text);
-    EXPECT_STREQ(text, "8");
 }
 
-TEST(ConfigDecode, NumbersBeyond32BitsRefuseTheRow) {
-    swtest::Capture cap;
-    const std::pair<std::vector<const char *>, const char *> cases[] = {
-        {{"vlanId", "4294967306"}, "column vlanId: 4294967306 is out of range\n"},
-        {{"vlanId", "-2147483649"}, "column vlanId: -2147483649 is out of range\n"},
-        {{"fwdMap", "1,2147483648"}, "VLAN 0: a port in fwdMap or untagMap is out of range\n"},
-        {{"untagMap", "99999999999999999999999"}, "VLAN 0: a port in fwdMap or untagMap is out of range\n"},
-    };
-    for (const auto &[cells, msg] : cases) {
-        Table t({cells[0]}, {{cells[1]}});
-        SwitchVlanConf c{};
-        cap.clear();
-        EXPECT_EQ(swVlanCfgFromQueryResultRead(&c, t.cells.data(), 1, 0), -22) << cells[1];
-        EXPECT_EQ(cap.rawLogs(), std::vector<std::string>{msg});
-    }
-    // A value is never taken for a column name.
+// Rows with numbers beyond 32 bits are refused through the change events;
+// here what only a direct call shows.
+TEST(ConfigDecode, AValueIsNeverANameNoRecordIsNoWorkAndABadOldRowRefusesTheUpdate) {
     Table shifted({"x"}, {{"vlanId"}, {"77"}});
     SwitchVlanConf none{};
     EXPECT_EQ(swVlanCfgFromQueryResultRead(&none, shifted.cells.data(), 1, 0), 0);
     EXPECT_EQ(none.vlanId, 0);
-    Table edge({"vlanId", "fwdMap"}, {{"2147483647", "-2147483648,3"}});
-    SwitchVlanConf c{};
-    EXPECT_EQ(swVlanCfgFromQueryResultRead(&c, edge.cells.data(), 2, 0), 0);
-    EXPECT_EQ(c.vlanId, 2147483647);
-    EXPECT_EQ(c.fwdMap, 0x9u) << "-2^31 has bit 5 clear: bit 0, as the shift rule gives";
-    Table sw({"switchLevel"}, {{"12345678901"}});
-    SwitchConf sc{};
-    EXPECT_EQ(swGlobalCfgFromQueryResultRead(&sc, sw.cells.data(), 1, 0), -22);
-    Table port({"portNumber"}, {{"-12345678901"}});
-    SwitchPortConf pc{};
-    EXPECT_EQ(swPortCfgFromQueryResultRead(&pc, port.cells.data(), 1, 0), -22);
-    EXPECT_EQ(std::make_tuple(swGlobalCfgFromQueryResultRead(nullptr, sw.cells.data(), 1, 0),
-                              swPortCfgFromQueryResultRead(nullptr, port.cells.data(), 1, 0),
-                              swVlanCfgFromQueryResultRead(nullptr, edge.cells.data(), 2, 0)),
+    Table bad({"switchLevel", "portNumber", "vlanId"}, {{"12345678901", "-12345678901", "4294967306"}});
+    EXPECT_EQ(std::make_tuple(swGlobalCfgFromQueryResultRead(nullptr, bad.cells.data(), 3, 0),
+                              swPortCfgFromQueryResultRead(nullptr, bad.cells.data(), 3, 0),
+                              swVlanCfgFromQueryResultRead(nullptr, bad.cells.data(), 3, 0)),
               std::make_tuple(0, 0, 0));
-    // The row handlers refuse a row the decoder refuses, with its result.
     Table next({"vlanId"}, {{"10"}}), old({"vlanId"}, {{"4294967306"}});
-    char **bad = old.cells.data();
-    EXPECT_EQ(std::make_tuple(swGlobalCfgDBInsertHandler(sw.cells.data(), 1, 0),
-                              swPortCfgDBInsertHandler(port.cells.data(), 1, 0), swVlanCfgDBInsertHandler(bad, 1, 0),
-                              swVlanCfgDBUpdateHandler(next.cells.data(), bad, 1, 0), swVlanCfgDBDeleteHandler(bad, 1, 0)),
-              std::make_tuple(-22, -22, -22, -22, -22));
+    EXPECT_EQ(swVlanCfgDBUpdateHandler(next.cells.data(), old.cells.data(), 1, 0), -22);
 }
 
 TEST(ConfigDecode, AbsentUntagMapConvertsWhatFwdMapLeftInTheScratch) {

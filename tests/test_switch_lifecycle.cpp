@@ -1,17 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
-// Switch creation, binding, initial settings, apply, disable and release.
+// Switch creation, binding, initial settings, apply, disable and release;
+// the registry's lookups, prefixes and command routing by switch name.
 #include <cstdlib>
+#include <cstring>
+#include <tuple>
 #include <utility>
 
 #include "swmgr/portvlan.h"
 #include "swmgr/swconf.h"
-#include "swmgr_test.h"
+#include "data_lines.h"
 
 namespace {
 
-using swtest::Bytes;
-using Lines = std::vector<std::string>;
-using Calls = std::vector<std::pair<int, Bytes>>;  // argument length, record bytes
+using Calls = std::vector<std::pair<int, swtest::Bytes>>;  // argument length, record bytes
 
 const std::vector<int> kSettings = {SW_CMD_VLAN_ENABLE, SW_CMD_QOS_CONFIG, SW_CMD_PAUSE_FRAMES,
                                     SW_CMD_IGMP_SNOOPING, SW_CMD_MLD_SNOOPING};
@@ -48,35 +49,27 @@ TEST_P(Lifecycle, AddBindsSendsFiveSettingsThenLists) {
     c.mldSnoopingEnable = 2;
     ASSERT_EQ(switchConfAdd(&c), 0);
     Switch *sw = switchByNameGet("REC");
-    ASSERT_NE(sw, nullptr);
-
     ASSERT_EQ(drv.cmds(), kSettings);
     Calls calls;
     for (const auto &call : drv.calls) calls.emplace_back(call.argLen, call.arg);
     EXPECT_EQ(calls, (Calls{{1300, swtest::le32(1)}, {4, swtest::le32(1)}, {4, swtest::le32(0)}, {1, {1}}, {1, {2}}}));
-    EXPECT_TRUE(cap->logsAre({kCreatingRec, {64, "switchConfAdd", "(switch=REC) Added switch configuration.\n"}}));
 
-    // A second switch of that name is refused; the first stays listed.
-    cap->clear(), drv.calls.clear();
+    // A second switch of that name is refused (its log is the change
+    // event's); the first stays listed.
     EXPECT_EQ(add("REC", 4), SW_EINVAL);
-    EXPECT_TRUE(cap->logsAre({kCreatingRec,
-                              {8, "switchCreate", "There is a switch created already for this name\n"},
-                              {8, "switchConfAdd", "Failed to create switch configuration \n"}}));
     EXPECT_EQ(switchMaxLevel, 3);
     EXPECT_EQ(switchByNameGet("REC"), sw);
     EXPECT_EQ(osaListNext(sw), nullptr);
 }
 
 TEST_P(Lifecycle, RejectedSettingStopsTheRestAndLeavesTheSwitchUnlisted) {
-    const Lines messages = {"Failed to enable VLAN in REC \n", "Failed to enable QoS in REC \n",
-                            "Failed to enable pause frames in REC \n", "Failed to configure igmp snooping in REC \n",
-                            "Failed to configure mld snooping in REC \n"};
+    const swtest::Logs refused = swtest::dataLogs("lifecycle/logs.txt", "setting refused");
     for (size_t step = 0; step < kSettings.size(); ++step) {
         drv.calls.clear(), cap->clear();
         drv.results = {{kSettings[step], -5}};
         EXPECT_EQ(add("REC", 1), -1) << step;  // not the driver's code
         EXPECT_EQ(drv.cmds(), std::vector<int>(kSettings.begin(), kSettings.begin() + step + 1));
-        EXPECT_TRUE(cap->logsAre({kCreatingRec, {8, "switchInitialCfgApply", messages[step]},
+        EXPECT_TRUE(cap->logsAre({kCreatingRec, refused.at(step),
                                   {8, "switchConfAdd", "Failed to apply the configuration \n"}}));
         EXPECT_EQ(switchByNameGet("REC"), nullptr);
     }
@@ -86,17 +79,9 @@ TEST_P(Lifecycle, RegistrationFailuresLeaveNothingListed) {
     drv.registerResult = -7;
     EXPECT_EQ(add("REC", 1), -7);
     EXPECT_TRUE(drv.calls.empty());
-    SwitchConf bcm = conf("BCM", 1);
-    std::snprintf(bcm.switchDevice, sizeof bcm.switchDevice, "%s/no/device", root->path().c_str());
-    EXPECT_LT(switchConfAdd(&bcm), 0);
-    EXPECT_TRUE(cap->logsAre(
-        {kCreatingRec,
-         {8, "switchConfAdd", "Failed to register REC switch \n"},
-         {64, "switchCreate", "Creating BCM Switch \n"},
-         {8, "bcmSwitchRegister", "(switch=BCM) Failed to open the device " + root->path() + "/no/device \n"},
-         {8, "switchConfAdd", "Failed to register BCM switch \n"}}));
+    EXPECT_TRUE(cap->logsAre({kCreatingRec, {8, "switchConfAdd", "Failed to register REC switch \n"}}));
     EXPECT_EQ(osaListFirst(&switchTbl), nullptr);
-    EXPECT_EQ(switchCount, 2u);  // each attempt took an id
+    EXPECT_EQ(switchCount, 1u);  // the attempt took an id
 }
 
 TEST_P(Lifecycle, TopLevelIsTheFirstOfTheHighestAndMaxLevelOutlivesLibInit) {
@@ -126,10 +111,7 @@ TEST_P(Lifecycle, FailedApplyThenDeinitReleasesButKeepsTheSwitchListed) {
     EXPECT_EQ(switchByNameGet("REC"), sw);
     EXPECT_EQ(switchCfgApply(sw), -1);  // unbound: refuses instead of calling through nothing
     EXPECT_EQ(switchCfgDisable(nullptr), 0);
-    EXPECT_TRUE(cap->logsAre({{8, "switchInitialCfgApply", "Failed to enable QoS in REC \n"},
-                              {8, "switchCfgApply", "Failed apply configuration of REC \n"},
-                              {8, "switchInitialCfgApply", "Failed to enable VLAN in REC \n"},
-                              {8, "switchCfgApply", "Failed apply configuration of REC \n"}}));
+    EXPECT_TRUE(cap->logsAre(swtest::dataLogs("lifecycle/logs.txt", "failed apply then unbound")));
 }
 
 // Apply stops at the first failing stage: settings, then ports, then VLANs.
@@ -145,24 +127,78 @@ TEST_P(Lifecycle, ApplyStopsAtTheFirstFailingStage) {
     struct Case {
         int failing;  // the command the driver refuses
         std::vector<int> cmds;
-        swtest::Logs logs;
+        const char *logs;  // section of lifecycle/logs.txt; none when nothing is refused
     } cases[] = {
-        {0, {33, 47, 49, 56, 57, 51, 41}, {}},  // nothing refused
-        {SW_CMD_PORT_TRUST_MODE, {33, 47, 49, 56, 57, 51},
-         {{8, "switchPortTrustModeConfigure", "(switch=REC) (port:3) Failed to configure trustmode on port3 in REC\n"},
-          {8, "switchPortCfgApply", "(switch=REC) (port:3) Failed to configure trust mode of port (3)"},
-          {8, "switchCfgApply", "Failed to apply switch port configuration \n"}}},
-        {SW_CMD_PORT_CONFIG_SET, {33, 47, 49, 56, 57, 51, 41},
-         {{8, "switchPortVlanInfoConfigure", "(switch=REC) Failed to configure port-1 in REC\n"},
-          {8, "switchVlanCfgApply", "(switch=REC) Failed to configure ports in REC\n"},
-          {8, "switchCfgApply", "Failed to apply switch vlan configuration \n"}}},
+        {0, {33, 47, 49, 56, 57, 51, 41}, nullptr},
+        {SW_CMD_PORT_TRUST_MODE, {33, 47, 49, 56, 57, 51}, "port stage refused"},
+        {SW_CMD_PORT_CONFIG_SET, {33, 47, 49, 56, 57, 51, 41}, "vlan stage refused"},
     };
     for (const auto &c : cases) {
-        SCOPED_TRACE(c.failing);
         drv.calls.clear(), cap->clear();
         drv.results = {{c.failing, -4}};
         EXPECT_EQ(switchCfgApply(sw), c.failing ? -4 : 0);
         EXPECT_EQ(drv.cmds(), c.cmds);
-        EXPECT_TRUE(cap->logsAre(c.logs));
+        EXPECT_TRUE(cap->logsAre(c.logs ? swtest::dataLogs("lifecycle/logs.txt", c.logs) : swtest::Logs{}));
     }
+}
+
+TEST_P(Lifecycle, LookupsAreExactFirstMatchWinsAndBindingIsByExactName) {
+    Switch *pse = swtest::addSwitch("PSE", 2), *bcm = swtest::addSwitch("bcm", 1);
+    swtest::addSwitch("bcm", 1);
+    Switch *other = swtest::addSwitch("EXT", 1);
+    EXPECT_EQ(switchByNameGet("PSE"), pse);
+    EXPECT_EQ(switchByNameGet("bcm"), bcm);
+    for (const char *name : {"BCM", "bcm ", static_cast<const char *>(nullptr)})
+        EXPECT_EQ(switchByNameGet(name), nullptr) << (name ? name : "null");
+
+    EXPECT_EQ(switchLowerLvlSwitchListAppend(pse, bcm), 0);
+    EXPECT_EQ(switchLowerLvlSwitchListAppend(pse, other), 0);
+    EXPECT_EQ(switchLowerLvlSwitchByNameGet(pse, "EXT"), other);
+    EXPECT_EQ(switchLowerLvlSwitchByNameGet(pse, "PSE"), nullptr);
+    EXPECT_EQ(switchLowerLvlSwitchListAppend(nullptr, bcm), -1);
+    EXPECT_EQ(switchLowerLvlSwitchListAppend(pse, nullptr), -1);
+
+    // No driver is named "bcm": nothing bound, nothing to release.
+    EXPECT_EQ(std::make_pair(switchConfigFuncRegister(nullptr), switchConfigFuncUnRegister(nullptr)),
+              std::make_pair(int{SW_EINVAL}, int{SW_EINVAL}));
+    EXPECT_EQ(switchConfigFuncRegister(bcm), -1);
+    EXPECT_EQ(bcm->switchConfigFunc, nullptr);
+    EXPECT_EQ(switchConfigFuncUnRegister(bcm), 0);
+}
+
+TEST_P(Lifecycle, PrefixesShareClearedBuffersAndAreCutToThem) {
+    Switch *sw = swtest::addSwitch("BCM", 1);
+    EXPECT_EQ(switchStrGet(sw), switchStr);
+    // Each description text has its own buffer, which no object clears.
+    SwitchPort port{};
+    port.sw = sw, port.portNumber = 3;
+    SwitchVlan vlan{};
+    vlan.sw = sw, vlan.vlanId = 100;
+    EXPECT_STREQ(swPortStrGet(&port), "(switch=BCM) (port:3) ");
+    EXPECT_STREQ(swVlanStrGet(&vlan), "(switch=BCM) (vlan:100) ");
+    EXPECT_EQ(std::string(switchStrGet(nullptr)) + swPortStrGet(nullptr) + swVlanStrGet(nullptr), "");
+    for (const char *buf : {switchStr, swPortStr, swVlanStr}) EXPECT_EQ(std::string(buf, 512), std::string(512, '\0'));
+    // A name filling its whole field is cut to the buffer, not overrun.
+    std::memset(sw->switchName, 'n', sizeof sw->switchName);
+    EXPECT_EQ(std::string(switchStrGet(sw)), "(switch=" + std::string(503, 'n'));
+}
+
+// Results, unknown names and the bus handler's mapping are checked with the
+// bus handler; here what reaches the driver and what comes back unmapped.
+TEST_P(Lifecycle, RoutedCommandCarriesTheWholeBusArgumentAreaOfTheNamedSwitchOnly) {
+    swtest::addSwitch("PSE", 2);
+    Switch *sw = swtest::addSwitch("REC", 1);
+    ASSERT_EQ(switchConfigFuncRegister(sw), 0);
+    char request[SW_BUS_NAME_LEN + SW_BUS_ARG_LEN] = "REC";
+    std::memcpy(request + SW_BUS_NAME_LEN, "\1\0\0\0", 4);
+    drv.results = {{SW_CMD_VLAN_ENABLE, 5}};
+    EXPECT_EQ(switchConfig(request, SW_CMD_VLAN_ENABLE, nullptr, nullptr), 5);
+    ASSERT_EQ(drv.calls.size(), 1u);
+    const auto &c = drv.calls[0];
+    EXPECT_EQ(std::make_tuple(c.sw, c.cmd, c.argLen, c.argPtr, c.arg),
+              std::make_tuple(sw, 33, 1300, static_cast<const void *>(request + 64), swtest::le32(1)));
+    // A name filling all 64 bytes is read as 64 characters, never past them.
+    std::memset(request, 'R', SW_BUS_NAME_LEN);
+    EXPECT_EQ(switchConfig(request, 33, nullptr, nullptr), -1);
+    EXPECT_EQ(drv.calls.size() + cap->logs.size(), 1u);
 }
