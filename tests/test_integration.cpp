@@ -6,16 +6,13 @@
 // system() lines, ioctl requests with their argument bytes) is compared
 // whole, in both log forms, with the transcript kept beside the tests; what
 // the models end in follows from those. Source lines of the developer form
-// are left out: they move with every edit. SWMGR_UPDATE_TRANSCRIPTS=1
-// rewrites the files. What follows start-up is driven through the daemon in
-// the end-to-end tests.
+// are left out: they move with every edit. What follows start-up is driven
+// through the daemon in the end-to-end tests.
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
 #include <regex>
 #include <sstream>
-#include <string>
 
 #include "bcm_chip.h"
 #include "host_vlan.h"
@@ -99,11 +96,8 @@ protected:
 };
 
 TEST_P(RouterTranscript, StartUpSendsExactlyTheKeptTranscript) {
-    const std::string path = std::string(src) + "/tests/data/startup-" + (GetParam() != 0 ? "developer" : "plain") +
-                             ".txt";
-    const std::string got = transcript();
-    if (const char *u = std::getenv("SWMGR_UPDATE_TRANSCRIPTS"); u != nullptr && *u == '1') std::ofstream(path) << got;
-    EXPECT_EQ(got, swtest::readFile(path));
+    const char *form = GetParam() != 0 ? "developer" : "plain";
+    EXPECT_EQ(transcript(), swtest::readFile(std::string(src) + "/tests/data/startup-" + form + ".txt"));
     EXPECT_TRUE(root->exists("var/VLAN.10.Uptime"));
 }
 INSTANTIATE_TEST_SUITE_P(BothForms, RouterTranscript, ::testing::Values(0, 1));

@@ -6,7 +6,7 @@
 #include <string>
 
 #include "swmgr/swconf.h"
-#include "swmgr_test.h"
+#include "data_lines.h"
 
 namespace {
 
@@ -24,42 +24,27 @@ SWTEST_BOTH_FORMS(ServiceForms);
 // why; without the bus or the database it stays down. Shutting it down
 // twice is harmless either way.
 TEST_P(ServiceForms, StartUpRunsWithNothingToApplyAndStaysDownWithoutBusOrDatabase) {
-    const std::string noDir = root->file("no/such/dir/config.db"), schema = swtest::kConfigSchema;
-    const std::string switchesOnly = schema.substr(0, schema.find("CREATE TABLE swPortConfig"));
-    const std::string noVlans = schema.substr(0, schema.find("CREATE TABLE vlanEncapIf"));
+    const std::string schema = swtest::kConfigSchema;
     const struct {
-        std::string sql;  // empty: the database cannot be opened
-        bool failRegister;
-        swtest::Logs logs;
-    } cases[] = {
-        {"CREATE TABLE unrelated(x);", false,
-         {{8, "switchCfgLoad", "failed to get list of switches from the database\n"},
-          {8, "swMgrCfgReload", "Failed to load switch configuration \n"}}},
-        {switchesOnly, false,
-         {{8, "switchPortCfgLoad", "failed to get list of switch ports from the database\n"},
-          {8, "swMgrCfgReload", "Failed to load switch port configuration \n"}}},
-        {noVlans, false,
-         {{8, "switchVlanCfgLoad", "failed to get list of vlans from the database\n"},
-          {8, "swMgrCfgReload", "Failed to load switch vlan configuration \n"}}},
-        {swtest::kConfigSchema, false,
-         {{8, "swMgrCfgApply", "Failed to find switch configuration to load. \n"},
-          {8, "swMgrCfgReload", "Failed to apply switch configuration \n"}}},
-        {"", true, {}},
-        {"", false,
-         {{8, "swMgrDBInit", "Couldn't open database " + noDir + " \n"},
-          {8, "swMgrInit", "failed to open database connection\n"}}},
-    };
+        const char *logs;  // section of the expected logs; none when the bus refuses the module
+        std::string sql;   // empty: the database cannot be opened
+    } cases[] = {{"no tables", "CREATE TABLE unrelated(x);"},
+                 {"no ports", schema.substr(0, schema.find("CREATE TABLE swPortConfig"))},
+                 {"no vlans", schema.substr(0, schema.find("CREATE TABLE vlanEncapIf"))},
+                 {"no switches", schema},
+                 {nullptr, ""},
+                 {"no database", ""}};
     for (size_t n = 0; n < std::size(cases); ++n) {
         const auto &c = cases[n];
         SCOPED_TRACE(n);
         cap->clear();
         const std::string db =
-            c.sql.empty() ? noDir : swtest::makeDb(root->file("config" + std::to_string(n) + ".db"), c.sql);
-        mbusPortFailRegister(c.failRegister ? 1 : 0);
+            c.sql.empty() ? "/no/such/dir/config.db" : swtest::makeDb(root->file(std::to_string(n) + ".db"), c.sql);
+        mbusPortFailRegister(c.logs == nullptr ? 1 : 0);
         const bool up = swMgrInit(db.c_str()) == 0;
         mbusPortFailRegister(0);
         EXPECT_EQ(std::make_tuple(up, swMgrInitialized, pDB != nullptr), std::make_tuple(!c.sql.empty(), up, up));
-        EXPECT_TRUE(cap->logsAre(c.logs));
+        EXPECT_TRUE(cap->logsAre(c.logs ? swtest::dataLogs("service/startup.txt", c.logs) : swtest::Logs{}));
         if (up) {
             EXPECT_NE(pSwMgrMbusCtx, nullptr);
         } else {
@@ -81,6 +66,13 @@ TEST_F(Service, DiagnosticsAreCutAt1023CharactersAndTheForegroundGetsThemOnStand
     EXPECT_EQ(cap->logs[0].raw, "pre:f:1:" + std::string(1015, 'x'));
     EXPECT_EQ(cap->logs[0].length, 1024);
     EXPECT_EQ(cap->logs[1].raw, std::string(1023, 'x'));
+    // Call sites name their function and line in developer form.
+    swMgrDevDebug = 1;
+    const int line = __LINE__ + 1;
+    SWMGR_LOG("p ", -1, "m\n");
+    EXPECT_EQ(cap->logs.at(2).raw, "p TestBody:" + std::to_string(line) + ":m\n");
+    EXPECT_EQ(cap->logs.at(2).level, 256);
+    swMgrDevDebug = 0;
 
     // In the foreground: standard error only; negative levels nowhere.
     cap->clear();
@@ -93,14 +85,6 @@ TEST_F(Service, DiagnosticsAreCutAt1023CharactersAndTheForegroundGetsThemOnStand
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
               "unexpected reply from 20 cmd=4 !\n(switch=PSE) pseSwitchConfig:9:x\n");
     EXPECT_TRUE(cap->logs.empty());
-}
-
-TEST(ZoneType, ExactNamesOnly) {
-    for (auto [name, want] : {std::pair<const char *, uint32_t>{"eth1", 2}, {"eth0", 1}, {"eth0.100", 0},
-                              {"ETH0", 0}, {"eth", 0}, {"", 0}, {"eth10", 0}}) {
-        uint32_t zone = 99;
-        EXPECT_EQ(std::make_pair(swMgrZoneTypeGet(name, &zone), zone), std::make_pair(0, want)) << name;
-    }
 }
 
 }  // namespace

@@ -27,70 +27,54 @@ using EncapForms = swtest::BothForms<EncapTest>;
 SWTEST_BOTH_FORMS(EncapForms);
 
 TEST_P(EncapForms, StatusOfAFailedAddOrOfTheLastEgressMapDecides) {
-    // A failed add ends the creation with its status.
-    host.failCommand("vconfig add eth0 100", 3);
-    EXPECT_EQ(switchVlanEncapCreate(eth0, 100), 3);
-    EXPECT_EQ(cap->commands, (Lines{"vconfig rem eth0.100", "vconfig add eth0 100"}));
+    EXPECT_EQ(switchVlanEncapDestroy(eth0, 100), 1) << "the removal's status: nothing to remove";
+    // A failed add ends the creation with its status, a negative one too.
+    for (int status : {3, -1}) {
+        cap->clear();
+        cap->scriptCommand("vconfig add eth0 100", status, 1);
+        EXPECT_EQ(switchVlanEncapCreate(eth0, 100), status);
+        EXPECT_EQ(cap->commands, (Lines{"vconfig rem eth0.100", "vconfig add eth0 100"}));
+    }
     EXPECT_FALSE(root->exists("var/VLAN.100.Uptime"));
-    cap->scriptCommand("vconfig add eth0 100", -1, 1);
-    EXPECT_EQ(switchVlanEncapCreate(eth0, 100), -1) << "a negative one too";
 
     // Failures of the link-up and of every map but the last egress one are
-    // logged and pass.
-    host.clearFailures(), cap->clear();
+    // logged and pass; the last one's status is the result, reported only
+    // when negative.
     host.setParentUp("eth0", false);
-    host.failCommand("/sbin/vconfig set_egress_map eth0.100 0 0", -5);
-    host.failCommand("/sbin/vconfig set_ingress_map eth0.100 7 7", -6);
-    EXPECT_EQ(switchVlanEncapCreate(eth0, 100), 0);
-    EXPECT_EQ(cap->commands, swtest::dataLines("encap/commands.txt", "create eth0.100"));
-    EXPECT_EQ(cap->countLog("cmd (/sbin/vconfig set_egress_map eth0.100 0 0) returned (-5).\n"), 1);
-    EXPECT_EQ(cap->countLog("Failed to update QoS Mapping for VLAN eth0.100\n"), 0);
-    EXPECT_EQ(root->read("var/VLAN.100.Uptime"), "12345\n");
-
-    // The last one's status is the result; only a negative one is reported.
-    host.clearFailures();
-    host.failCommand("/sbin/vconfig set_egress_map eth0.100 7 7", 2);
-    EXPECT_EQ(switchVlanEncapCreate(eth0, 100), 2);
-    EXPECT_EQ(cap->countLog("Failed to update QoS Mapping for VLAN eth0.100\n"), 0);
-
-    host.clearFailures(), cap->clear();
-    host.failCommand("/sbin/vconfig set_egress_map eth0.100 7 7", -7);
-    EXPECT_EQ(switchVlanEncapCreate(eth0, 100), -7);
-    swtest::Logs logs = swtest::encapCreateLogs("eth0", 100);
-    logs[2].text = "cmd (ifconfig eth0.100 up) returned (1).\n";  // the parent is still down
-    logs.back().text = "cmd (/sbin/vconfig set_egress_map eth0.100 7 7) returned (-7).\n";
-    logs.push_back({8, "switchVlanEncapCreate", "Failed to update QoS Mapping for VLAN eth0.100\n"});
-    EXPECT_TRUE(cap->logsAre(logs));
-}
-
-TEST_P(EncapForms, DestroyReturnsToolStatusAndAlwaysDropsStamp) {
-    root->write("var/VLAN.100.Uptime", "1\n");
-    root->write("var/VLAN.200.Uptime", "1\n");
-    EXPECT_EQ(switchVlanEncapDestroy(eth0, 100), 1);
-    EXPECT_EQ(cap->commands, Lines{"vconfig rem eth0.100"});
-    EXPECT_TRUE(cap->logsAre({{8, "switchVlanEncapDestroy", "cmd (vconfig rem eth0.100) returned (1).\n"}}));
-    EXPECT_FALSE(root->exists("var/VLAN.100.Uptime"));
-    EXPECT_TRUE(root->exists("var/VLAN.200.Uptime")) << "other VLANs' stamps stay";
+    for (int last : {2, -7}) {
+        host.clearFailures(), cap->clear();
+        host.failCommand("/sbin/vconfig set_egress_map eth0.100 0 0", -5);
+        host.failCommand("/sbin/vconfig set_ingress_map eth0.100 7 7", -6);
+        host.failCommand("/sbin/vconfig set_egress_map eth0.100 7 7", last);
+        EXPECT_EQ(switchVlanEncapCreate(eth0, 100), last);
+        EXPECT_EQ(cap->commands, swtest::dataLines("encap/commands.txt", "create eth0.100"));
+        EXPECT_EQ(root->read("var/VLAN.100.Uptime"), "12345\n");
+        // The first removal finds nothing; the parent stays down.
+        swtest::Logs logs = swtest::encapCreateLogs("eth0", 100, last > 0 ? 1 : 0);
+        logs[2].text = "cmd (ifconfig eth0.100 up) returned (1).\n";
+        logs[4].text = "cmd (/sbin/vconfig set_egress_map eth0.100 0 0) returned (-5).\n";
+        logs[17].text = "cmd (/sbin/vconfig set_ingress_map eth0.100 7 7) returned (-6).\n";
+        logs[18].text = "cmd (/sbin/vconfig set_egress_map eth0.100 7 7) returned (" + std::to_string(last) + ").\n";
+        if (last < 0) logs.push_back({8, "switchVlanEncapCreate", "Failed to update QoS Mapping for VLAN eth0.100\n"});
+        EXPECT_TRUE(cap->logsAre(logs));
+    }
 }
 
 TEST_P(EncapForms, MissingOrUnsafeNameIsRefused) {
-    EXPECT_EQ(switchVlanEncapCreate(nullptr, 100), SW_EINVAL);
-    EXPECT_EQ(switchVlanEncapDestroy(nullptr, 100), SW_EINVAL);
-    EXPECT_TRUE(cap->logsAre({{8, "switchVlanEncapCreate", "No parent interface for VLAN 100\n"},
-                              {8, "switchVlanEncapDestroy", "No parent interface for VLAN 100\n"}}));
     // Whatever a caller let through, no such name reaches a command line.
-    const std::pair<std::string, std::string> cases[] = {
-        {"eth0;reboot", "character ';' at offset 4"}, {"eth0\n", "character '\\n' at offset 4"},
-        {"$(x)", "character '$' at offset 0"},      {"a\x7f", "character 0x7f at offset 1"},
-        {"", "the name is empty"},                   {"..", "\".\" and \"..\" are not names"}};
-    for (const auto &[name, why] : cases) {
+    const std::string refused = "Parent interface of VLAN 7 refused: ";
+    const std::string allowed = " is not allowed (letters, digits, '_', '.', '-')\n";
+    for (const auto &[name, why] : std::initializer_list<std::pair<const char *, std::string>>{
+             {nullptr, "No parent interface for VLAN 7\n"},
+             {"eth0;reboot", refused + "character ';' at offset 4" + allowed},
+             {"a\x7f", refused + "character 0x7f at offset 1" + allowed},
+             {"..", refused + "\".\" and \"..\" are not names\n"}}) {
         cap->clear();
-        std::string text = name;
-        EXPECT_EQ(switchVlanEncapCreate(text.data(), 7), SW_EINVAL) << name;
-        EXPECT_EQ(switchVlanEncapDestroy(text.data(), 7), SW_EINVAL) << name;
-        const std::string tail = why.find("character") == 0 ? " is not allowed (letters, digits, '_', '.', '-')" : "";
-        const std::string refused = "Parent interface of VLAN 7 refused: " + why + tail + "\n";
-        EXPECT_TRUE(cap->logsAre({{8, "switchVlanEncapCreate", refused}, {8, "switchVlanEncapDestroy", refused}}));
+        std::string text = name != nullptr ? name : "";
+        char *arg = name != nullptr ? text.data() : nullptr;
+        EXPECT_EQ(switchVlanEncapCreate(arg, 7), SW_EINVAL);
+        EXPECT_EQ(switchVlanEncapDestroy(arg, 7), SW_EINVAL);
+        EXPECT_TRUE(cap->logsAre({{8, "switchVlanEncapCreate", why}, {8, "switchVlanEncapDestroy", why}}));
     }
     EXPECT_TRUE(cap->commands.empty());
 }

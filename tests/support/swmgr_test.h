@@ -83,8 +83,7 @@ public:
     std::string dump() const;  // all logs, for failure messages
     // The logs are exactly `expected` in the form swMgrDevDebug selects:
     // plain records at their level, trace lines left out; or level-256
-    // records naming the function and the line of a logging call site of
-    // the sources whose message starts as the text does.
+    // records naming the function (source lines are not compared).
     ::testing::AssertionResult logsAre(const Logs &expected) const;
     void clear();
 
