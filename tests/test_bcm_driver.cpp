@@ -5,7 +5,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <iomanip>
-#include <utility>
 
 #include "bcm_chip.h"
 #include "data_lines.h"
@@ -220,19 +219,6 @@ TEST_P(BcmForms, EntryGetsCpuPortOnlyWhenItHasMembers) {
     EXPECT_EQ(-5, config(35, nullptr, SW_VLAN_REC_LEN));
     EXPECT_TRUE(chip.state().vlans.empty());
     EXPECT_EQ(1, cap->countLog("(switch=BCM) (vlan:10) Failed to configure membership for vlan10\n"));
-}
-
-TEST_P(BcmForms, UpdateKeepsEachPortUntaggedInOneVlan) {
-    SwitchVlan *v10 = addVlan(10, 0x07, 0x03);
-    SwitchVlan *v20 = addVlan(20, 0x01, 0x00);
-    SwitchVlan *v30 = addVlan(30, 0x06, 0x06);
-    SwitchVlan update = *v20;
-    update.fwdMap = 0x0f;
-    update.untagMap = 0x02;
-    EXPECT_EQ(0, config(34, &update, SW_VLAN_REC_LEN));
-    EXPECT_EQ((std::vector<uint32_t>{v10->untagMap, v10->fwdMap, v20->untagMap, v20->fwdMap, v30->untagMap}),
-              (std::vector<uint32_t>{0x01, 0x07, 0x02, 0x0f, 0x04}));
-    EXPECT_TRUE(cap->ioctls.empty());
 }
 
 TEST_P(BcmForms, PortConfigWidensOnceVlansExistAndPortBasedVlansAddTheCpuPort) {

@@ -1,9 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Switch ports: creation, trust mode, port mapping onto lower-level switches.
 #include <cstring>
-#include <string>
-#include <tuple>
-#include <vector>
 
 #include "swmgr/swconf.h"
 #include "data_lines.h"
