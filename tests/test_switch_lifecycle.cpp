@@ -169,13 +169,8 @@ TEST_P(Lifecycle, LookupsAreExactFirstMatchWinsAndBindingIsByExactName) {
 TEST_P(Lifecycle, PrefixesShareClearedBuffersAndAreCutToThem) {
     Switch *sw = swtest::addSwitch("BCM", 1);
     EXPECT_EQ(switchStrGet(sw), switchStr);
-    // Each description text has its own buffer, which no object clears.
-    SwitchPort port{};
-    port.sw = sw, port.portNumber = 3;
-    SwitchVlan vlan{};
-    vlan.sw = sw, vlan.vlanId = 100;
-    EXPECT_STREQ(swPortStrGet(&port), "(switch=BCM) (port:3) ");
-    EXPECT_STREQ(swVlanStrGet(&vlan), "(switch=BCM) (vlan:100) ");
+    // Each description text has its own buffer, which no object clears (the
+    // texts themselves open the objects' log lines).
     EXPECT_EQ(std::string(switchStrGet(nullptr)) + swPortStrGet(nullptr) + swVlanStrGet(nullptr), "");
     for (const char *buf : {switchStr, swPortStr, swVlanStr}) EXPECT_EQ(std::string(buf, 512), std::string(512, '\0'));
     // A name filling its whole field is cut to the buffer, not overrun.

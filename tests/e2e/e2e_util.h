@@ -24,6 +24,7 @@
 #include <vector>
 
 #include "swmgr_test.h"
+#include "swmgr_version.h"
 
 namespace e2e {
 
@@ -88,7 +89,9 @@ protected:
         const std::string t = "$ " + cmd + "\n" + r.out + "[exit " + std::to_string(r.status) + "]\n";
         return replaced(replaced(replaced(t, SWMGRD_PATH, "swmgrd"), SWMGRCTL_PATH, "swmgrctl"), dir_, "$DIR");
     }
-    static std::string expected(const std::string &name) { return readFile(std::string(E2E_DATA_DIR "/") + name); }
+    static std::string expected(const std::string &name) {
+        return replaced(readFile(std::string(E2E_DATA_DIR "/") + name), "$VERSION", SWMGR_VERSION_TEXT);
+    }
     // Runs the transcript `name` again: each "$ " line as a command line, each
     // "-- SQL" line making the next case<N>.db with SQL applied ("as shipped":
     // none). What the command lines print now comes back in the same form.
@@ -98,6 +101,7 @@ protected:
         int cases = 0;
         for (std::string line; std::getline(in, line);) {
             if (line.rfind("-- ", 0) == 0) {
+                std::filesystem::remove(dir_ + "/case" + std::to_string(cases) + ".db");  // an earlier transcript's
                 db("case" + std::to_string(cases++) + ".db", line == "-- as shipped" ? "" : line.substr(3));
                 t += line + "\n";
             } else if (line.rfind("$ ", 0) == 0) {
