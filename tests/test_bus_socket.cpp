@@ -3,6 +3,7 @@
 // through its socket, what the listener refuses, and where log records go.
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -131,6 +132,23 @@ TEST(BusSocket, ModulesServeOtherProcessesUntilTheyUnregister) {
         dirs.push_back(mbusPortBusDirGet());
     }
     EXPECT_EQ(dirs, (std::vector<std::string>{"/tmp/elsewhere", MBUS_PORT_DEFAULT_DIR, MBUS_PORT_DEFAULT_DIR}));
+    // A directory of ours that others may read and enter is narrowed, not
+    // refused; one too long for its sockets' paths (108 bytes) is refused.
+    swtest::TempDir top;
+    ASSERT_LT(top.path().size(), 90u);
+    const std::string fits = top.path() + "/" + std::string(93 - top.path().size(), 'd');  // 94 + "/mod-209.sock"
+    ASSERT_EQ(::mkdir(fits.c_str(), 0755), 0);
+    for (const std::string &dir : {fits, fits + "d"}) {
+        mbusPortBusDirSet(dir.c_str());
+        char path[200];
+        EXPECT_EQ(mbusPortSocketPath(209, path, sizeof path), dir == fits ? 0 : -1);
+        MbusCtx *c = mbusRegister(209, 2, inProcess, nullptr);
+        EXPECT_EQ(c != nullptr, dir == fits) << mbusPortLastError();
+        if (c != nullptr) mbusUnRegister(c);
+        else EXPECT_EQ(mbusPortLastError(), "bus directory path too long for a socket: " + dir);
+    }
+    struct stat st {};
+    EXPECT_EQ(::stat(fits.c_str(), &st) == 0 ? st.st_mode & 07777 : 0, 0750u);
     mbusPortBusDirSet(busDir.c_str());
     {
         Server child(201);
@@ -207,6 +225,25 @@ TEST(BusSocket, MalformedMessagesAreRefusedAndTheListenerServesOn) {
     const int most = MBUS_PORT_MSG_MAX - MBUS_MSG_HEADER_LEN;
     EXPECT_EQ(mbusIoctl(nullptr, 204, kEcho, big.data(), most, nullptr, nullptr, 0, 0, 0), 1000 + most);
     EXPECT_EQ(count(204), 3);
+    EXPECT_STREQ(mbusPortLastError(), "") << "a delivered request leaves no reason behind";
+
+    // Answered with a request instead of a reply, the sender refuses it.
+    std::string err;
+    const int lfd = mbuswire::listenSocket(206, err);
+    ASSERT_GE(lfd, 0) << err;
+    std::thread answer([lfd] {
+        const int c = mbuswire::waitReadable(lfd, 2000) ? ::accept(lfd, nullptr, nullptr) : -1;
+        Bytes in(64);
+        const Bytes out = frame(MBUS_MSG_MAGIC, 206, 0, 0);
+        if (c >= 0 && mbuswire::waitReadable(c, 2000) && ::recv(c, in.data(), in.size(), 0) > 0)
+            ::send(c, out.data(), out.size(), MSG_NOSIGNAL);
+        if (c >= 0) ::close(c);
+    });
+    EXPECT_EQ(mbusIoctl(nullptr, 206, kEcho, nullptr, 0, nullptr, nullptr, 0, 2000, 0), MBUS_PORT_ERR_BADMSG);
+    EXPECT_STREQ(mbusPortLastError(), "malformed reply: not a reply");
+    answer.join();
+    ::close(lfd);
+    ::unlink(socketPath(206).c_str());
 
     // A send hook takes what it answers, and only until it is removed.
     static int taken;

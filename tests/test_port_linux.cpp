@@ -85,6 +85,12 @@ TEST(OsaCmd, AHookMayLeaveWhileCalledAndTheLinePassesOnToTheNext) {
     EXPECT_EQ(osaCmdExec("b", nullptr, 0), 9);
     osaPortCmdHookRemove(next, nullptr);
     EXPECT_EQ(seen_, (std::vector<std::string>{"once", "a", "b"}));
+    // The fallback answers after the hooks; an answered line has no output.
+    osaPortCmdFallbackSet(next, nullptr);
+    char none[4] = "xyz";
+    EXPECT_EQ(osaCmdExec("c", none, sizeof none), 9);
+    EXPECT_STREQ(none, "");
+    osaPortCmdFallbackSet(nullptr, nullptr);
 }
 
 TEST(OsaCmd, PlainLinesSpawnDirectlyOthersThroughTheShellWithTheShellsStatuses) {
@@ -177,6 +183,8 @@ TEST(SqliteHelper, WaitsOutABriefWriterAndGivesUpOnAStuckOneWithinOneBound) {
     EXPECT_EQ(sqlite3QueryResGet(db, 0, "SELECT * from t", &nCols, &nRows), nullptr);
     EXPECT_EQ(cap.rawLogs(), std::vector<std::string>{"sqlite: database still locked after 300 ms, query given up: "
                                                       "SELECT * from t\n"});
+    const SwLogRecordHeader said{0, 8, "sqlite"};  // an error from no module, tagged by its layer
+    EXPECT_EQ(cap.logs.at(0).header, swtest::bytesOf(said));
     sqlitePortBusyTimeoutSet(SQLITE_PORT_BUSY_MS);
     sqlite3_close(writer);  // its transaction rolled back
     sqlite3_close(db);
