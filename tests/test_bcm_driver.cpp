@@ -173,6 +173,7 @@ TEST_P(BcmForms, QosRecordsAndTheirResults) {
     for (auto f : {bcmQoSConfigure, bcmPauseFrameConfigure, bcmRateLimitConfigure, bcmTrustModeConfigure,
                    bcmQueueSchedConfigure, bcmCosQueueMapConfigure})
         EXPECT_EQ(std::make_pair(-1, -1), std::make_pair(f(nullptr, &on), f(sw, nullptr)));
+    EXPECT_EQ(bcmSwitchPortConfigure(nullptr, nullptr), SW_EINVAL);
 
     // Queue scheduling and CoS maps walk the matching ports.
     for (int n : {2, 0, 1}) addPort(n);

@@ -35,9 +35,10 @@ TEST(Port, EntryPointsRefuseMissingOrUnusableArguments) {
     const OsaDeviceModel model{nullptr, [](void *, unsigned int, void *) { return 0; }, nullptr, nullptr};
     char out[8] = "", junk[512] = {};
     auto *foreign = reinterpret_cast<MbusCtx *>(junk);  // never handed out by the bus
-    MbusCtx *posts = mbusRegister(231, 2, [](MbusCtx *, const MbusMsgHeader *, int, void *, int, void *, int *) {
-        return 0;
-    }, nullptr);
+    const MbusRequestCb none = [](MbusCtx *, const MbusMsgHeader *, int, void *, int, void *, int *) { return 0; };
+    MbusCtx *posts = mbusRegister(231, 2, none, nullptr), *along = mbusRegister(232, 2, none, nullptr),
+            *third = mbusRegister(233, 2, none, nullptr);
+    ASSERT_EQ(mbusPortListenAlong(along, posts), 0);
 #define ROW(call, want) {#call, static_cast<long>(call), want}
     const struct { const char *call; long got, want; } rows[] = {
         ROW(osaListInit(nullptr), -1), ROW(osaListNodeAppend(nullptr, &a), -1),
@@ -54,12 +55,16 @@ TEST(Port, EntryPointsRefuseMissingOrUnusableArguments) {
         ROW(mbusPortPost(1, 1, nullptr, 4, nullptr, 0), -1), ROW(mbusPortPost(1, 1, nullptr, 0, nullptr, 4), -1),
         ROW(mbusPortPost(1, 1, "x", -1, nullptr, 0), -1), ROW(mbusPortPost(1, 1, nullptr, 0, "x", -1), -1),
         ROW(sqlitePortBusyTimeoutSet(-1), -1), ROW(mbusPortConnLimitSet(0), -1),
+        ROW(osaFileOpen("/dev/null", nullptr) != nullptr, 0), ROW(mbusPortListenAlong(posts, foreign), -1),
+        // Serving along goes one level deep only: not along a module that is
+        // itself along, nor for one that others are along.
+        ROW(mbusPortListenAlong(third, along), -1), ROW(mbusPortListenAlong(posts, third), -1),
     };
 #undef ROW
     for (const auto &r : rows) EXPECT_EQ(r.got, r.want) << r.call;
     EXPECT_EQ(osaListFirst(&list), nullptr);
     EXPECT_EQ(mbusListen(posts, 0), 0) << "nothing was posted";
-    mbusUnRegister(posts);
+    for (MbusCtx *c : {along, third, posts}) mbusUnRegister(c);
     EXPECT_STREQ(out, "/etc/ho") << "the mapped path cut to the buffer, the socket path not written";
 }
 

@@ -185,6 +185,7 @@ TEST_P(VlanForms, DisableClearsMapsAndSendsMembershipThenApplyDeleteRemovesEvery
 TEST_P(VlanForms, BusCodesAddDeleteAndNothingElse) {
     SwitchVlanConf c = vlanConf(100);
     EXPECT_EQ(switchVlanMembershipUpdate(nullptr), SW_EINVAL);
+    EXPECT_EQ(switchVlanDisable(nullptr), SW_EINVAL);
     EXPECT_EQ(switchVlanConfigure(nullptr, 37, &c), -1);
     EXPECT_TRUE(drv.calls.empty());
     drv.results[SW_CMD_VLAN_MEMBERSHIP_UPDATE] = -5;
