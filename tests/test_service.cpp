@@ -70,7 +70,7 @@ TEST_F(Service, DiagnosticsAreCutAt1023CharactersAndTheForegroundGetsThemOnStand
     swMgrDevDebug = 1;
     const int line = __LINE__ + 1;
     SWMGR_LOG("p ", -1, "m\n");
-    EXPECT_EQ(cap->logs.at(2).raw, "p TestBody:" + std::to_string(line) + ":m\n");
+    EXPECT_EQ(cap->logs.at(2).raw, std::string("p TestBody:").append(std::to_string(line)).append(":m\n"));
     EXPECT_EQ(cap->logs.at(2).level, 256);
     swMgrDevDebug = 0;
 
