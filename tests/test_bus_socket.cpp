@@ -176,11 +176,9 @@ TEST(BusSocket, ModulesServeOtherProcessesUntilTheyUnregister) {
         EXPECT_EQ(count(201), 303) << "the module serves on after the late request";
 
         // While its process lives, nobody else may register the module.
-        const int lowest = ::dup(2);
-        ::close(lowest);
+        const int lowest = swtest::lowestFreeFd();
         EXPECT_EQ(mbusRegister(201, 2, inProcess, nullptr), nullptr);
-        EXPECT_EQ(::dup(2), lowest) << "the refused socket is closed";
-        ::close(lowest);
+        EXPECT_EQ(swtest::lowestFreeFd(), lowest) << "the refused socket is closed";
         EXPECT_EQ(std::string(mbusPortLastError()), "module 201 is already on the bus at " + socketPath(201));
         EXPECT_EQ(mbusIoctl(nullptr, 201, kDie, nullptr, 0, nullptr, nullptr, 0, 2000, 0), MBUS_PORT_ERR_IO);
         EXPECT_STREQ(mbusPortLastError(), "module 201 closed without a reply");

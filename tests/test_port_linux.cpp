@@ -119,8 +119,7 @@ TEST(OsaCmd, PlainLinesSpawnDirectlyOthersThroughTheShellWithTheShellsStatuses) 
     const std::string savedPwd = std::getenv("PWD") != nullptr ? std::getenv("PWD") : "";
     ::unsetenv("PWD");
 
-    auto lowestFree = [] { const int fd = ::dup(2); return ::close(fd), fd; };
-    const int lowest = lowestFree();
+    const int lowest = swtest::lowestFreeFd();
     const struct {
         std::string line;
         int status;
@@ -156,7 +155,7 @@ TEST(OsaCmd, PlainLinesSpawnDirectlyOthersThroughTheShellWithTheShellsStatuses) 
         EXPECT_EQ(osaCmdExec(c.line.c_str(), nullptr, 0), status) << c.line << " without output";
     }
     if (!savedPwd.empty()) ::setenv("PWD", savedPwd.c_str(), 1);
-    EXPECT_EQ(lowestFree(), lowest) << "no descriptor left open";
+    EXPECT_EQ(swtest::lowestFreeFd(), lowest) << "no descriptor left open";
 }
 
 // What a query returns is what every configuration load reads; here, how

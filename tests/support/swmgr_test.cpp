@@ -2,6 +2,7 @@
 #include "swmgr_test.h"
 
 #include <stdlib.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
@@ -229,6 +230,12 @@ void TempDir::write(const std::string &name, const std::string &content) const {
 std::string readFile(const std::string &path) {
     std::ifstream in(path);
     return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+int lowestFreeFd() {
+    const int fd = ::dup(2);
+    ::close(fd);
+    return fd;
 }
 
 std::string makeDb(const std::string &path, const std::string &sql) {

@@ -133,6 +133,8 @@ private:
 
 // Whole contents of a file, "" when absent.
 std::string readFile(const std::string &path);
+// The descriptor the next open gets: a descriptor left open shows as a higher one.
+int lowestFreeFd();
 
 // Creates a directory under $TMPDIR, removes it with its contents.
 class TempDir {
