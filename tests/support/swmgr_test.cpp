@@ -88,10 +88,10 @@ int Capture::onSend(void *ctx, int module, int cmd, const void *data, int dataLe
         l.raw.assign(static_cast<const char *>(aux), strnlen(static_cast<const char *>(aux), *auxLen));
     l.text = l.raw;
     if (l.level == SW_LOG_DEV) {
-        static const std::regex dev(R"(([A-Za-z_][A-Za-z0-9_]*):(-?[0-9]+):)");
+        static const std::regex dev(R"(([A-Za-z_][A-Za-z0-9_]*):-?[0-9]+:)");
         std::smatch m;
         if (std::regex_search(l.raw, m, dev))
-            l.prefix = m.prefix().str(), l.func = m[1].str(), l.line = std::stoi(m[2].str()), l.text = m.suffix().str();
+            l.prefix = m.prefix().str(), l.func = m[1].str(), l.text = m.suffix().str();
     }
     self->logs.push_back(std::move(l));
     *result = 0;

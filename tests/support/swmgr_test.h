@@ -28,7 +28,7 @@ using Bytes = std::vector<uint8_t>;
 // 256) the "func:line:" part is split out; otherwise func is empty and
 // text equals raw.
 struct LogLine {
-    int level = 0, line = 0;
+    int level = 0;
     std::string prefix, func, text, raw;
     Bytes header;    // the 40-byte record header as sent
     int length = 0;  // text length as sent, terminating NUL included
