@@ -193,6 +193,13 @@ TEST(BusSocket, ModulesServeOtherProcessesUntilTheyUnregister) {
     ASSERT_EQ(mbusPortPost(5, kEcho, "x", 1, nullptr, 0), 0);
     EXPECT_EQ(mbusListen(ctx, 100000), 1);
     EXPECT_EQ(mbusListen(ctx, 100000), 0);
+    // A request arriving while it listens is waited for.
+    std::thread late([] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        sendRaw(201, frame(MBUS_MSG_MAGIC, 201, 4, 4));
+    });
+    EXPECT_EQ(mbusListen(ctx, 5000000), 1);
+    late.join();
 
     // One callback per descriptor. Callbacks running inside the wait, and
     // unregistering there, are how the daemon stops in its own tests.
