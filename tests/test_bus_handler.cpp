@@ -13,12 +13,12 @@ namespace {
 
 class BusHandler : public swtest::SwmgrTest {
 protected:
-    void bindTop() { EXPECT_EQ(switchConfigFuncRegister(swtest::addSwitch("REC", 2)), 0); }
+    void bindTop() { EXPECT_EQ(switchConfigFuncRegister(swtest::addSwitch("R", 2)), 0); }
     int handle(int cmd, void *data, int len, void *aux = nullptr, int *auxLen = nullptr, uint32_t isRequest = 1) {
         const MbusMsgHeader h{MBUS_MSG_MAGIC, 20, MBUS_MODULE_SWMGR, static_cast<uint32_t>(cmd), isRequest, 0, 0, 0};
         return swMgrIoctlHandler(nullptr, &h, cmd, data, len, aux, auxLen);
     }
-    swtest::RecordingDriver rec;
+    swtest::RecordingDriver rec{"R"};  // one letter: the first byte of a request names it
 };
 using BusHandlerForms = swtest::BothForms<BusHandler>;
 SWTEST_BOTH_FORMS(BusHandlerForms);
@@ -90,16 +90,17 @@ TEST_P(BusHandlerForms, InterfaceEventsSetTheUpstreamLimitOnPortOne) {
 
 TEST_P(BusHandlerForms, DriverCommandsGoToTheNamedSwitchWithResultsMapped) {
     bindTop();
-    char req[SW_BUS_NAME_LEN + SW_BUS_ARG_LEN] = "REC";
+    char req[SW_BUS_NAME_LEN + SW_BUS_ARG_LEN] = "R";
     rec.results[37] = 5;
     EXPECT_EQ(handle(37, req, sizeof req), 0) << "a positive driver result is answered with 0";
     rec.results[37] = -3;
     EXPECT_EQ(handle(37, req, sizeof req), -3);
     EXPECT_EQ(handle(2, req, sizeof req), 0) << "codes below the bus's own go to drivers too";
     EXPECT_EQ(handle(48, req, 4), 0) << "a short request is padded, never read past";
+    EXPECT_EQ(handle(37, req, 0), -1) << "an empty request names no switch";
     EXPECT_EQ(rec.cmds(), (std::vector<int>{37, 37, 2, 48}));
     EXPECT_EQ(handle(37, nullptr, 0), -1);
-    EXPECT_TRUE(cap->logsAre({{8, "switchConfig", "Failed to process cmd 37 on REC \n"}}));
+    EXPECT_TRUE(cap->logsAre({{8, "switchConfig", "Failed to process cmd 37 on R \n"}}));
 }
 
 }  // namespace

@@ -116,8 +116,9 @@ std::vector<Bytes> received(int conn) {
     return out;
 }
 
+// Its answer names the caller, the command and the reply room it was offered.
 int inProcess(MbusCtx *, const MbusMsgHeader *h, int cmd, void *, int, void *, int *) {
-    return static_cast<int>(h->srcModule) * 100 + cmd;
+    return static_cast<int>(h->srcModule * 100 + h->auxLen * 10) + cmd;
 }
 
 TEST(BusSocket, ModulesServeOtherProcessesUntilTheyUnregister) {

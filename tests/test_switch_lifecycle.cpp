@@ -52,6 +52,7 @@ TEST_P(Lifecycle, AddBindsSendsFiveSettingsThenLists) {
     ASSERT_EQ(drv.cmds(), kSettings);
     Calls calls;
     for (const auto &call : drv.calls) calls.emplace_back(call.argLen, call.arg);
+    for (const auto &call : drv.calls) EXPECT_EQ(call.replyLen, 0) << "settings want no reply";
     EXPECT_EQ(calls, (Calls{{1300, swtest::le32(1)}, {4, swtest::le32(1)}, {4, swtest::le32(0)}, {1, {1}}, {1, {2}}}));
 
     // A second switch of that name is refused (its log is the change

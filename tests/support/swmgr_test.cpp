@@ -196,10 +196,10 @@ size_t recordBytes(int cmd, int argLen) {
 }
 }  // namespace
 
-int RecordingDriver::config(Switch *sw, int cmd, void *arg, int argLen, void *, int *) {
+int RecordingDriver::config(Switch *sw, int cmd, void *arg, int argLen, void *, int *replyLen) {
     RecordingDriver *self = current_;
     if (self == nullptr) return -1;
-    Call c{sw, cmd, argLen, arg, {}};
+    Call c{sw, cmd, argLen, arg, replyLen != nullptr ? *replyLen : -1, {}};
     const auto *p = static_cast<const uint8_t *>(arg);
     if (arg != nullptr) c.arg.assign(p, p + recordBytes(cmd, argLen));
     self->calls.push_back(std::move(c));

@@ -112,6 +112,7 @@ public:
         Switch *sw;
         int cmd, argLen;
         const void *argPtr;
+        int replyLen;  // what *replyLen held, -1 for no pointer
         Bytes arg;  // the bytes the command's record holds (at most argLen)
     };
     explicit RecordingDriver(const char *name = "REC");
