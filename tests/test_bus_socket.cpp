@@ -118,7 +118,7 @@ std::vector<Bytes> received(int conn) {
 
 // Its answer names the caller, the command and the reply room it was offered.
 int inProcess(MbusCtx *, const MbusMsgHeader *h, int cmd, void *, int, void *, int *) {
-    return static_cast<int>(h->srcModule * 100 + h->auxLen * 10) + cmd;
+    return static_cast<int>(h->srcModule * 100 + (h->dataLen + h->auxLen) * 10) + cmd;
 }
 
 TEST(BusSocket, ModulesServeOtherProcessesUntilTheyUnregister) {
@@ -171,6 +171,8 @@ TEST(BusSocket, ModulesServeOtherProcessesUntilTheyUnregister) {
 
         // A request to this process's own module never touches a socket.
         EXPECT_EQ(mbusIoctl(self, 202, 3, nullptr, 0, nullptr, nullptr, 0, 0, 0), 202 * 100 + 3);
+        int none = 0;
+        EXPECT_EQ(mbusIoctl(self, 202, 3, const_cast<char *>("ab"), 2, aux, &none, 0, 0, 0), 202 * 100 + 20 + 3);
         EXPECT_EQ(mbusUnRegister(self), 0);
 
         EXPECT_EQ(mbusIoctl(nullptr, 201, kSlow, nullptr, 0, nullptr, nullptr, 0, 100, 0), MBUS_PORT_ERR_TIMEOUT);
@@ -282,7 +284,7 @@ TEST(BusSocket, PastTheConnectionLimitTheConnectionIdleLongestIsClosed) {
     EXPECT_EQ(mbusListen(ctx, 20000), 1);
     MbusMsgHeader r{};
     EXPECT_EQ(::recv(c[1], &r, sizeof r, MSG_DONTWAIT), static_cast<ssize_t>(sizeof r));
-    EXPECT_EQ(r.result, 0 * 100 + kEcho) << "answered, and the connection kept";
+    EXPECT_EQ(r.result, 0 * 100 + 4 * 10 + kEcho) << "answered, and the connection kept";
     c[4] = rawConnect(207);  // the one idle longest now is c[2]
     EXPECT_EQ(mbusListen(ctx, 20000), 0);
     std::vector<bool> closed;

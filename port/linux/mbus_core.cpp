@@ -262,8 +262,8 @@ MbusCtx *localModule(int module) {
 }
 
 int callLocal(MbusCtx *to, const MbusCtx *from, int cmd, void *data, int dataLen, void *aux, int *auxLen) {
-    MbusMsgHeader h = header(moduleOf(from), to->module, cmd, true, dataLen > 0 ? dataLen : 0,
-                             auxLen != nullptr && *auxLen > 0 ? *auxLen : 0, 0);
+    MbusMsgHeader h = header(moduleOf(from), to->module, cmd, true, std::max(dataLen, 0),
+                             auxLen != nullptr ? std::max(*auxLen, 0) : 0, 0);
     return to->callback(to, &h, cmd, data, dataLen, aux, auxLen);
 }
 

@@ -75,12 +75,7 @@ std::string_view textOf(const void *aux, int auxLen) {
     return {t, strnlen(t, static_cast<size_t>(auxLen))};
 }
 
-void toStderr(const char *prefix, uint32_t level, std::string_view text) {
-    if (prefix != nullptr)
-        std::fprintf(stderr, "%s %u] %.*s", prefix, level, static_cast<int>(text.size()), text.data());
-    else
-        std::fprintf(stderr, "%.*s", static_cast<int>(text.size()), text.data());
-}
+void toStderr(std::string_view text) { std::fprintf(stderr, "%.*s", static_cast<int>(text.size()), text.data()); }
 
 int connectSyslog() {
     sockaddr_un addr{};
@@ -181,7 +176,10 @@ void logNow(int src, const void *data, int dataLen, const void *aux, int auxLen)
     }
     int sent = deliver(r);
     if (sent == 0) ++p.dropped;
-    if (sent < 0) toStderr("[log", r.h.level, r.text);
+    if (sent < 0) {
+        std::fprintf(stderr, "[log %u] ", r.h.level);
+        toStderr(r.text);
+    }
 }
 
 // Sends what was held, oldest first.
@@ -202,7 +200,7 @@ std::vector<uint8_t> copyOf(const void *bytes, int len) {
 void logRecord(int src, const void *data, int dataLen, const void *aux, int auxLen) {
     LogPath &p = path();
     if (p.target == MBUS_PORT_LOG_STDERR) {
-        toStderr(nullptr, 0, textOf(aux, auxLen));  // the text alone, as a console shows it
+        toStderr(textOf(aux, auxLen));  // the text alone, as a console shows it
         return;
     }
     if (p.holding == 0) {

@@ -37,7 +37,7 @@ void escapedText(char *out, std::size_t outCap, const char *text, std::size_t te
 
 int nameChecked(const char *origin, const char *field, const char *text, std::size_t cap, NameUse use,
                 const char *fname) {
-    if (use == NameUse::optional && (text == nullptr || cap == 0 || text[0] == '\0')) return 0;
+    if (use == NameUse::optional && (text == nullptr || text[0] == '\0')) return 0;
     const NameVerdict v = checkName(text, cap);
     if (v.ok()) return 0;
     char shown[kShownLen];
