@@ -352,11 +352,13 @@ TEST(BusSocket, LogRecordsToTheBusStandardErrorOrTheSystemLog) {
     testing::internal::CaptureStderr();
     EXPECT_EQ(logRecord(64, text, sizeof text), 0);
     EXPECT_EQ(logRecord(64, "", 1), 0);  // the terminator alone: a record without text
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "[log 64] Invalid database event\n[log 64] ");
+    EXPECT_EQ(mbusIoctl(nullptr, MBUS_MODULE_LOG, MBUS_LOG_CMD, nullptr, 0, nullptr, nullptr, MBUS_FLAG_NOREPLY, 0, 0), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "[log 64] Invalid database event\n[log 64] [log 0] ");
 
     ASSERT_EQ(mbusPortLogTargetSet(MBUS_PORT_LOG_STDERR, nullptr), 0);
     testing::internal::CaptureStderr();
     EXPECT_EQ(logRecord(8, text, sizeof text), 0);
+    EXPECT_EQ(mbusIoctl(nullptr, MBUS_MODULE_LOG, MBUS_LOG_CMD, nullptr, 0, nullptr, nullptr, MBUS_FLAG_NOREPLY, 0, 0), 0);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "Invalid database event\n");
 
     swtest::TempDir tmp;
@@ -366,14 +368,49 @@ TEST(BusSocket, LogRecordsToTheBusStandardErrorOrTheSystemLog) {
     std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", dev.c_str());
     ASSERT_EQ(::bind(sys, reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
     ASSERT_EQ(mbusPortLogTargetSet(MBUS_PORT_LOG_SYSLOG, dev.c_str()), 0);
-    EXPECT_EQ(logRecord(8, text, sizeof text), 0);
-    char line[512] = {};
-    ASSERT_GT(::recv(sys, line, sizeof line - 1, MSG_DONTWAIT), 0);
-    // "<daemon.err>Mmm dd hh:mm:ss program[pid]: text" without its newline
-    EXPECT_EQ(std::string(line).erase(4, 15), std::string("<27> ") + program_invocation_short_name + "[" +
-                                                  std::to_string(::getpid()) + "]: Invalid database event");
+    // "<daemon.severity>Mmm dd hh:mm:ss program[pid]: text" without its newline
+    const std::string tail = std::string(" ") + program_invocation_short_name + "[" + std::to_string(::getpid()) + "]: ";
+    for (auto [level, severity] : {std::pair{8u, "<27>"}, {64u, "<30>"}, {256u, "<31>"}}) {
+        EXPECT_EQ(logRecord(level, text, sizeof text), 0);
+        char line[512] = {};
+        ASSERT_GT(::recv(sys, line, sizeof line - 1, MSG_DONTWAIT), 0);
+        EXPECT_EQ(std::string(line).erase(4, 15), severity + tail + "Invalid database event");
+    }
     mbusPortLogTargetSet(MBUS_PORT_LOG_BUS, nullptr);
     ::close(sys);
+}
+
+// Where the bus lives is checked before anything is bound there. A refused
+// directory leaves no descriptor behind, and neither does a module that goes.
+TEST(BusSocket, UnsafeBusDirectoriesAreRefused) {
+    const std::string busDir = mbusPortBusDirGet();
+    swtest::TempDir tmp;
+    tmp.write("file", "");
+    ASSERT_EQ(::mkdir(tmp.file("open").c_str(), 0700), 0);
+    ASSERT_EQ(::chmod(tmp.file("open").c_str(), 0757), 0);
+    ASSERT_EQ(::mkdir(tmp.file("own").c_str(), 0700), 0);
+    ASSERT_EQ(::symlink(tmp.file("own").c_str(), tmp.file("link").c_str()), 0);
+    const std::string file = tmp.file("file"), open = tmp.file("open"), link = tmp.file("link");
+    const struct { std::string dir, error; } rows[] = {
+        {"bus", "bus directory must be an absolute path: bus"},
+        {"", "bus directory must be an absolute path: "},
+        {file, "bus directory is not a directory: " + file},
+        {link, "bus directory is not a directory: " + link},
+        {file + "/bus", "cannot create bus directory " + file + "/bus: Not a directory"},
+        {open, "bus directory is writable by others: " + open},
+        {tmp.file("own"), ""},
+    };
+    const int fd = swtest::lowestFreeFd();
+    for (const auto &r : rows) {
+        mbusPortBusDirSet(r.dir.c_str());
+        MbusCtx *c = mbusRegister(209, 2, inProcess, nullptr);
+        EXPECT_EQ(c != nullptr ? "" : std::string(mbusPortLastError()), r.error);
+        if (c != nullptr) mbusUnRegister(c);
+        EXPECT_EQ(swtest::lowestFreeFd(), fd) << r.dir;
+    }
+    struct stat st {};
+    EXPECT_EQ(::stat(tmp.file("own").c_str(), &st) == 0 ? st.st_mode & 07777 : 0, 0700u) << "already private: kept";
+    mbusPortBusDirSet(busDir.c_str());
 }
 
 }  // namespace
