@@ -239,21 +239,23 @@ TEST(BusSocket, MalformedMessagesAreRefusedAndTheListenerServesOn) {
     EXPECT_EQ(count(204), 3);
     EXPECT_STREQ(mbusPortLastError(), "") << "a delivered request leaves no reason behind";
 
-    // Answered with a request instead of a reply, the sender refuses it.
+    // Answered with a request instead of a reply, or with a byte, the sender refuses what came.
     std::string err;
     const int lfd = mbuswire::listenSocket(206, err);
     ASSERT_GE(lfd, 0) << err;
-    std::thread answer([lfd] {
-        const int c = mbuswire::waitReadable(lfd, 2000) ? ::accept(lfd, nullptr, nullptr) : -1;
-        Bytes in(64);
-        const Bytes out = frame(MBUS_MSG_MAGIC, 206, 0, 0);
-        if (c >= 0 && mbuswire::waitReadable(c, 2000) && ::recv(c, in.data(), in.size(), 0) > 0)
-            ::send(c, out.data(), out.size(), MSG_NOSIGNAL);
-        if (c >= 0) ::close(c);
-    });
-    EXPECT_EQ(mbusIoctl(nullptr, 206, kEcho, nullptr, 0, nullptr, nullptr, 0, 2000, 0), MBUS_PORT_ERR_BADMSG);
-    EXPECT_STREQ(mbusPortLastError(), "malformed reply: not a reply");
-    answer.join();
+    for (const auto &[out, why] : {std::pair{frame(MBUS_MSG_MAGIC, 206, 0, 0), "not a reply"},
+                                   {Bytes(1, 0), "shorter than its header"}}) {
+        std::thread answer([lfd, &out = out] {
+            const int c = mbuswire::waitReadable(lfd, 2000) ? ::accept(lfd, nullptr, nullptr) : -1;
+            Bytes in(64);
+            if (c >= 0 && mbuswire::waitReadable(c, 2000) && ::recv(c, in.data(), in.size(), 0) > 0)
+                ::send(c, out.data(), out.size(), MSG_NOSIGNAL);
+            if (c >= 0) ::close(c);
+        });
+        EXPECT_EQ(mbusIoctl(nullptr, 206, kEcho, nullptr, 0, nullptr, nullptr, 0, 2000, 0), MBUS_PORT_ERR_BADMSG);
+        EXPECT_EQ(std::string(mbusPortLastError()), std::string("malformed reply: ") + why);
+        answer.join();
+    }
     ::close(lfd);
     ::unlink(socketPath(206).c_str());
 
