@@ -382,6 +382,19 @@ TEST(BusSocket, LogRecordsToTheBusStandardErrorOrTheSystemLog) {
     ::close(sys);
 }
 
+// A module that accepts nobody holds a sender no longer than its wait.
+TEST(BusSocket, AModuleWithAFullBacklogIsReportedWhenTheWaitRunsOut) {
+    std::string err;
+    const int lsn = mbuswire::listenSocket(210, err);
+    ASSERT_GE(lsn, 0) << err;
+    ASSERT_EQ(::listen(lsn, 0), 0);
+    const int held = rawConnect(210);  // the one connection the backlog holds
+    EXPECT_EQ(mbusIoctl(nullptr, 210, kEcho, nullptr, 0, nullptr, nullptr, 0, 50, 0), MBUS_PORT_ERR_TIMEOUT);
+    EXPECT_STREQ(mbusPortLastError(), "module 210 does not accept connections");
+    ::close(held), ::close(lsn);
+    ::unlink(socketPath(210).c_str());
+}
+
 // Where the bus lives is checked before anything is bound there. A refused
 // directory leaves no descriptor behind, and neither does a module that goes.
 TEST(BusSocket, UnsafeBusDirectoriesAreRefused) {

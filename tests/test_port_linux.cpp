@@ -49,7 +49,7 @@ TEST(Port, EntryPointsRefuseMissingOrUnusableArguments) {
         ROW(osaFilePrintf(nullptr, "x"), -1), ROW(osaFileClose(nullptr), -1), ROW(osaUnlink(nullptr), -1),
         ROW(osaPortFilePathMap("/etc/hosts", "r", out, sizeof out), -1), ROW(osaCmdExec(nullptr, nullptr, 0), -1),
         ROW(osaPortCmdHookAdd(nullptr, nullptr), -1), ROW(mbusPortSocketPath(1, out, sizeof out), -1),
-        ROW(mbusPortLogTargetSet(7, nullptr), -1),
+        ROW(mbusPortLogTargetSet(7, nullptr), -1), ROW(osaIoctl(-1, 0, nullptr), -1),
         ROW(mbusIoctl(foreign, 230, 1, nullptr, 0, nullptr, nullptr, 0, 0, 0), MBUS_PORT_ERR_BADCTX),
         ROW(mbusListen(foreign, 0), -1), ROW(mbusUnRegister(foreign), -1),
         ROW(mbusPortPost(1, 1, nullptr, 4, nullptr, 0), -1), ROW(mbusPortPost(1, 1, nullptr, 0, nullptr, 4), -1),
@@ -88,13 +88,15 @@ TEST(OsaCmd, AHookMayLeaveWhileCalledAndTheLinePassesOnToTheNext) {
     };
     osaPortCmdHookAdd(once_, nullptr);
     osaPortCmdHookAdd(next, nullptr);
+    char none[4] = "xyz";
     EXPECT_EQ(osaCmdExec("a", nullptr, 0), 9);
-    EXPECT_EQ(osaCmdExec("b", nullptr, 0), 9);
+    EXPECT_EQ(osaCmdExec("b", none, sizeof none), 9);
+    EXPECT_STREQ(none, "") << "an answered line has no output";
     osaPortCmdHookRemove(next, nullptr);
     EXPECT_EQ(seen_, (std::vector<std::string>{"once", "a", "b"}));
-    // The fallback answers after the hooks; an answered line has no output.
+    // The fallback answers after the hooks, also without output.
     osaPortCmdFallbackSet(next, nullptr);
-    char none[4] = "xyz";
+    none[0] = 'x';
     EXPECT_EQ(osaCmdExec("c", none, sizeof none), 9);
     EXPECT_STREQ(none, "");
     osaPortCmdFallbackSet(nullptr, nullptr);
@@ -158,6 +160,11 @@ TEST(OsaCmd, PlainLinesSpawnDirectlyOthersThroughTheShellWithTheShellsStatuses) 
     }
     if (!savedPwd.empty()) ::setenv("PWD", savedPwd.c_str(), 1);
     EXPECT_EQ(swtest::lowestFreeFd(), lowest) << "no descriptor left open";
+    // A caller that lets children go unwaited loses their statuses: unknown, never success.
+    const auto old = ::signal(SIGCHLD, SIG_IGN);
+    EXPECT_EQ(osaCmdExec("true", nullptr, 0), -1);
+    EXPECT_EQ(osaCmdExec("true;", nullptr, 0), -1);
+    ::signal(SIGCHLD, old);
 }
 
 // What a query returns is what every configuration load reads; here, how
