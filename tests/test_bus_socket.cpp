@@ -164,13 +164,16 @@ TEST(BusSocket, ModulesServeOtherProcessesUntilTheyUnregister) {
         EXPECT_EQ(auxLen, 24);
         EXPECT_STREQ(mbusPortLastError(), "");
         EXPECT_EQ(mbusIoctl(self, 201, kEcho, nullptr, 0, nullptr, &auxLen, 0, 2000, 0), 1000) << "room, but no buffer";
+        auxLen = 1;
+        EXPECT_EQ(mbusIoctl(self, 201, kEcho, nullptr, 0, aux, &auxLen, 0, 2000, 0), 1000);
+        EXPECT_EQ(auxLen, 1) << "the terminator alone comes back";
         EXPECT_EQ(swtest::lowestFreeFd(), fds) << "each request's connection closed";
 
         // Requests without a reply return at once; more than the listener
         // holds at once, as a busy daemon's log records are, all arrive.
         for (int i = 0; i < 300; ++i)
             ASSERT_EQ(mbusIoctl(self, 201, kEcho, nullptr, 0, nullptr, nullptr, MBUS_FLAG_NOREPLY, 0, 0), 0);
-        EXPECT_EQ(count(201), 302);
+        EXPECT_EQ(count(201), 303);
 
         // A request to this process's own module never touches a socket.
         EXPECT_EQ(mbusIoctl(self, 202, 3, nullptr, 0, nullptr, nullptr, 0, 0, 0), 202 * 100 + 3);
@@ -180,7 +183,7 @@ TEST(BusSocket, ModulesServeOtherProcessesUntilTheyUnregister) {
 
         EXPECT_EQ(mbusIoctl(nullptr, 201, kSlow, nullptr, 0, nullptr, nullptr, 0, 1, 0), MBUS_PORT_ERR_TIMEOUT);
         EXPECT_STREQ(mbusPortLastError(), "no reply from module 201 within 1 ms");
-        EXPECT_EQ(count(201), 304) << "the module serves on after the late request";
+        EXPECT_EQ(count(201), 305) << "the module serves on after the late request";
 
         // While its process lives, nobody else may register the module.
         const int lowest = swtest::lowestFreeFd();

@@ -120,7 +120,8 @@ void acceptAll(MbusCtx *c) {
             return;
         }
         if (!mbuswire::peerAllowed(fd)) {
-            MbusMsgHeader none = mbuswire::header(0, c->module, 0, true, 0, 0, 0);
+            MbusMsgHeader none{};  // no request was read: the refusal comes from the module alone
+            none.dstModule = static_cast<uint32_t>(c->module);
             reply(fd, none, MBUS_PORT_ERR_REFUSED, nullptr, 0);
             // Closing on an unread request would reset the connection and
             // lose the refusal: discard what it sent first, unread.
