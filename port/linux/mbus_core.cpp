@@ -198,20 +198,21 @@ int serveRound(const std::vector<MbusCtx *> &served, Clock::time_point deadline)
     std::vector<pollfd> fds;
     std::vector<Source> from;
     for (const auto &w : b.watches) {
-        fds.push_back({w.fd, POLLIN, 0});
+        fds.push_back({w.fd, POLLIN, {}});
         from.push_back({nullptr, false});
     }
     for (auto *c : served) {
-        fds.push_back({c->listenFd, POLLIN, 0});
+        fds.push_back({c->listenFd, POLLIN, {}});
         from.push_back({c, true});
         for (const auto &k : c->conns) {
-            fds.push_back({k.fd, POLLIN, 0});
+            fds.push_back({k.fd, POLLIN, {}});
             from.push_back({c, false});
         }
     }
-    auto left = std::chrono::duration_cast<std::chrono::nanoseconds>(deadline - Clock::now()).count();
-    timespec ts{static_cast<time_t>(std::max<int64_t>(left, 0) / 1000000000),
-                static_cast<long>(std::max<int64_t>(left, 0) % 1000000000)};
+    const auto left = std::max(Clock::duration::zero(), deadline - Clock::now());
+    const auto whole = std::chrono::duration_cast<std::chrono::seconds>(left);
+    timespec ts{static_cast<time_t>(whole.count()),
+                static_cast<long>(std::chrono::duration_cast<std::chrono::nanoseconds>(left - whole).count())};
     if (::ppoll(fds.data(), fds.size(), &ts, nullptr) <= 0) return -1;
 
     for (size_t i = 0; i < fds.size(); ++i) {

@@ -210,7 +210,7 @@ bool sendMessage(int fd, const MbusMsgHeader &h, const void *data, size_t dataLe
         if (errno == EINTR) continue;
         int left = deadlineLeftMs(deadline);
         if (errno != EAGAIN || left <= 0) return false;
-        pollfd p{fd, POLLOUT, 0};
+        pollfd p{fd, POLLOUT, {}};
         ::poll(&p, 1, left);
     }
 }
@@ -246,7 +246,7 @@ bool peerAllowed(int fd) {
 bool waitReadable(int fd, int timeoutMs) {
     auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
     for (;;) {
-        pollfd p{fd, POLLIN, 0};
+        pollfd p{fd, POLLIN, {}};
         int wait = timeoutMs < 0 ? -1 : deadlineLeftMs(deadline);
         int r = ::poll(&p, 1, wait);
         if (r > 0) return true;
