@@ -96,6 +96,8 @@ TEST_P(DbEventForms, EventsFollowTheTableHandlers) {
         {true, "", "vlanEncapIf", 1, 99, "", -1, {}, "vlan unknown operation"},
         // A row deleted before its update is read: no row, no processing.
         {true, "", "vlanEncapIf", 999, 23, "", -1, {}, "vlan row gone"},
+        {true, "UPDATE vlanEncapIf SET vlanId=4294967306 WHERE rowid=1", "vlanEncapIf", 1, 23, kRow, -22, {},
+         "vlan update the decoder refuses"},
         {true, "", "SWGLOBALCFG", 1, 18, "", 0, {}, "not our table"},
         {true, "", "vlanEncapIf WHERE 0;DROP TABLE swGlobalCfg;--", 1, 18, "", -1, {}, "table name payload"},
         // Three strings cannot be names and values of one row.
