@@ -11,7 +11,7 @@
 #include <fstream>
 #include <nlohmann/json.hpp>
 
-#include "swmgr/platform/mbus.h"
+#include "mbus_wire.h"
 
 #include "e2e_util.h"
 
@@ -52,17 +52,6 @@ protected:
     // Log records reach the log service asynchronously.
     bool logHas(const std::string &line) {
         return waitFor([&] { return readFile(dir_ + "/log.txt").find(line) != std::string::npos; }, 100);
-    }
-    // A bare connection to a module's socket, never sending anything.
-    int connectTo(int module, const std::string &dir = "") {
-        int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-        sockaddr_un addr{};
-        addr.sun_family = AF_UNIX;
-        std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s/mod-%d.sock", (dir.empty() ? bus_ : dir).c_str(),
-                      module);
-        if (::connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) == 0) return fd;
-        ::close(fd);
-        return -1;
     }
     std::string db_;
     pid_t daemon_ = -1, logger_ = -1;
@@ -119,8 +108,11 @@ TEST_F(E2e, PlanPredictsWhatTheDaemonProgrammed) {
 }
 
 TEST_F(E2e, IdleConnectionsAndAStalledLogReaderDoNotHoldRequestsUp) {
+    // Bare connections to the service's socket, never sending anything.
     std::vector<int> idle;
-    for (int i = 0; i < 100; ++i) idle.push_back(connectTo(103));
+    std::string err;
+    mbusPortBusDirSet(bus_.c_str());
+    for (int i = 0; i < 100; ++i) idle.push_back(mbuswire::connectModule(103, 1000, err));
     ASSERT_TRUE(std::none_of(idle.begin(), idle.end(), [](int fd) { return fd < 0; }));
     EXPECT_EQ(ctl("vlan add --id 300 --ports 0,1 --untagged 0").out, "vlan add 300: result 0 (ok)\n");
     for (int fd : idle) ::close(fd);
@@ -191,13 +183,14 @@ TEST_F(E2e, AnotherUsersConnectionIsClosedBeforeItCanSend) {
         // is what gets it closed.
         if (::setgid(st.st_gid) != 0 || ::setuid(65534) != 0) ::_exit(2);
         ::prctl(PR_SET_DUMPABLE, 1);  // keeps /proc/self/fd readable after the switch
-        int fd = connectTo(103, "/proc/self/fd/" + std::to_string(busFd));
+        mbusPortBusDirSet(("/proc/self/fd/" + std::to_string(busFd)).c_str());
+        std::string err;
+        const int fd = mbuswire::connectModule(103, 1000, err);
         if (fd < 0) ::_exit(3);
         MbusMsgHeader h{};
-        timeval tv{2, 0};
-        ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-        bool refused = ::recv(fd, &h, sizeof h, 0) == static_cast<ssize_t>(sizeof h) && h.result == -13;
-        ::_exit(refused && ::recv(fd, &h, sizeof h, 0) == 0 ? 0 : 4);
+        const bool refused = mbuswire::waitReadable(fd, 2000) &&
+                             ::recv(fd, &h, sizeof h, 0) == static_cast<ssize_t>(sizeof h) && h.result == -13;
+        ::_exit(refused && mbuswire::waitReadable(fd, 2000) && ::recv(fd, &h, sizeof h, 0) == 0 ? 0 : 4);
     }
     ::close(busFd);
     pids_.push_back(pid);
