@@ -21,17 +21,12 @@ extern char **environ;
 
 namespace {
 
-struct Item {
-    OsaListNode link;
-    int value;
-};
-
 // Each entry point refuses what it cannot use with its documented result,
 // and leaves what it was given as it was.
 TEST(Port, EntryPointsRefuseMissingOrUnusableArguments) {
     OsaList list;
     ASSERT_EQ(osaListInit(&list), 0);
-    Item a{{}, 1};
+    OsaListNode a{};
     const OsaDeviceModel model{nullptr, [](void *, unsigned int, void *) { return 0; }, nullptr, nullptr};
     char out[8] = "", junk[512] = {};
     auto *foreign = reinterpret_cast<MbusCtx *>(junk);  // never handed out by the bus

@@ -121,16 +121,14 @@ protected:
         }
         return pids_.emplace_back(pid);
     }
-    // swmgrd with `args` under a service manager listening on `notify` (a
-    // path, or an abstract name after '@'): it announces readiness once it
-    // serves the bus.
-    pid_t startReady(const std::string &env, const std::string &args, const std::string &notify) {
+    // swmgrd with `args` under a service manager listening on an abstract
+    // socket: it announces readiness once it serves the bus.
+    pid_t startReady(const std::string &env, const std::string &args) {
+        const std::string notify = "@swmgr-e2e-" + std::to_string(::getpid());
         const int fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
         sockaddr_un addr{};
         addr.sun_family = AF_UNIX;
-        std::memcpy(addr.sun_path, notify.data(), notify.size());
-        if (notify[0] == '@') addr.sun_path[0] = '\0';
-        else ::unlink(notify.c_str());  // left by an earlier start
+        std::memcpy(addr.sun_path + 1, notify.data() + 1, notify.size() - 1);
         EXPECT_EQ(::bind(fd, reinterpret_cast<sockaddr *>(&addr),
                          static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + notify.size())), 0) << notify;
         const pid_t pid = start("env " + env + " NOTIFY_SOCKET=" + quote(notify) + " " + SWMGRD_PATH + " " + args);

@@ -31,7 +31,7 @@ protected:
     }
     void startDaemon(const std::string &options = "", const std::string &env = "") {
         daemon_ = startReady(env, options + " --db " + quote(db_) + " --sim --bus-dir " + quote(bus_) + " --state-dir " +
-                             quote(bus_ + "/sim") + " >/dev/null 2>" + quote(dir_ + "/daemon.err"), dir_ + "/notify");
+                             quote(bus_ + "/sim") + " >/dev/null 2>" + quote(dir_ + "/daemon.err"));
     }
     // The daemon ends on `sig` with status 0, saying so, and unregisters.
     void expectStops(int sig, const std::string &name) {
@@ -40,15 +40,7 @@ protected:
         for (const char *sock : {"/mod-103.sock", "/mod-250.sock", "/mod-251.sock"})
             EXPECT_FALSE(exists(bus_ + sock)) << sock;
     }
-    void restart(const std::string &options, const std::string &env = "") {
-        expectStops(SIGINT, "SIGINT");
-        startDaemon(options, env);
-    }
-    json state() {
-        Proc r = ctl("state --json");
-        EXPECT_EQ(r.status, 0) << r.out;
-        return json::parse(r.out, nullptr, false);
-    }
+    json state() { return json::parse(ctl("state --json").out); }
     // Log records reach the log service asynchronously.
     bool logHas(const std::string &line) {
         return waitFor([&] { return readFile(dir_ + "/log.txt").find(line) != std::string::npos; }, 100);
@@ -119,7 +111,8 @@ TEST_F(E2e, IdleConnectionsAndAStalledLogReaderDoNotHoldRequestsUp) {
 
     // Many records per request, so the reader's queue fills; the models keep
     // only their last three lines.
-    restart("--debug", "SWMGR_SIM_HISTORY=3");
+    expectStops(SIGINT, "SIGINT");
+    startDaemon("--debug", "SWMGR_SIM_HISTORY=3");
     const json s = state();
     EXPECT_EQ(s["history"]["engine"], json::array({"awk: system(/sysx2.0/bin/memrw 1879048216 w 0x80080)",
                                                    "pri_ctl_func set 0 0 0 0 1 0", "pri_ctl_func set 1 0 0 1 0 0"}));
@@ -220,9 +213,8 @@ protected:
                               "VALUES (30, 'eth0;touch ran', '0', '0');");
         startReady("-C " + quote(dir_) + " PATH=" + quote(bin) + ":\"$PATH\"", "--db " + quote(db_) +
                    " --sim-devices-only --foreground --bus-dir " + quote(bus_) + " >/dev/null 2>" +
-                   quote(dir_ + "/daemon.err"), "@swmgr-e2e-" + std::to_string(::getpid()));
+                   quote(dir_ + "/daemon.err"));
     }
-    std::string errText() { return readFile(dir_ + "/daemon.err"); }
     static std::string hex(const std::string &bytes) {
         std::string out;
         char b[3];
@@ -262,7 +254,7 @@ TEST_F(E2eUntrusted, NoPayloadRunsAndEachIsRefusedWhileGoodConfigurationIsProgra
     // A good request after all of them is programmed.
     t += ctl("raw 36 " + hex(vlanRequest(60, "eth0"))).out;
     // What the daemon refused, the bad row at start-up first.
-    std::istringstream err(errText());
+    std::istringstream err(readFile(dir_ + "/daemon.err"));
     for (std::string line; std::getline(err, line);)
         if (line.find("refused: character") != std::string::npos || line.find("Refusing") != std::string::npos)
             t += line + "\n";
