@@ -134,23 +134,6 @@ TEST(BusSocket, ModulesServeOtherProcessesUntilTheyUnregister) {
         dirs.push_back(mbusPortBusDirGet());
     }
     EXPECT_EQ(dirs, (std::vector<std::string>{"/tmp/elsewhere", MBUS_PORT_DEFAULT_DIR, MBUS_PORT_DEFAULT_DIR}));
-    // A directory of ours that others may read and enter is narrowed, not
-    // refused; one too long for its sockets' paths (108 bytes) is refused.
-    swtest::TempDir top;
-    ASSERT_LT(top.path().size(), 90u);
-    const std::string fits = top.path() + "/" + std::string(93 - top.path().size(), 'd');  // 94 + "/mod-209.sock"
-    ASSERT_EQ(::mkdir(fits.c_str(), 0755), 0);
-    for (const std::string &dir : {fits, fits + "d"}) {
-        mbusPortBusDirSet(dir.c_str());
-        char path[200];
-        EXPECT_EQ(mbusPortSocketPath(209, path, sizeof path), dir == fits ? 0 : -1);
-        MbusCtx *c = mbusRegister(209, 2, inProcess, nullptr);
-        EXPECT_EQ(c != nullptr, dir == fits) << mbusPortLastError();
-        if (c != nullptr) mbusUnRegister(c);
-        else EXPECT_EQ(mbusPortLastError(), "bus directory path too long for a socket: " + dir);
-    }
-    struct stat st {};
-    EXPECT_EQ(::stat(fits.c_str(), &st) == 0 ? st.st_mode & 07777 : 0, 0750u);
     mbusPortBusDirSet(busDir.c_str());
     {
         Server child(201);
@@ -408,9 +391,14 @@ TEST(BusSocket, AModuleWithAFullBacklogIsReportedWhenTheWaitRunsOut) {
 
 // Where the bus lives is checked before anything is bound there. A refused
 // directory leaves no descriptor behind, and neither does a module that goes.
+// A directory of ours that others may read and enter is narrowed, not
+// refused; one too long for its sockets' paths (108 bytes) is refused.
 TEST(BusSocket, UnsafeBusDirectoriesAreRefused) {
     const std::string busDir = mbusPortBusDirGet();
     swtest::TempDir tmp;
+    ASSERT_LT(tmp.path().size(), 90u);
+    const std::string fits = tmp.path() + "/" + std::string(93 - tmp.path().size(), 'd');  // 94 + "/mod-209.sock"
+    ASSERT_EQ(::mkdir(fits.c_str(), 0755), 0);
     tmp.write("file", "");
     ASSERT_EQ(::mkdir(tmp.file("open").c_str(), 0700), 0);
     ASSERT_EQ(::chmod(tmp.file("open").c_str(), 0757), 0);
@@ -424,11 +412,14 @@ TEST(BusSocket, UnsafeBusDirectoriesAreRefused) {
         {link, "bus directory is not a directory: " + link},
         {file + "/bus", "cannot create bus directory " + file + "/bus: Not a directory"},
         {open, "bus directory is writable by others: " + open},
-        {tmp.file("own"), ""},
+        {tmp.file("own"), ""}, {fits, ""},
+        {fits + "d", "bus directory path too long for a socket: " + fits + "d"},
     };
     const int fd = swtest::lowestFreeFd();
     for (const auto &r : rows) {
         mbusPortBusDirSet(r.dir.c_str());
+        char path[200];
+        EXPECT_EQ(mbusPortSocketPath(209, path, sizeof path), r.dir == fits + "d" ? -1 : 0) << r.dir;
         MbusCtx *c = mbusRegister(209, 2, inProcess, nullptr);
         EXPECT_EQ(c != nullptr ? "" : std::string(mbusPortLastError()), r.error);
         if (c != nullptr) mbusUnRegister(c);
@@ -436,6 +427,7 @@ TEST(BusSocket, UnsafeBusDirectoriesAreRefused) {
     }
     struct stat st {};
     EXPECT_EQ(::stat(tmp.file("own").c_str(), &st) == 0 ? st.st_mode & 07777 : 0, 0700u) << "already private: kept";
+    EXPECT_EQ(::stat(fits.c_str(), &st) == 0 ? st.st_mode & 07777 : 0, 0750u);
     mbusPortBusDirSet(busDir.c_str());
 }
 
