@@ -122,7 +122,8 @@ TEST_P(PseForms, CommandEntryAndForwarding) {
     EXPECT_EQ(1, cap->countLog("Failed to process cmd (47) in lower switch REC\n"));
 }
 
-TEST_P(PseForms, RateLimitsQosAndTrustModes) {
+TEST_P(PseForms, RateLimitsQosTrustModesQueueSchedulingAndPauseFrames) {
+    addPort(pse, 1);
     addPort(pse, 3);
     // Any non-zero status fails: a negative rate is below 64 and reaches
     // the engine, which refuses the negative value.
@@ -146,15 +147,12 @@ TEST_P(PseForms, RateLimitsQosAndTrustModes) {
     SwitchTrustModeArg fine{3, 0};
     engine.failCommand("pri_ctl_func", 3, true);
     EXPECT_EQ(3, pseTrustModeConfigure(pse, &fine));  // the status is passed up
-}
 
-TEST_P(PseForms, QueueSchedulingAndPauseFrames) {
-    addPort(pse, 1);
-    addPort(pse, 3);
+    // Queue scheduling over ports 1 and 3: bad counts and modes are refused unsent.
+    cap->clear();
     for (SwitchQueueSchedArg bad : {SwitchQueueSchedArg{-1, 3, 0, 1, 1, 1, 1}, {-1, 4, 2, 1, 1, 1, 1}})
         EXPECT_EQ(-1, pseQueueSchedConfigure(pse, &bad));
-    EXPECT_TRUE(cap->logsAre({{8, "pseQueueSchedConfigure", "(switch=PSE) Invalid number of queues  (3)\n"},
-                              {8, "pseQueueSchedConfigure", "(switch=PSE) Invalid schedule mode  (2)\n"}}));
+    EXPECT_TRUE(cap->logsAre(swtest::dataLogs(kData, "sched-refused")));
     EXPECT_TRUE(cap->commands.empty());
 
     SwitchQueueSchedArg all{-1, 4, 3, 1, 2, 4, 8}, one{3, 1, 0, 0, 3, 128, -5}, two{3, 2, 1, 1, 1, 1, 1};
@@ -214,7 +212,17 @@ protected:
 };
 using PseVlanForms = swtest::BothForms<PseVlanTest>;
 
-TEST_P(PseVlanForms, MembershipMapsFollowThePsePortNumbers) {
+TEST_P(PseVlanForms, MembershipMapsFollowThePsePortNumbersAndOnlyNegativeStatusesFail) {
+    // Only negative engine statuses fail; a failed table edit sends no ARL
+    // line, so the four requests send seven lines. A line carrying the MAC
+    // text's newline makes no table entry.
+    for (const swtest::Row &r : swtest::dataRows(kData, "engine-statuses")) {
+        engine.failCommand(r.at(0).c_str(), std::stoi(r.at(1)), true, 1);
+        EXPECT_EQ(std::stoi(r.at(3)), apply(std::stoul(r.at(2), nullptr, 16))) << r[0];
+        EXPECT_EQ(r.at(4) == "entry", engine.vlanEntry(3) != nullptr) << r[0];
+    }
+    EXPECT_EQ(7u, cap->commands.size());
+
     // PSE port 5 stands for bit 0 and 2, port 33 for bit 1; the MAC text
     // brings its newline into both lines. No member: zero maps, and the ARL
     // entry deleted with an empty MAC (the last row).
@@ -235,20 +243,7 @@ TEST_P(PseVlanForms, MembershipMapsFollowThePsePortNumbers) {
         EXPECT_STREQ(mac, out);
     }
     EXPECT_EQ(SW_EINVAL, switchMacAddressByIfNameGet("eth1", nullptr));
-}
 
-TEST_P(PseVlanForms, OnlyNegativeEngineStatusesFail) {
-    engine.failCommand("vlan_table_func", -1, true, 1);
-    EXPECT_EQ(-1, apply(0x4));
-    EXPECT_EQ(1u, cap->commands.size());
-    engine.failCommand("arl_table_func add", -7, true, 1);
-    EXPECT_EQ(-7, apply(0x4));
-    EXPECT_EQ(nullptr, engine.vlanEntry(3));  // its line carried the MAC text's newline
-    engine.failCommand("arl_table_func del", -2, true, 1);
-    EXPECT_EQ(-2, apply(0));
-    engine.failCommand("vlan_table_func", 9, true, 1);
-    EXPECT_EQ(0, apply(0x4));
-    EXPECT_EQ(7u, cap->commands.size());
 }
 
 SWTEST_BOTH_FORMS(PseVlanForms);
