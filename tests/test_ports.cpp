@@ -10,7 +10,6 @@
 namespace {
 
 using Lines = std::vector<std::string>;
-using swtest::bytesOf;
 const char *const kData = "ports/expected.txt";
 
 SwitchPortConf portConf(const char *sw, int number, const char *phy = "", int trustMode = 0) {
@@ -68,7 +67,7 @@ TEST_P(PortForms, AddCopiesTheRowSendsTrustModeOnAddAndApplyRefusesDuplicates) {
     SwitchPort *p = switchPortByNumberGet(sw, 3);
     EXPECT_EQ(std::tie(p->sw, p->PVID, p->portType, p->mirroring), std::make_tuple(sw, 10, 2, 1));
     EXPECT_EQ(std::string(p->interfaceName), std::string(63, 'i'));
-    EXPECT_EQ(bytesOf(p->qos), bytesOf(c.qos));
+    EXPECT_EQ(swtest::bytesOf(p->qos), swtest::bytesOf(c.qos));
     EXPECT_TRUE(cap->logsAre(swtest::dataLogs(kData, "added-3")));
 
     ASSERT_EQ(addPort("REC", 4, "", 40), 0);
