@@ -197,7 +197,13 @@ TEST_P(BcmForms, QosRecordsAndTheirResults) {
     EXPECT_TRUE(cap->logsAre(swtest::dataLogs(kData, "sched-failures")));
 }
 
-TEST_P(BcmForms, EntryGetsCpuPortOnlyWhenItHasMembers) {
+TEST_P(BcmForms, PortConfigWidensOnceVlansExistEntriesGetTheCpuPortOnlyWithMembersAndPortBasedVlansAddIt) {
+    for (int n = 0; n < 5; ++n) addPort(n, n == 2 ? 7 : 1);
+    SwitchPort *p2 = switchPortByNumberGet(sw, 2);
+    // Without VLANs only the given port is written.
+    EXPECT_EQ(0, config(41, p2, SW_PORT_REC_LEN));
+    EXPECT_EQ(requests(), (Lines{"80065307 02 00 07 00 00 00", "80065311 02 00 01 00 00 00"}));
+
     addVlan(10, 0x03, 0x01, "eth0");
     addVlan(11, 0x00, 0x00, "eth0");
     addVlan(12, 0x02, 0x00, "eth0")->inSwitchOnly = 1;  // port 0 in place of the CPU port
@@ -216,13 +222,7 @@ TEST_P(BcmForms, EntryGetsCpuPortOnlyWhenItHasMembers) {
     EXPECT_EQ(-5, config(35, nullptr, SW_VLAN_REC_LEN));
     EXPECT_TRUE(chip.state().vlans.empty());
     EXPECT_EQ(1, cap->countLog("(switch=BCM) (vlan:10) Failed to configure membership for vlan10\n"));
-}
 
-TEST_P(BcmForms, PortConfigWidensOnceVlansExistAndPortBasedVlansAddTheCpuPort) {
-    for (int n = 0; n < 5; ++n) addPort(n);
-    SwitchPort *p2 = switchPortByNumberGet(sw, 2);
-    addVlan(10, 0x03, 0x01);
-    addVlan(20, 0x01, 0x01);
     // Once a VLAN exists, one port's record writes every port from the first:
     // a refused write ends the walk on that port, with its line.
     chip.failRequest(kTagSet, -5, 1);

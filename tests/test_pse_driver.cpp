@@ -59,8 +59,7 @@ TEST_P(PseForms, CommandEntryForwardingAndAttachingOnlyToAnExactPseName) {
     char arg[4] = {1, 2, 3, 4};
     EXPECT_EQ(0, config(40, arg, 4));  // no handler: passed on as it is
     ASSERT_EQ(1u, rec.calls.size());
-    EXPECT_EQ(arg, rec.calls[0].argPtr);
-    EXPECT_EQ(4, rec.calls[0].argLen);
+    EXPECT_EQ(std::make_pair<const void *>(arg, 4), std::make_pair(rec.calls[0].argPtr, rec.calls[0].argLen));
     pse->lowerLvlForward = 0;
     EXPECT_EQ(0, config(40, arg, 4));
     uint32_t on = 1;

@@ -96,21 +96,6 @@ TEST_P(VlanForms, FailedAddsTakeNoIndexAndOnlyAddAndDeleteAreBusCodes) {
     EXPECT_EQ(switchVlanByIdGet(low, 400)->vlanIndex, first + 1);
 }
 
-TEST_P(VlanForms, PortBasedVlanOnlyWithInSwitchOnly) {
-    for (int only : {0, 1}) {
-        // The add's commands are checked in the start-up transcript.
-        SwitchVlanConf c = vlanConf(10 + only, 0x3, 0x1, only);
-        ASSERT_EQ(switchVlanConfAdd(&c), 0);
-        reset();
-        SwitchVlanConf next = vlanConf(10 + only, 0x7, 0x1, only);
-        ASSERT_EQ(switchVlanConfUpdate(&next, &c), 0);
-        EXPECT_EQ(cmdsTo(top), (only ? Ints{59, 34, 58, 41, 35} : Ints{34, 41, 35})) << only;
-        reset();
-        ASSERT_EQ(switchVlanConfDelete(&next), 0);
-        EXPECT_EQ(cmdsTo(low), (only ? Ints{59, 34, 35, 41, 35} : Ints{34, 35, 41, 35})) << only;
-    }
-}
-
 TEST_P(VlanForms, UpdateFindsTheOldIdStoresTheNewOneAndMovesItLast) {
     SwitchVlanConf a = vlanConf(100), b = vlanConf(200);
     ASSERT_EQ(switchVlanConfAdd(&a), 0);
@@ -145,7 +130,20 @@ TEST_P(VlanForms, UpdateFindsTheOldIdStoresTheNewOneAndMovesItLast) {
     EXPECT_EQ(switchVlanUpdate(switchVlanByIdGet(top, 301), switchVlanByIdGet(top, 301)), 0);
 }
 
-TEST_P(VlanForms, DisableClearsMapsAndSendsMembershipThenApplyDeleteRemovesEverywhere) {
+TEST_P(VlanForms, PortBasedVlanOnlyWithInSwitchOnlyAndDisableThenDeleteRemovesEverywhere) {
+    for (int only : {0, 1}) {
+        // The add's commands are checked in the start-up transcript.
+        SwitchVlanConf c = vlanConf(10 + only, 0x3, 0x1, only);
+        ASSERT_EQ(switchVlanConfAdd(&c), 0);
+        reset();
+        SwitchVlanConf next = vlanConf(10 + only, 0x7, 0x1, only);
+        ASSERT_EQ(switchVlanConfUpdate(&next, &c), 0);
+        EXPECT_EQ(cmdsTo(top), (only ? Ints{59, 34, 58, 41, 35} : Ints{34, 41, 35})) << only;
+        reset();
+        ASSERT_EQ(switchVlanConfDelete(&next), 0);
+        EXPECT_EQ(cmdsTo(low), (only ? Ints{59, 34, 35, 41, 35} : Ints{34, 35, 41, 35})) << only;
+    }
+
     SwitchVlanConf c = vlanConf(100);
     ASSERT_EQ(switchVlanConfAdd(&c), 0);
     reset();
