@@ -10,7 +10,6 @@
 namespace {
 
 using Lines = std::vector<std::string>;
-using swtest::bytesOf;
 const char *const kData = "ports/expected.txt";
 
 SwitchPortConf portConf(const char *sw, int number, const char *phy = "", int trustMode = 0) {
@@ -68,7 +67,7 @@ TEST_P(PortForms, AddCopiesTheRowSendsTrustModeOnAddAndApplyRefusesDuplicates) {
     SwitchPort *p = switchPortByNumberGet(sw, 3);
     EXPECT_EQ(std::tie(p->sw, p->PVID, p->portType, p->mirroring), std::make_tuple(sw, 10, 2, 1));
     EXPECT_EQ(std::string(p->interfaceName), std::string(63, 'i'));
-    EXPECT_EQ(bytesOf(p->qos), bytesOf(c.qos));
+    EXPECT_EQ(swtest::bytesOf(p->qos), swtest::bytesOf(c.qos));
     EXPECT_TRUE(cap->logsAre(swtest::dataLogs(kData, "added-3")));
 
     ASSERT_EQ(addPort("REC", 4, "", 40), 0);
@@ -108,32 +107,29 @@ TEST_P(PortForms, AddCopiesTheRowSendsTrustModeOnAddAndApplyRefusesDuplicates) {
 }
 
 // Each phyDevice text of a new TOP port 1, in turn: the result, the lower
-// ports it then stands for, TOP's lower-level switches and the whole log.
+// ports it then stands for and TOP's lower-level switches (as "SW:n ... / SW
+// ..."), and the whole log.
 TEST_P(PortForms, MappingsListLowerPortsAndRegisterEachLowerSwitchOnceInOrder) {
-    Switch *top = add("TOP", 2), *low1 = add("LOW1", 1), *low2 = add("LOW2", 1);
+    Switch *top = add("TOP", 2);
+    for (const char *name : {"LOW1", "LOW2"}) add(name, 1);
     for (auto [sw, n] : {std::pair{"LOW1", 3}, {"LOW1", 5}, {"LOW2", 4}}) ASSERT_EQ(addPort(sw, n), 0);
-    SwitchPort *l13 = switchPortByNumberGet(low1, 3), *l15 = switchPortByNumberGet(low1, 5),
-               *l24 = switchPortByNumberGet(low2, 4);
-    struct Case {
-        const char *phy;
-        int result;
-        std::vector<SwitchPort *> mapped;
-        std::vector<Switch *> children;
-    } cases[] = {{"GONE:1", -1, {}, {}}, {"LOW1:9", -1, {}, {}},
-                 {"LOW1:3,GONE:1", -1, {}, {low1}},  // the mapping made before the failure stays
-                 {"", 0, {}, {}}, {"LOW1:3", 0, {l13}, {low1}}, {",LOW2:4,,LOW1:5,LOW1:3", 0, {l24, l15, l13}, {low2, low1}}};
-    for (const auto &c : cases) {
+    for (const swtest::Row &c : swtest::dataRows(kData, "mappings")) {
         // Each case has a TOP of its own, without ports and lower-level
         // switches: the last one is renamed out of the lookup's way.
         std::snprintf(top->switchName, sizeof top->switchName, "OLD");
         top = add("TOP", 2);
-        EXPECT_EQ(addPort("TOP", 1, c.phy), c.result) << c.phy;
+        const int result = std::stoi(c.at(1));
+        EXPECT_EQ(addPort("TOP", 1, c[0].c_str()), result) << c[0];
         SwitchPort *port = switchPortByNumberGet(top, 1);
-        EXPECT_EQ(port != nullptr, c.result == 0);
-        EXPECT_EQ(port ? mapped(port) : std::vector<SwitchPort *>{}, c.mapped);
-        EXPECT_EQ(children(top), c.children);
-        EXPECT_TRUE(cap->logsAre(swtest::dataLogs(kData, std::string("map:") + c.phy)));
-        EXPECT_EQ(drv.cmds(), c.result == 0 ? std::vector<int>{SW_CMD_PORT_TRUST_MODE} : std::vector<int>{});
+        EXPECT_EQ(port != nullptr, result == 0);
+        std::string tree;
+        for (SwitchPort *m : port ? mapped(port) : std::vector<SwitchPort *>{})
+            tree += std::string(m->sw->switchName) + ":" + std::to_string(m->portNumber) + " ";
+        tree += "/";
+        for (Switch *low : children(top)) tree += std::string(" ") + low->switchName;
+        EXPECT_EQ(tree, c.at(2)) << c[0];
+        EXPECT_TRUE(cap->logsAre(swtest::dataLogs(kData, "map:" + c[0])));
+        EXPECT_EQ(drv.cmds(), result == 0 ? std::vector<int>{SW_CMD_PORT_TRUST_MODE} : std::vector<int>{});
     }
 }
 

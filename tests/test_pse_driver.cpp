@@ -45,21 +45,7 @@ protected:
 using PseForms = swtest::BothForms<PseTest>;
 SWTEST_BOTH_FORMS(PseForms);
 
-TEST_P(PseForms, AttachesOnlyToAnExactPseName) {
-    for (const char *name : {"PSE ", "pse"}) {
-        Switch *sw = swtest::addSwitch(name, 1);
-        EXPECT_EQ(SW_EINVAL, pseSwitchRegister(sw)) << name;
-        EXPECT_EQ(nullptr, sw->switchConfigFunc);
-        sw->driverPriv = pseConfTransfer;
-        EXPECT_EQ(SW_EINVAL, pseSwitchUnRegister(sw)) << name;
-        EXPECT_NE(nullptr, sw->driverPriv);
-    }
-    EXPECT_EQ(0, pseSwitchUnRegister(pse));
-    EXPECT_EQ(nullptr, pse->switchConfigFunc);
-    EXPECT_EQ(nullptr, pse->driverPriv);
-}
-
-TEST_P(PseForms, CommandEntryAndForwarding) {
+TEST_P(PseForms, CommandEntryForwardingAndAttachingOnlyToAnExactPseName) {
     // A REC switch below the PSE, with PSE port 7 standing for its ports 3 and 5.
     swtest::RecordingDriver rec;
     Switch *lower = swtest::addSwitch("REC", 1);
@@ -73,13 +59,11 @@ TEST_P(PseForms, CommandEntryAndForwarding) {
     char arg[4] = {1, 2, 3, 4};
     EXPECT_EQ(0, config(40, arg, 4));  // no handler: passed on as it is
     ASSERT_EQ(1u, rec.calls.size());
-    EXPECT_EQ(arg, rec.calls[0].argPtr);
-    EXPECT_EQ(4, rec.calls[0].argLen);
+    EXPECT_EQ(std::make_pair<const void *>(arg, 4), std::make_pair(rec.calls[0].argPtr, rec.calls[0].argLen));
     pse->lowerLvlForward = 0;
     EXPECT_EQ(0, config(40, arg, 4));
     uint32_t on = 1;
     EXPECT_EQ(0, config(47, &on, SW_U32_ARG_LEN));
-    EXPECT_EQ(Lines{"sppe_ioctl rl enable"}, cap->commands);
     EXPECT_TRUE(cap->logsAre(swtest::dataLogs(kData, "forwarding")));
     cap->clear();
     EXPECT_EQ(-22, config(47, &on, SW_U32_ARG_LEN - 1)) << "shorter than what is read";
@@ -120,9 +104,23 @@ TEST_P(PseForms, CommandEntryAndForwarding) {
     EXPECT_EQ(-5, config(47, &on, SW_U32_ARG_LEN));
     EXPECT_EQ((std::vector<int>{47, 47}), rec.cmds());  // REC2 never reached
     EXPECT_EQ(1, cap->countLog("Failed to process cmd (47) in lower switch REC\n"));
+
+    // The driver attaches only to an exact "PSE" name.
+    for (const char *name : {"PSE ", "pse"}) {
+        Switch *sw = swtest::addSwitch(name, 1);
+        EXPECT_EQ(SW_EINVAL, pseSwitchRegister(sw)) << name;
+        EXPECT_EQ(nullptr, sw->switchConfigFunc);
+        sw->driverPriv = pseConfTransfer;
+        EXPECT_EQ(SW_EINVAL, pseSwitchUnRegister(sw)) << name;
+        EXPECT_NE(nullptr, sw->driverPriv);
+    }
+    EXPECT_EQ(0, pseSwitchUnRegister(pse));
+    EXPECT_EQ(nullptr, pse->switchConfigFunc);
+    EXPECT_EQ(nullptr, pse->driverPriv);
 }
 
-TEST_P(PseForms, RateLimitsQosAndTrustModes) {
+TEST_P(PseForms, RateLimitsQosTrustModesQueueSchedulingAndPauseFrames) {
+    addPort(pse, 1);
     addPort(pse, 3);
     // Any non-zero status fails: a negative rate is below 64 and reaches
     // the engine, which refuses the negative value.
@@ -146,15 +144,12 @@ TEST_P(PseForms, RateLimitsQosAndTrustModes) {
     SwitchTrustModeArg fine{3, 0};
     engine.failCommand("pri_ctl_func", 3, true);
     EXPECT_EQ(3, pseTrustModeConfigure(pse, &fine));  // the status is passed up
-}
 
-TEST_P(PseForms, QueueSchedulingAndPauseFrames) {
-    addPort(pse, 1);
-    addPort(pse, 3);
+    // Queue scheduling over ports 1 and 3: bad counts and modes are refused unsent.
+    cap->clear();
     for (SwitchQueueSchedArg bad : {SwitchQueueSchedArg{-1, 3, 0, 1, 1, 1, 1}, {-1, 4, 2, 1, 1, 1, 1}})
         EXPECT_EQ(-1, pseQueueSchedConfigure(pse, &bad));
-    EXPECT_TRUE(cap->logsAre({{8, "pseQueueSchedConfigure", "(switch=PSE) Invalid number of queues  (3)\n"},
-                              {8, "pseQueueSchedConfigure", "(switch=PSE) Invalid schedule mode  (2)\n"}}));
+    EXPECT_TRUE(cap->logsAre(swtest::dataLogs(kData, "sched-refused")));
     EXPECT_TRUE(cap->commands.empty());
 
     SwitchQueueSchedArg all{-1, 4, 3, 1, 2, 4, 8}, one{3, 1, 0, 0, 3, 128, -5}, two{3, 2, 1, 1, 1, 1, 1};
@@ -214,7 +209,17 @@ protected:
 };
 using PseVlanForms = swtest::BothForms<PseVlanTest>;
 
-TEST_P(PseVlanForms, MembershipMapsFollowThePsePortNumbers) {
+TEST_P(PseVlanForms, MembershipMapsFollowThePsePortNumbersAndOnlyNegativeStatusesFail) {
+    // Only negative engine statuses fail; a failed table edit sends no ARL
+    // line, so the four requests send seven lines. A line carrying the MAC
+    // text's newline makes no table entry.
+    for (const swtest::Row &r : swtest::dataRows(kData, "engine-statuses")) {
+        engine.failCommand(r.at(0).c_str(), std::stoi(r.at(1)), true, 1);
+        EXPECT_EQ(std::stoi(r.at(3)), apply(std::stoul(r.at(2), nullptr, 16))) << r[0];
+        EXPECT_EQ(r.at(4) == "entry", engine.vlanEntry(3) != nullptr) << r[0];
+    }
+    EXPECT_EQ(7u, cap->commands.size());
+
     // PSE port 5 stands for bit 0 and 2, port 33 for bit 1; the MAC text
     // brings its newline into both lines. No member: zero maps, and the ARL
     // entry deleted with an empty MAC (the last row).
@@ -235,20 +240,7 @@ TEST_P(PseVlanForms, MembershipMapsFollowThePsePortNumbers) {
         EXPECT_STREQ(mac, out);
     }
     EXPECT_EQ(SW_EINVAL, switchMacAddressByIfNameGet("eth1", nullptr));
-}
 
-TEST_P(PseVlanForms, OnlyNegativeEngineStatusesFail) {
-    engine.failCommand("vlan_table_func", -1, true, 1);
-    EXPECT_EQ(-1, apply(0x4));
-    EXPECT_EQ(1u, cap->commands.size());
-    engine.failCommand("arl_table_func add", -7, true, 1);
-    EXPECT_EQ(-7, apply(0x4));
-    EXPECT_EQ(nullptr, engine.vlanEntry(3));  // its line carried the MAC text's newline
-    engine.failCommand("arl_table_func del", -2, true, 1);
-    EXPECT_EQ(-2, apply(0));
-    engine.failCommand("vlan_table_func", 9, true, 1);
-    EXPECT_EQ(0, apply(0x4));
-    EXPECT_EQ(7u, cap->commands.size());
 }
 
 SWTEST_BOTH_FORMS(PseVlanForms);
