@@ -365,12 +365,18 @@ TEST(BusSocket, LogRecordsToTheBusStandardErrorOrTheSystemLog) {
     ASSERT_EQ(mbusPortLogTargetSet(MBUS_PORT_LOG_SYSLOG, dev.c_str()), 0);
     // "<daemon.severity>Mmm dd hh:mm:ss program[pid]: text" without its newline
     const std::string tail = std::string(" ") + program_invocation_short_name + "[" + std::to_string(::getpid()) + "]: ";
-    for (auto [level, severity] : {std::pair{8u, "<27>"}, {64u, "<30>"}, {256u, "<31>"}}) {
-        EXPECT_EQ(logRecord(level, text, sizeof text), 0);
+    for (auto [level, said, want] : {std::tuple{8u, text, "<27>%Invalid database event"}, {64u, "\n", "<30>%"},
+                                     {256u, "", "<31>%"}}) {
+        EXPECT_EQ(logRecord(level, said, static_cast<int>(std::strlen(said)) + 1), 0);
         char line[512] = {};
         ASSERT_GT(::recv(sys, line, sizeof line - 1, MSG_DONTWAIT), 0);
-        EXPECT_EQ(std::string(line).erase(4, 15), severity + tail + "Invalid database event");
+        EXPECT_EQ(std::string(line).erase(4, 15), std::string(want).replace(4, 1, tail));
     }
+    // A system log whose name no socket address can hold is not to be had.
+    ASSERT_EQ(mbusPortLogTargetSet(MBUS_PORT_LOG_SYSLOG, std::string(108, 'l').c_str()), 0);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(logRecord(8, text, sizeof text), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "[log 8] Invalid database event\n");
     mbusPortLogTargetSet(MBUS_PORT_LOG_BUS, nullptr);
     ::close(sys);
     EXPECT_EQ(mbusDeInit(), 0);

@@ -127,7 +127,7 @@ TEST(OsaCmd, PlainLinesSpawnDirectlyOthersThroughTheShellWithTheShellsStatuses) 
     } cases[] = {
         // Split on blanks, runs of them included, with no shell between.
         {"printf [%s] a  b   c ", 0, "[a][b][c]", false}, {"printenv PWD", 1, "", false},
-        {"printenv PWD;", 0, "*", false},
+        {"printenv PWD;", 0, "*", false}, {"printenv PWD \x7f", 1, "*", false},
         // The same words quoted for the shell; a tab is for the shell to split.
         {"printf '[%s]' a  b", 0, "[a][b]", false}, {"printf [%s] a\tb", 0, "[a][b]", false},
         // Assignments and the shell's own words never reach a program.

@@ -78,10 +78,8 @@ std::string_view textOf(const void *aux, int auxLen) {
 void toStderr(std::string_view text) { std::fprintf(stderr, "%.*s", static_cast<int>(text.size()), text.data()); }
 
 int connectSyslog() {
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    if (path().syslogPath.size() >= sizeof addr.sun_path) return -1;
-    std::memcpy(addr.sun_path, path().syslogPath.data(), path().syslogPath.size());
+    sockaddr_un addr;
+    if (!mbuswire::fillAddress(path().syslogPath, addr)) return -1;
     int fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (fd >= 0 && ::connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0) {
         ::close(fd);

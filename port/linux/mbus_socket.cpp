@@ -29,14 +29,6 @@ bool dirOverridden = false;
 constexpr mode_t kDirMode = 0750;
 constexpr mode_t kSocketMode = 0660;
 
-bool fillAddress(const std::string &path, sockaddr_un &addr) {
-    std::memset(&addr, 0, sizeof addr);
-    addr.sun_family = AF_UNIX;
-    if (path.empty() || path.size() >= sizeof addr.sun_path) return false;
-    std::memcpy(addr.sun_path, path.data(), path.size());
-    return true;
-}
-
 std::string errnoText(const char *what, const std::string &path) {
     return std::string(what) + " " + path + ": " + std::strerror(errno);
 }
@@ -89,6 +81,14 @@ int deadlineLeftMs(std::chrono::steady_clock::time_point deadline) {
 }
 
 }  // namespace
+
+bool fillAddress(const std::string &path, sockaddr_un &addr) {
+    std::memset(&addr, 0, sizeof addr);
+    addr.sun_family = AF_UNIX;
+    if (path.empty() || path.size() >= sizeof addr.sun_path) return false;
+    std::memcpy(addr.sun_path, path.data(), path.size());
+    return true;
+}
 
 std::string busDir() {
     {

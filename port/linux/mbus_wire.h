@@ -6,6 +6,7 @@
 #define SWMGR_PORT_LINUX_MBUS_WIRE_H
 
 #include <sys/types.h>
+#include <sys/un.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -24,6 +25,8 @@ std::string busDir();
 void busDirSet(const char *dir);
 // "<dir>/mod-<module>.sock"; empty when it does not fit a socket address.
 std::string socketPath(int module);
+// The address of a socket at `path`; false when the path is empty or does not fit.
+bool fillAddress(const std::string &path, sockaddr_un &addr);
 
 // Creates (or checks) the directory and binds a listening socket for the
 // module; a stale socket left by a dead process is replaced, a live one is
