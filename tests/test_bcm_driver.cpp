@@ -119,7 +119,7 @@ TEST_P(BcmForms, CommandEntryChecksExactSizesReadOnlyQueriesAndBindingKeepsDescr
     // The dumps print question marks for failed queries; the VLAN dump fails
     // whatever the chip answers.
     const Lines dumps = swtest::dataLines(kData, "dumps");
-    chip.port(2).tag = {100, 3, 1};
+    chip.port(2).tag = {4000, 3, 1};
     EXPECT_EQ(printed([] { EXPECT_EQ(0, bcmTagsShow()); }), dumps.at(0));
     chip.failRequest(0xc0065306u, -5, 4);  // ports 0 to 3
     EXPECT_EQ(printed([] { EXPECT_EQ(0, bcmTagsShow()); }), dumps.at(1));

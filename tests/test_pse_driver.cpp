@@ -149,6 +149,7 @@ TEST_P(PseForms, RateLimitsQosTrustModesQueueSchedulingAndPauseFrames) {
     cap->clear();
     for (SwitchQueueSchedArg bad : {SwitchQueueSchedArg{-1, 3, 0, 1, 1, 1, 1}, {-1, 4, 2, 1, 1, 1, 1}})
         EXPECT_EQ(-1, pseQueueSchedConfigure(pse, &bad));
+    EXPECT_EQ(-1, pseQueueSchedConfigure(pse, nullptr));
     EXPECT_TRUE(cap->logsAre(swtest::dataLogs(kData, "sched-refused")));
     EXPECT_TRUE(cap->commands.empty());
 
