@@ -130,22 +130,6 @@ std::string Capture::dump() const {
     return ::testing::AssertionSuccess();
 }
 
-Logs encapCreateLogs(const std::string &ifName, int vlanId, int remStatus) {
-    const std::string sub = ifName + "." + std::to_string(vlanId);
-    auto ran = [](const char *func, const std::string &cmd, int status = 0) {
-        return Log{SW_LOG_ERR, func, "cmd (" + cmd + ") returned (" + std::to_string(status) + ").\n"};
-    };
-    Logs out{ran("switchVlanEncapDestroy", "vconfig rem " + sub, remStatus),
-             ran("switchVlanEncapCreate", "vconfig add " + ifName + " " + std::to_string(vlanId)),
-             ran("switchVlanEncapCreate", "ifconfig " + sub + " up")};
-    for (int p = 0; p < 8; ++p) {
-        const std::string pp = " " + std::to_string(p) + " " + std::to_string(p);
-        out.push_back(ran("switchVlanEncapIngressCoSMapConfig", "/sbin/vconfig set_ingress_map " + sub + pp));
-        out.push_back(ran("switchVlanEncapEgressCoSMapConfig", "/sbin/vconfig set_egress_map " + sub + pp));
-    }
-    return out;
-}
-
 void Capture::clear() { logs.clear(), commands.clear(), systemCommands.clear(), ioctls.clear(); }
 
 // -------------------------------------------------------- RecordingDriver

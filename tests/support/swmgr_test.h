@@ -50,10 +50,6 @@ struct Log {
 };
 using Logs = std::vector<Log>;
 
-// What creating a host sub-interface logs when every tool answers 0 but
-// the removal of a stale one, which answers `remStatus`.
-Logs encapCreateLogs(const std::string &ifName, int vlanId, int remStatus = 0);
-
 // Installs the capture hooks for its lifetime.
 class Capture {
 public:
