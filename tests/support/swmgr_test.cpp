@@ -35,7 +35,6 @@ Capture::~Capture() {
 void Capture::scriptCommand(const std::string &command, int status, int times, bool prefix) {
     cmdScripts_.push_back({command, prefix, status, times});
 }
-void Capture::scriptIoctl(unsigned code, int result, int times) { ioctlScripts_[code] = {result, times}; }
 
 int Capture::onCommand(void *ctx, const char *command, int *status) {
     auto *self = static_cast<Capture *>(ctx);
@@ -63,16 +62,12 @@ int Capture::onSystem(void *ctx, const char *command, int *status) {
     return 1;
 }
 
-int Capture::onIoctl(void *ctx, int, unsigned request, void *arg, int *result) {
+int Capture::onIoctl(void *ctx, int, unsigned request, void *arg, int *) {
     auto *self = static_cast<Capture *>(ctx);
     const unsigned size = arg != nullptr ? osaPortIoctlArgSize(request) : 0;
     const auto *p = static_cast<const uint8_t *>(arg);
     self->ioctls.push_back({request, Bytes(p, p + size), size == 0 ? reinterpret_cast<uintptr_t>(arg) : 0});
-    auto it = self->ioctlScripts_.find(request);
-    if (it == self->ioctlScripts_.end() || it->second.second == 0) return 0;
-    if (it->second.second > 0) --it->second.second;
-    *result = it->second.first;
-    return 1;
+    return 0;
 }
 
 int Capture::onSend(void *ctx, int module, int cmd, const void *data, int dataLen, void *aux,

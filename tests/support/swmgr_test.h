@@ -70,8 +70,6 @@ public:
     void scriptCommand(const std::string &command, int status, int times = -1, bool prefix = false);
     // Status of commands that nothing took (default 0); they never run.
     int unhandledCommandStatus = 0;
-    // Requests with this code return `result` without reaching the device.
-    void scriptIoctl(unsigned code, int result, int times = -1);
 
     std::vector<std::string> rawLogs() const;  // texts as sent, in the form they were sent
     // Lines whose text, object prefix included, equals `raw` (any level, either form).
@@ -90,7 +88,6 @@ private:
         int result, times;
     };
     std::vector<Script> cmdScripts_;
-    std::map<unsigned, std::pair<int, int>> ioctlScripts_;  // code -> (result, times)
 
     static int onCommand(void *ctx, const char *command, int *status);
     static int onFallback(void *ctx, const char *command, int *status);
