@@ -29,6 +29,7 @@ TEST(Port, EntryPointsRefuseMissingOrUnusableArguments) {
     OsaListNode a{};
     const OsaDeviceModel model{nullptr, [](void *, unsigned int, void *) { return 0; }, nullptr, nullptr};
     char out[8] = "", junk[512] = {};
+    FILE *sink = osaFileOpen("/dev/null", "w");
     auto *foreign = reinterpret_cast<MbusCtx *>(junk);  // never handed out by the bus
     const MbusRequestCb none = [](MbusCtx *, const MbusMsgHeader *, int, void *, int, void *, int *) { return 0; };
     MbusCtx *posts = mbusRegister(231, 2, none, nullptr), *along = mbusRegister(232, 2, none, nullptr),
@@ -43,6 +44,7 @@ TEST(Port, EntryPointsRefuseMissingOrUnusableArguments) {
         ROW(osaPortDeviceDetach("/dev/swmgr-none"), -1), ROW(osaFileOpen(nullptr, "r") != nullptr, 0),
         ROW(osaFilePrintf(nullptr, "x"), -1), ROW(osaFileClose(nullptr), -1), ROW(osaUnlink(nullptr), -1),
         ROW(osaPortFilePathMap("/etc/hosts", "r", out, sizeof out), -1), ROW(osaCmdExec(nullptr, nullptr, 0), -1),
+        ROW(osaPortFilePathMap(nullptr, "r", junk, 8), -1), ROW(osaFilePrintf(sink, "%d", 12345), 5),
         ROW(osaPortCmdHookAdd(nullptr, nullptr), -1), ROW(mbusPortSocketPath(1, out, sizeof out), -1),
         ROW(mbusPortLogTargetSet(7, nullptr), -1), ROW(osaIoctl(-1, 0, nullptr), -1),
         ROW(mbusIoctl(foreign, 230, 1, nullptr, 0, nullptr, nullptr, 0, 0, 0), MBUS_PORT_ERR_BADCTX),
@@ -62,6 +64,7 @@ TEST(Port, EntryPointsRefuseMissingOrUnusableArguments) {
     EXPECT_EQ(osaListFirst(&list), nullptr);
     EXPECT_EQ(mbusListen(posts, 0), 0) << "nothing was posted";
     for (MbusCtx *c : {along, third, posts}) mbusUnRegister(c);
+    osaFileClose(sink);
     EXPECT_STREQ(out, "/etc/ho") << "the mapped path cut to the buffer, the socket path not written";
 }
 
