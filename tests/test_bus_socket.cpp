@@ -413,7 +413,6 @@ TEST(BusSocket, UnsafeBusDirectoriesAreRefused) {
     const std::string file = tmp.file("file"), open = tmp.file("open"), link = tmp.file("link");
     const struct { std::string dir, error; } rows[] = {
         {"bus", "bus directory must be an absolute path: bus"},
-        {"", "bus directory must be an absolute path: "},
         {file, "bus directory is not a directory: " + file},
         {link, "bus directory is not a directory: " + link},
         {file + "/bus", "cannot create bus directory " + file + "/bus: Not a directory"},
