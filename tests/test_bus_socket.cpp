@@ -117,7 +117,7 @@ std::vector<Bytes> received(int conn) {
     return out;
 }
 
-// Its answer names the caller, the command and the reply room it was offered.
+// Its answer names the caller, the command and the lengths its header states.
 int inProcess(MbusCtx *, const MbusMsgHeader *h, int cmd, void *, int, void *, int *) {
     return static_cast<int>(h->srcModule * 100 + (h->dataLen + h->auxLen) * 10) + cmd;
 }
@@ -359,8 +359,8 @@ TEST(BusSocket, LogRecordsToTheBusStandardErrorOrTheSystemLog) {
     swtest::TempDir tmp;
     const std::string dev = tmp.file("syslog");
     int sys = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    sockaddr_un addr{AF_UNIX, {}};
-    std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", dev.c_str());
+    sockaddr_un addr;
+    ASSERT_TRUE(mbuswire::fillAddress(dev, addr));
     ASSERT_EQ(::bind(sys, reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
     ASSERT_EQ(mbusPortLogTargetSet(MBUS_PORT_LOG_SYSLOG, dev.c_str()), 0);
     // "<daemon.severity>Mmm dd hh:mm:ss program[pid]: text" without its newline
