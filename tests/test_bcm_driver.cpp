@@ -161,6 +161,7 @@ TEST_P(BcmForms, QosRecordsAndTheirResults) {
 
     cap->clear();
     trust.trustMode = 4;
+    EXPECT_EQ(0, bcmTrustModeConfigure(sw, &trust));
     rate.portNumber = trust.portNumber = 9;  // the chip refuses
     EXPECT_EQ(-22, bcmRateLimitConfigure(sw, &rate));
     EXPECT_EQ(-22, bcmTrustModeConfigure(sw, &trust));
@@ -234,12 +235,16 @@ TEST_P(BcmForms, PortConfigWidensOnceVlansExistEntriesGetTheCpuPortOnlyWithMembe
 
     // Port-based VLANs: each member's forward map gets the other members and the CPU port.
     cap->clear();
-    SwitchVlan *v = addVlan(30, 0x05, 0x00);
+    SwitchVlan *v = addVlan(30, 0x09, 0x00);
     EXPECT_EQ(0, bcmPortVlanConfig(nullptr, v));
-    for (int n = 0; n < 5; ++n) EXPECT_EQ(n == 0 || n == 2 ? 0x15 : 0x1f, chip.port(n).fwdMap) << n;
+    for (int n = 0; n < 5; ++n) EXPECT_EQ(n == 0 || n == 3 ? 0x19 : 0x1f, chip.port(n).fwdMap) << n;
     EXPECT_EQ(requests(kPairAdd), swtest::dataLines(kData, "pair-adds"));
+    cap->clear();
+    chip.port(0).fwdMap = 0x1b;  // a member from outside the VLAN is kept, not added again
     EXPECT_EQ(0, bcmPortVlanDeConfig(nullptr, v));
-    EXPECT_EQ(0x1f, chip.port(0).fwdMap);  // default map restored
+    EXPECT_EQ(requests(), swtest::dataLines(kData, "deconfig"));
+    EXPECT_EQ(0, bcmIGMPSnoopSet(sw) + bcmMLDSnoopSet(sw));  // no request, only their lines
+    EXPECT_TRUE(cap->logsAre(swtest::dataLogs(kData, "deconfig-logs")));
 
     // The CPU port's default port-based VLAN touches member 0 only.
     cap->clear();

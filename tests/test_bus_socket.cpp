@@ -118,8 +118,9 @@ std::vector<Bytes> received(int conn) {
 }
 
 // Its answer names the caller, the command and the lengths its header states.
+int lastServed = 0;
 int inProcess(MbusCtx *, const MbusMsgHeader *h, int cmd, void *, int, void *, int *) {
-    return static_cast<int>(h->srcModule * 100 + (h->dataLen + h->auxLen) * 10) + cmd;
+    return lastServed = static_cast<int>(h->srcModule * 100 + (h->dataLen + h->auxLen) * 10) + cmd;
 }
 
 TEST(BusSocket, ModulesServeOtherProcessesUntilTheyUnregister) {
@@ -184,8 +185,9 @@ TEST(BusSocket, ModulesServeOtherProcessesUntilTheyUnregister) {
 
     // A posted request is served without waiting for anything else; with
     // nothing to serve, listening lasts its time-out.
-    ASSERT_EQ(mbusPortPost(5, kEcho, "x", 1, nullptr, 0), 0);
+    ASSERT_EQ(mbusPortPost(5, kEcho, "x", 1, "y", 1), 0);
     EXPECT_EQ(mbusListen(ctx, 100000), 1);
+    EXPECT_EQ(lastServed, 500 + 20 + kEcho) << "its data and aux";
     EXPECT_EQ(mbusListen(ctx, 100000), 0);
     // A request arriving while it listens is waited for.
     std::thread late([] {
@@ -206,7 +208,8 @@ TEST(BusSocket, ModulesServeOtherProcessesUntilTheyUnregister) {
     EXPECT_EQ(mbusUnRegister(ctx), 0);
     EXPECT_EQ(mbusListen(ctx, 1000), -1);
     EXPECT_EQ(mbusUnRegister(ctx), -1);
-    EXPECT_EQ(mbusIoctl(ctx, 201, kEcho, nullptr, 0, nullptr, nullptr, 0, 0, 0), MBUS_PORT_ERR_BADCTX);
+    int room = 4;  // its last words may name room for a text it does not give
+    EXPECT_EQ(mbusIoctl(ctx, MBUS_MODULE_LOG, MBUS_LOG_CMD, nullptr, 0, nullptr, &room, 0, 0, 0), MBUS_PORT_ERR_BADCTX);
     EXPECT_STREQ(mbusPortLastError(), "sending through an unregistered context");
 }
 

@@ -94,6 +94,7 @@ TEST_P(DbEventForms, EventsFollowTheTableHandlers) {
         {true, "UPDATE swPortConfig SET trustMode=3 WHERE rowid=1", "swPortConfig", 1, 23, kRow, -1, {}, "port update"},
         {true, "", "swGlobalCfg", 1, 9, kRow, -1, {}, "switch delete"},
         {true, "", "vlanEncapIf", 1, 99, "", -1, {}, "vlan unknown operation"},
+        {true, "", "vlanEncapIf", 1, 18, "", -1, {}, "vlan insert twice"},
         // A row deleted before its update is read: no row, no processing.
         {true, "", "vlanEncapIf", 999, 23, "", -1, {}, "vlan row gone"},
         {true, "UPDATE vlanEncapIf SET vlanId=4294967306 WHERE rowid=1", "vlanEncapIf", 1, 23, kRow, -22, {},

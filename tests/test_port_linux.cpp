@@ -42,6 +42,7 @@ TEST(Port, EntryPointsRefuseMissingOrUnusableArguments) {
         ROW(osaListNodeRemove(&list, nullptr), -1), ROW(osaOpen(nullptr, 0, 0), -1),
         ROW(osaPortDeviceAttach(nullptr, &model), -1), ROW(osaPortDeviceDetach(nullptr), -1),
         ROW(osaPortDeviceDetach("/dev/swmgr-none"), -1), ROW(osaFileOpen(nullptr, "r") != nullptr, 0),
+        ROW((osaPortDeviceAttach("/dev/swmgr-a", &model), osaPortDeviceDetach("/dev/swmgr-a")), 0),
         ROW(osaFilePrintf(nullptr, "x"), -1), ROW(osaFileClose(nullptr), -1), ROW(osaUnlink(nullptr), -1),
         ROW(osaPortFilePathMap("/etc/hosts", "r", out, sizeof out), -1), ROW(osaCmdExec(nullptr, nullptr, 0), -1),
         ROW(osaPortFilePathMap(nullptr, "r", junk, 8), -1), ROW(osaFilePrintf(sink, "%d", 12345), 5),
@@ -63,7 +64,9 @@ TEST(Port, EntryPointsRefuseMissingOrUnusableArguments) {
     EXPECT_STREQ(mbusPortLastError(), "no callback");
     EXPECT_EQ(osaListFirst(&list), nullptr);
     EXPECT_EQ(mbusListen(posts, 0), 0) << "nothing was posted";
-    for (MbusCtx *c : {along, third, posts}) mbusUnRegister(c);
+    EXPECT_EQ(mbusUnRegister(third), 0);
+    EXPECT_EQ(mbusPortListenAlong(posts, along), -1) << "another module's leaving unhooks nothing";
+    for (MbusCtx *c : {along, posts}) mbusUnRegister(c);
     osaFileClose(sink);
     EXPECT_STREQ(out, "/etc/ho") << "the mapped path cut to the buffer, the socket path not written";
 }
@@ -87,7 +90,7 @@ TEST(OsaCmd, AHookMayLeaveWhileCalledAndTheLinePassesOnToTheNext) {
     osaPortCmdHookAdd(once_, nullptr);
     osaPortCmdHookAdd(next, nullptr);
     char none[4] = "xyz";
-    EXPECT_EQ(osaCmdExec("a", nullptr, 0), 9);
+    EXPECT_EQ(osaCmdExec("a", nullptr, 4), 9);
     EXPECT_EQ(osaCmdExec("b", none, sizeof none), 9);
     EXPECT_STREQ(none, "") << "an answered line has no output";
     osaPortCmdHookRemove(next, nullptr);
@@ -97,6 +100,7 @@ TEST(OsaCmd, AHookMayLeaveWhileCalledAndTheLinePassesOnToTheNext) {
     none[0] = 'x';
     EXPECT_EQ(osaCmdExec("c", none, sizeof none), 9);
     EXPECT_STREQ(none, "");
+    EXPECT_EQ(osaCmdExec("d", nullptr, 4), 9) << "room without a buffer";
     osaPortCmdFallbackSet(nullptr, nullptr);
 }
 
@@ -158,6 +162,8 @@ TEST(OsaCmd, PlainLinesSpawnDirectlyOthersThroughTheShellWithTheShellsStatuses) 
     }
     if (!savedPwd.empty()) ::setenv("PWD", savedPwd.c_str(), 1);
     EXPECT_EQ(swtest::lowestFreeFd(), lowest) << "no descriptor left open";
+    char head[4];  // more than a pipe holds is drained, never left to block the child
+    EXPECT_EQ(osaCmdExec("seq 20000", head, sizeof head), 0);
     // A caller that lets children go unwaited loses their statuses: unknown, never success.
     const auto old = ::signal(SIGCHLD, SIG_IGN);
     EXPECT_EQ(osaCmdExec("true", nullptr, 0), -1);

@@ -87,6 +87,7 @@ TEST_P(PseForms, CommandEntryForwardingAndAttachingOnlyToAnExactPseName) {
     limit.portNumber = 9;
     EXPECT_EQ(-1, pseConfTransfer(pse, lower, 50, &limit, 12, nullptr, nullptr));
     EXPECT_EQ(-1, pseConfTransfer(pse, lower, 50, &limit, 11, nullptr, nullptr));  // short: nothing sent
+    EXPECT_EQ(-1, pseConfTransfer(pse, nullptr, 50, &limit, 12, nullptr, nullptr));  // nowhere to send
     EXPECT_EQ(3u, rec.calls.size());
     EXPECT_EQ(1, cap->countLog("Failed to find port (9).\n"));
 

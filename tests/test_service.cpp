@@ -60,10 +60,10 @@ TEST_P(ServiceForms, StartUpRunsWithNothingToApplyAndStaysDownWithoutBusOrDataba
 
 TEST_F(Service, DiagnosticsAreCutAt1023CharactersAndTheForegroundGetsThemOnStandardError) {
     std::string big(3000, 'x');
-    swMgrDebug("pre:", 64, "f", 1, "%s", big.c_str());
+    swMgrDebug("p", 64, "f", 1, "%s", big.c_str());
     swMgrDebug(big.c_str(), 64, "f", 1, "tail");  // a prefix longer than the buffer never overflows it
     ASSERT_EQ(cap->logs.size(), 2u);
-    EXPECT_EQ(cap->logs[0].raw, "pre:f:1:" + std::string(1015, 'x'));
+    EXPECT_EQ(cap->logs[0].raw, "pf:1:" + std::string(1018, 'x'));
     EXPECT_EQ(cap->logs[0].length, 1024);
     EXPECT_EQ(cap->logs[1].raw, std::string(1023, 'x'));
     // Call sites name their function and line in developer form.
