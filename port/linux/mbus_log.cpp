@@ -121,11 +121,11 @@ bool sendOnce(int fd, const Record &r) {
         std::string_view text = r.text;
         if (!text.empty() && text.back() == '\n') text.remove_suffix(1);
         char line[kTextMax + 128];
-        int n = std::snprintf(line, sizeof line, "<%d>%s %s[%d]: %.*s", LOG_DAEMON | syslogSeverity(r.h.level), stamp,
-                              program_invocation_short_name, static_cast<int>(::getpid()),
-                              static_cast<int>(std::min(text.size(), kTextMax)), text.data());
-        size_t len = std::min(static_cast<size_t>(std::max(n, 0)), sizeof line - 1);
-        return ::send(fd, line, len, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0;
+        std::snprintf(line, sizeof line, "<%d>%s %s[%d]: %.*s", LOG_DAEMON | syslogSeverity(r.h.level), stamp,
+                      program_invocation_short_name, static_cast<int>(::getpid()),
+                      static_cast<int>(std::min(text.size(), kTextMax)), text.data());
+        // The text holds no NUL, so the terminator ends what was written, cut or not.
+        return ::send(fd, line, std::strlen(line), MSG_DONTWAIT | MSG_NOSIGNAL) >= 0;
     }
     if (!drainReplies(fd)) {
         errno = EPIPE;

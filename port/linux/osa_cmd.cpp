@@ -29,8 +29,8 @@ struct {
 } fallback{nullptr, nullptr};
 
 int waitStatus(pid_t pid) {
-    int st = 0;
-    while (::waitpid(pid, &st, 0) < 0) {
+    int st;
+    while (::waitpid(pid, &st, 0) == -1) {
         if (errno != EINTR) return -1;
     }
     if (WIFEXITED(st)) return WEXITSTATUS(st);

@@ -32,7 +32,11 @@ public:
     // A number beyond 32 bits is refused: the row is not taken at all.
     void integer(int32_t &field, const char *name) {
         const char *v = value(name);
-        if (v == nullptr || swmgr::parseLeadingInt32(v, field)) return;
+        if (v == nullptr) return;
+        if (const std::optional<int32_t> n = swmgr::parseLeadingInt32(v)) {
+            field = *n;
+            return;
+        }
         SWMGR_LOG_AS("", SW_LOG_ERR, "swCfgFromQueryResultRead", "column %s: %.32s is out of range\n",
                      name, v);
         refused_ = true;
@@ -65,12 +69,12 @@ uint32_t portListConvert(char *text, bool &ok) {
         while (pos < len && text[pos] != ',') ++pos;
         text[pos] = '\0';
         const std::size_t tokenLen = pos - start;
-        int32_t n = 0;
-        if (!swmgr::parseLeadingInt32(text + start, n)) ok = false;
+        const std::optional<int32_t> n = swmgr::parseLeadingInt32(text + start);
+        if (!n) ok = false;
         // Numbers with bit 5 set (32..63, negatives) name no port; larger
         // ones wrap onto the low 32 bits, as the shift on the target does.
-        else if ((n & 0x20) == 0)
-            map |= 1u << (static_cast<unsigned>(n) & 31u);
+        else if ((*n & 0x20) == 0)
+            map |= 1u << (static_cast<unsigned>(*n) & 31u);
         // The token moves to the front of the text: what the text holds
         // afterwards is the last token, and the VLAN decoder relies on that.
         std::memmove(text, text + start, tokenLen + 1);

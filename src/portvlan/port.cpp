@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Switch ports: creation from a port row, the mapping of an upper-level port
 // onto lower-level ports, and the per-port commands.
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -36,13 +37,11 @@ void copyView(char (&dst)[N], std::string_view src) {
     dst[n] = '\0';
 }
 
-// The text before / after position `at` (which find gave, so it is in
-// range): substr would check again and bring in the C++ run-time's throw.
-std::string_view before(std::string_view s, std::size_t at) {
-    return {s.data(), at < s.size() ? at : s.size()};
-}
+// The text before / after position `at`, as find gave it (in range, or npos
+// for none): substr would check again and bring in the C++ run-time's throw.
+std::string_view before(std::string_view s, std::size_t at) { return {s.data(), std::min(at, s.size())}; }
 std::string_view after(std::string_view s, std::size_t at) {
-    return at < s.size() ? std::string_view{s.data() + at + 1, s.size() - at - 1} : std::string_view{};
+    return at == std::string_view::npos ? std::string_view{} : std::string_view{s.data() + at + 1, s.size() - at - 1};
 }
 
 // One "switch:port" entry of a mapping list.
@@ -53,13 +52,13 @@ int portMapEntryAdd(SwitchPort *port, std::string_view entry) {
     char number[kMapNumberLen];
     copyView(name, before(entry, colon));
     copyView(number, after(entry, colon));
-    int64_t parsed = 0;
-    if (!swmgr::parseLeadingInt(number, 0, swmgr::kPortMax, parsed)) {
+    const std::optional<int64_t> parsed = swmgr::parseLeadingInt(number, 0, swmgr::kPortMax);
+    if (!parsed) {
         SWMGR_LOG_AS(swPortStrGet(port), SW_LOG_ERR, "switchPortMapInit",
                      "Port number %.16s of %s is out of range\n", number, name);
         return SW_EINVAL;
     }
-    const int portNumber = static_cast<int>(parsed);
+    const int portNumber = static_cast<int>(*parsed);
 
     Switch *lowerSw = switchByNameGet(name);
     if (lowerSw == nullptr) {

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Uptime stamps: the system's uptime in whole seconds, kept in small text
 // files so that other programs can tell since when something exists.
+#include <cctype>
 #include <cstdio>
 
 #include "common/number.h"
@@ -31,10 +32,10 @@ extern "C" int timeEventGet(uint32_t *seconds, const char *path) {
     char text[32] = {};
     if (std::fgets(text, sizeof text, in.file) == nullptr) return 0;
     const char *p = text;
-    while (*p == ' ' || (*p >= '\t' && *p <= '\r')) ++p;
-    int64_t value = 0;
-    if (*p >= '0' && *p <= '9' && swmgr::parseLeadingInt(p, 0, UINT32_MAX, value))
-        *seconds = static_cast<uint32_t>(value);
+    while (std::isspace(static_cast<unsigned char>(*p))) ++p;
+    if (!std::isdigit(static_cast<unsigned char>(*p))) return 0;
+    if (const std::optional<int64_t> value = swmgr::parseLeadingInt(p, 0, UINT32_MAX))
+        *seconds = static_cast<uint32_t>(*value);
     return 0;
 }
 
