@@ -76,10 +76,9 @@ extern "C" int mbusIoctl(MbusCtx *ctx, int module, int cmd, void *data, int data
     std::string err;
     int fd = mbuswire::connectModule(module, timeout, err);
     if (fd < 0) return fail(fd, err);
-    MbusMsgHeader h = mbuswire::header(mbuswire::moduleOf(ctx), module, cmd, true, static_cast<size_t>(dataLen),
-                                       cap, 0);
-    int result = 0;
-    if (mbuswire::sendMessage(fd, h, data, static_cast<size_t>(dataLen), aux, cap, timeout))
+    MbusMsgHeader h = mbuswire::header(mbuswire::moduleOf(ctx), module, cmd, static_cast<size_t>(dataLen), cap);
+    int result;
+    if (mbuswire::sendMessage(fd, h, data, aux, timeout))
         result = (flags & MBUS_FLAG_NOREPLY) != 0 ? 0 : awaitReply(fd, module, timeout, aux, auxLen, cap);
     else if (mbuswire::waitReadable(fd, 0))
         result = awaitReply(fd, module, 0, aux, auxLen, cap);  // told why before it closed on us

@@ -102,8 +102,10 @@ void dropIdlest(MbusCtx *c) {
 
 bool reply(int fd, const MbusMsgHeader &req, int result, const void *aux, size_t auxLen) {
     MbusMsgHeader h = mbuswire::header(static_cast<int>(req.dstModule), static_cast<int>(req.srcModule),
-                                       static_cast<int>(req.cmd), false, 0, auxLen, result);
-    return mbuswire::sendMessage(fd, h, nullptr, 0, aux, auxLen, 0);
+                                       static_cast<int>(req.cmd), 0, auxLen);
+    h.isRequest = 0;
+    h.result = result;
+    return mbuswire::sendMessage(fd, h, nullptr, aux);
 }
 
 // Takes every waiting connection; one from a user that may not use the bus
@@ -174,7 +176,7 @@ int servePosted(MbusCtx *c) {
     Posted req = std::move(c->posted.front());
     c->posted.pop_front();
     int auxLen = static_cast<int>(req.aux.size());
-    MbusMsgHeader h = mbuswire::header(req.srcModule, c->module, req.cmd, true, req.data.size(), req.aux.size(), 0);
+    MbusMsgHeader h = mbuswire::header(req.srcModule, c->module, req.cmd, req.data.size(), req.aux.size());
     c->callback(c, &h, req.cmd, req.data.empty() ? nullptr : req.data.data(), static_cast<int>(req.data.size()),
                 req.aux.empty() ? nullptr : req.aux.data(), &auxLen);
     return 1;
@@ -264,8 +266,8 @@ MbusCtx *localModule(int module) {
 }
 
 int callLocal(MbusCtx *to, const MbusCtx *from, int cmd, void *data, int dataLen, void *aux, int *auxLen) {
-    MbusMsgHeader h = header(moduleOf(from), to->module, cmd, true, std::max(dataLen, 0),
-                             auxLen != nullptr ? std::max(*auxLen, 0) : 0, 0);
+    MbusMsgHeader h = header(moduleOf(from), to->module, cmd, std::max(dataLen, 0),
+                             auxLen != nullptr ? std::max(*auxLen, 0) : 0);
     return to->callback(to, &h, cmd, data, dataLen, aux, auxLen);
 }
 

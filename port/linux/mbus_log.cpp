@@ -131,8 +131,8 @@ bool sendOnce(int fd, const Record &r) {
         errno = EPIPE;
         return false;
     }
-    MbusMsgHeader m = mbuswire::header(r.src, MBUS_MODULE_LOG, MBUS_LOG_CMD, true, r.dataLen, r.auxLen, 0);
-    return mbuswire::sendMessage(fd, m, r.data, r.dataLen, r.aux, r.auxLen, 0);
+    MbusMsgHeader m = mbuswire::header(r.src, MBUS_MODULE_LOG, MBUS_LOG_CMD, r.dataLen, r.auxLen);
+    return mbuswire::sendMessage(fd, m, r.data, r.aux);
 }
 
 // Sends over the kept descriptor, opening it (again) once when there is

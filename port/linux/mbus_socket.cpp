@@ -196,11 +196,10 @@ int connectModule(int module, int timeoutMs, std::string &err) {
     }
 }
 
-bool sendMessage(int fd, const MbusMsgHeader &h, const void *data, size_t dataLen, const void *aux,
-                 size_t auxLen, int timeoutMs) {
+bool sendMessage(int fd, const MbusMsgHeader &h, const void *data, const void *aux, int timeoutMs) {
     iovec iov[3] = {{const_cast<MbusMsgHeader *>(&h), sizeof h},
-                    {const_cast<void *>(data), data != nullptr ? dataLen : 0},
-                    {const_cast<void *>(aux), aux != nullptr ? auxLen : 0}};
+                    {const_cast<void *>(data), h.dataLen},
+                    {const_cast<void *>(aux), h.auxLen}};
     msghdr msg{};
     msg.msg_iov = iov;
     msg.msg_iovlen = 3;
@@ -254,17 +253,15 @@ bool waitReadable(int fd, int timeoutMs) {
     }
 }
 
-MbusMsgHeader header(int src, int dst, int cmd, bool request, size_t dataLen, size_t auxLen,
-                     int result) {
+MbusMsgHeader header(int src, int dst, int cmd, size_t dataLen, size_t auxLen) {
     MbusMsgHeader h{};
     h.magic = MBUS_MSG_MAGIC;
     h.srcModule = static_cast<uint32_t>(src);
     h.dstModule = static_cast<uint32_t>(dst);
     h.cmd = static_cast<uint32_t>(cmd);
-    h.isRequest = request ? 1 : 0;
+    h.isRequest = 1;
     h.dataLen = static_cast<uint32_t>(dataLen);
     h.auxLen = static_cast<uint32_t>(auxLen);
-    h.result = result;
     return h;
 }
 

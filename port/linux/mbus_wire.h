@@ -38,10 +38,10 @@ int listenSocket(int module, std::string &err);
 // with the reason in `err`.
 int connectModule(int module, int timeoutMs, std::string &err);
 
-// One whole message: header, data, aux, waiting at most `timeoutMs` for
-// room (0: not at all). False when it could not be sent, errno telling why.
-bool sendMessage(int fd, const MbusMsgHeader &h, const void *data, size_t dataLen, const void *aux,
-                 size_t auxLen, int timeoutMs);
+// One whole message: the header, then as many bytes of data and aux as it
+// declares, waiting at most `timeoutMs` for room (0: not at all). False
+// when it could not be sent, errno telling why.
+bool sendMessage(int fd, const MbusMsgHeader &h, const void *data, const void *aux, int timeoutMs = 0);
 
 // Reads one message into `buf` (at most MBUS_PORT_MSG_MAX + 1 bytes, so
 // an over-long one shows as such). Returns its length, 0 when the peer
@@ -60,8 +60,8 @@ bool peerAllowed(int fd);
 // Waits until fd is readable or `timeoutMs` passes (-1: no limit).
 bool waitReadable(int fd, int timeoutMs);
 
-MbusMsgHeader header(int src, int dst, int cmd, bool request, size_t dataLen, size_t auxLen,
-                     int result);
+// A request's header; a reply is one with the flag cleared, no data and its result.
+MbusMsgHeader header(int src, int dst, int cmd, size_t dataLen, size_t auxLen);
 
 // --- Contexts (mbus_core.cpp) ---
 // Whether ctx is a registered context. Never dereferences one that is not:
