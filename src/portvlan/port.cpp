@@ -164,18 +164,15 @@ extern "C" int switchPortMapInit(SwitchPort *port, char *text) {
 
 extern "C" int switchPortMappedListAppend(SwitchPort *port, SwitchPort *lower) {
     if (port == nullptr || lower == nullptr) return -1;
-    auto *entry = static_cast<SwitchPortMapEntry *>(std::calloc(1, sizeof(SwitchPortMapEntry)));
-    if (entry == nullptr) return SW_ENOMEM;
-    entry->port = lower;
     SWMGR_LOG(swPortStrGet(port), SW_LOG_TRACE, "Mapping %s:%d to %s:%d \n",
               lower->sw != nullptr ? lower->sw->switchName : "", lower->portNumber,
               port->sw != nullptr ? port->sw->switchName : "", port->portNumber);
     // A mapping that would close a loop of switches is not recorded at all.
     const int r = switchLowerLvlSwitchListAppend(port->sw, lower->sw);
-    if (r < 0) {
-        std::free(entry);
-        return r;
-    }
+    if (r < 0) return r;
+    auto *entry = static_cast<SwitchPortMapEntry *>(std::calloc(1, sizeof(SwitchPortMapEntry)));
+    if (entry == nullptr) return SW_ENOMEM;
+    entry->port = lower;
     osaListNodeAppend(&port->mappedPorts, entry);
     return r;
 }
