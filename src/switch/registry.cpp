@@ -90,9 +90,10 @@ extern "C" int switchLowerLvlSwitchListAppend(Switch *sw, Switch *lower) {
 }
 
 extern "C" char *switchStrGet(Switch *sw) {
-    std::memset(switchStr, 0, sizeof switchStr);
-    if (sw != nullptr) swmgr::formatText(switchStr, "(switch=%.*s) ",
-                                         static_cast<int>(swmgr::fieldLen(sw->switchName)),
-                                         sw->switchName);
+    if (sw == nullptr)
+        std::memset(switchStr, 0, sizeof switchStr);
+    else
+        swmgr::formatText(switchStr, "(switch=%.*s) ", static_cast<int>(swmgr::fieldLen(sw->switchName)),
+                          sw->switchName);
     return switchStr;
 }
