@@ -131,9 +131,10 @@ int listenSocket(int module, std::string &err) {
             return -1;
         }
         // Someone left the name behind: take it over only if nobody answers.
+        // Without a probe socket the connect fails too: the name is taken over.
         int probe = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-        bool live = probe >= 0 && ::connect(probe, sa, sizeof addr) == 0;
-        if (probe >= 0) ::close(probe);
+        const bool live = ::connect(probe, sa, sizeof addr) == 0;
+        ::close(probe);
         if (live) {
             err = "module " + std::to_string(module) + " is already on the bus at " + path;
             ::close(fd);
