@@ -32,6 +32,7 @@ TEST(Port, EntryPointsRefuseMissingOrUnusableArguments) {
     FILE *sink = osaFileOpen("/dev/null", "w");
     auto *foreign = reinterpret_cast<MbusCtx *>(junk);  // never handed out by the bus
     const MbusRequestCb none = [](MbusCtx *, const MbusMsgHeader *, int, void *, int, void *, int *) { return 0; };
+    const OsaIoctlHook answers7 = [](void *, int, unsigned, void *, int *result) { return *result = 7, 1; };
     MbusCtx *posts = mbusRegister(231, 2, none, nullptr), *along = mbusRegister(232, 2, none, nullptr),
             *third = mbusRegister(233, 2, none, nullptr);
     ASSERT_EQ(mbusPortListenAlong(along, posts), 0);
@@ -39,15 +40,17 @@ TEST(Port, EntryPointsRefuseMissingOrUnusableArguments) {
     const struct { const char *call; long got, want; } rows[] = {
         ROW(osaListInit(nullptr), -1), ROW(osaListNodeAppend(nullptr, &a), -1),
         ROW(osaListNodeAppend(&list, nullptr), -1), ROW(osaListNodeRemove(nullptr, &a), -1),
-        ROW(osaListNodeRemove(&list, nullptr), -1), ROW(osaOpen(nullptr, 0, 0), -1),
+        ROW(osaListNodeRemove(&list, nullptr), -1), ROW(osaListNodeAppend(&list, &a), 0), ROW(osaOpen(nullptr, 0, 0), -1),
         ROW(osaPortDeviceAttach(nullptr, &model), -1), ROW(osaPortDeviceDetach(nullptr), -1),
         ROW(osaPortDeviceDetach("/dev/swmgr-none"), -1), ROW(osaFileOpen(nullptr, "r") != nullptr, 0),
         ROW((osaPortDeviceAttach("/dev/swmgr-a", &model), osaPortDeviceDetach("/dev/swmgr-a")), 0),
         ROW(osaFilePrintf(nullptr, "x"), -1), ROW(osaFileClose(nullptr), -1), ROW(osaUnlink(nullptr), -1),
         ROW(osaPortFilePathMap("/etc/hosts", "r", out, sizeof out), -1), ROW(osaCmdExec(nullptr, nullptr, 0), -1),
-        ROW(osaPortFilePathMap(nullptr, "r", junk, 8), -1), ROW(osaFilePrintf(sink, "%d", 12345), 5),
+        ROW(osaPortFilePathMap(nullptr, "r", junk, 8), -1), ROW(osaPortFilePathMap("/x", "r", nullptr, 8), -1),
+        ROW(osaFilePrintf(sink, "%d", 12345), 5),
         ROW(osaPortCmdHookAdd(nullptr, nullptr), -1), ROW(mbusPortSocketPath(1, out, sizeof out), -1),
         ROW(mbusPortLogTargetSet(7, nullptr), -1), ROW(osaIoctl(-1, 0, nullptr), -1),
+        ROW((osaPortIoctlHookAdd(answers7, nullptr), osaIoctl(-1, 0, nullptr)), 7),  // a hook's answer, whatever it is
         ROW(mbusIoctl(foreign, 230, 1, nullptr, 0, nullptr, nullptr, 0, 0, 0), MBUS_PORT_ERR_BADCTX),
         ROW(mbusListen(foreign, 0), -1), ROW(mbusUnRegister(foreign), -1),
         ROW(mbusPortPost(1, 1, nullptr, 4, nullptr, 0), -1), ROW(mbusPortPost(1, 1, nullptr, 0, nullptr, 4), -1),
@@ -62,7 +65,8 @@ TEST(Port, EntryPointsRefuseMissingOrUnusableArguments) {
     for (const auto &r : rows) EXPECT_EQ(r.got, r.want) << r.call;
     EXPECT_EQ(mbusRegister(230, 2, nullptr, nullptr), nullptr);
     EXPECT_STREQ(mbusPortLastError(), "no callback");
-    EXPECT_EQ(osaListFirst(&list), nullptr);
+    osaPortIoctlHookRemove(answers7, nullptr);
+    EXPECT_EQ(osaListFirst(&list), &a);
     EXPECT_EQ(mbusListen(posts, 0), 0) << "nothing was posted";
     EXPECT_EQ(mbusUnRegister(third), 0);
     EXPECT_EQ(mbusPortListenAlong(posts, along), -1) << "another module's leaving unhooks nothing";
@@ -125,6 +129,8 @@ TEST(OsaCmd, PlainLinesSpawnDirectlyOthersThroughTheShellWithTheShellsStatuses) 
     const std::string savedPwd = std::getenv("PWD") != nullptr ? std::getenv("PWD") : "";
     ::unsetenv("PWD");
 
+    std::string many = "printenv PWD";  // 65 words: more than are spawned directly
+    for (int i = 0; i < 63; ++i) many += " x";
     const int lowest = swtest::lowestFreeFd();
     const struct {
         std::string line;
@@ -134,7 +140,7 @@ TEST(OsaCmd, PlainLinesSpawnDirectlyOthersThroughTheShellWithTheShellsStatuses) 
     } cases[] = {
         // Split on blanks, runs of them included, with no shell between.
         {"printf [%s] a  b   c ", 0, "[a][b][c]", false}, {"printenv PWD", 1, "", false},
-        {"printenv PWD;", 0, "*", false}, {"printenv PWD \x7f", 1, "*", false},
+        {"printenv PWD;", 0, "*", false}, {"printenv PWD \x7f", 1, "*", false}, {many, 1, "*", false},
         // The same words quoted for the shell; a tab is for the shell to split.
         {"printf '[%s]' a  b", 0, "[a][b]", false}, {"printf [%s] a\tb", 0, "[a][b]", false},
         // Assignments and the shell's own words never reach a program.
@@ -191,6 +197,7 @@ TEST(SqliteHelper, WaitsOutABriefWriterAndGivesUpOnAStuckOneWithinOneBound) {
     EXPECT_STREQ(r[3], "2");
     sqlite3_free_table(r);
     EXPECT_EQ(sqliteBusyHandler(nullptr, 1 << 20), 0) << "retrying is bounded";
+    EXPECT_EQ(sqliteBusyHandler(nullptr, 0), 1) << "a first retry outside a query starts its own wait";
 
     // Held for good, the query gives up once the bound set here has passed.
     ASSERT_EQ(sqlite3_exec(writer, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr), SQLITE_OK);

@@ -167,7 +167,7 @@ int serveConn(MbusCtx *c, int fd) {
     int auxLen = static_cast<int>(aux.size());
     int result = c->callback(c, &h, static_cast<int>(h.cmd), data.empty() ? nullptr : data.data(),
                              static_cast<int>(data.size()), aux.empty() ? nullptr : aux.data(), &auxLen);
-    size_t back = auxLen > 0 ? std::min(static_cast<size_t>(auxLen), aux.size()) : 0;
+    const size_t back = std::min(static_cast<size_t>(std::max(auxLen, 0)), aux.size());
     return reply(fd, h, result, aux.data(), back) ? 1 : -1;
 }
 
