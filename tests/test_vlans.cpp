@@ -7,7 +7,6 @@
 #include "data_lines.h"
 #include "host_vlan.h"
 #include "swmgr/portvlan.h"
-#include "swmgr_test.h"
 
 namespace {
 
@@ -203,8 +202,6 @@ TEST_P(VlanForms, LookupsApplyAndDisableFollowTheListWhateverChangedIt) {
     for (SwitchVlanConf *c : {&a, &b, &high, &neg}) ASSERT_EQ(switchVlanByConfCreate(top, c), 0);
     SwitchVlan *v100 = switchVlanByIdGet(top, 100), *v200 = switchVlanByIdGet(top, 200);
     for (SwitchVlanConf *c : {&a, &b, &high, &neg}) EXPECT_EQ(switchVlanByIdGet(top, c->vlanId)->vlanId, c->vlanId);
-    EXPECT_EQ(switchVlanByIdGet(top, 4000), nullptr);
-    EXPECT_EQ(switchVlanByIdGet(low, 100), nullptr);
     EXPECT_EQ(switchVlanByNameGet(top, "guest"), v100);
     EXPECT_EQ(switchVlanByNameGet(top, "gues"), nullptr);
     EXPECT_EQ(switchVlanByNameGet(top, nullptr), nullptr);

@@ -10,7 +10,6 @@
 
 #include <cstdint>
 #include <filesystem>
-#include <functional>
 #include <map>
 #include <string>
 #include <string_view>
@@ -114,7 +113,6 @@ public:
     std::vector<Call> calls;
     int registerResult = 0;
     std::map<int, int> results;  // cmd -> result (default 0)
-    std::function<int(Switch *, int, void *, int)> onCall;  // optional override
 
     std::vector<int> cmds() const;
 
