@@ -127,6 +127,7 @@ TEST_P(VlanForms, UpdateFindsTheOldIdStoresTheNewOneAndMovesItLast) {
     ASSERT_EQ(switchVlanConfUpdate(&renamed, &only), 0);
     EXPECT_EQ(std::tie(top->lowerLvlForward, low->lowerLvlForward), std::make_tuple(1, 0));
     EXPECT_EQ(switchVlanUpdate(switchVlanByIdGet(top, 301), switchVlanByIdGet(top, 301)), 0);
+    EXPECT_EQ(switchVlanUpdate(switchVlanByIdGet(top, 301), nullptr), SW_EINVAL);
 }
 
 TEST_P(VlanForms, PortBasedVlanOnlyWithInSwitchOnlyAndDisableThenDeleteRemovesEverywhere) {
@@ -134,6 +135,7 @@ TEST_P(VlanForms, PortBasedVlanOnlyWithInSwitchOnlyAndDisableThenDeleteRemovesEv
         // The add's commands are checked in the start-up transcript.
         SwitchVlanConf c = vlanConf(10 + only, 0x3, 0x1, only);
         ASSERT_EQ(switchVlanConfAdd(&c), 0);
+        EXPECT_EQ(switchPortVlanConfigure(switchVlanByIdGet(top, 10 + only), SW_CMD_VLAN_ADD), 0);
         reset();
         SwitchVlanConf next = vlanConf(10 + only, 0x7, 0x1, only);
         ASSERT_EQ(switchVlanConfUpdate(&next, &c), 0);
@@ -151,7 +153,8 @@ TEST_P(VlanForms, PortBasedVlanOnlyWithInSwitchOnlyAndDisableThenDeleteRemovesEv
     EXPECT_TRUE(cap->logsAre({{8, "switchVlanDisable", "(switch=TOP) (vlan:100) Disabling Vlan100 in TOP\n"}}));
 
     reset();
-    EXPECT_EQ(switchVlanConfDelete(&c), 0);
+    cap->scriptCommand("vconfig rem eth0.100", -3, 1);  // gone from the switches, the host keeps it
+    EXPECT_EQ(switchVlanConfDelete(&c), -3);
     EXPECT_TRUE(ids(top).empty() && ids(low).empty());
 
     // A switch that refuses keeps its VLAN; the one without it stays paused.
