@@ -66,8 +66,6 @@ template <class F> bool waitFor(F done, int tries = 500) {
     return false;
 }
 
-inline bool exitedWith(int st, int code) { return st != -1 && WIFEXITED(st) && WEXITSTATUS(st) == code; }
-
 class Test : public ::testing::Test {
 protected:
     void TearDown() override {
@@ -140,13 +138,13 @@ protected:
         EXPECT_TRUE(exists(bus_ + "/mod-103.sock")) << "ready before the service registered";
         return pid;
     }
-    // Sends `sig` (0 only waits) and returns the wait status, or -1 when the
-    // process did not end within a generous 10 s.
+    // Sends `sig` (0 only waits) and returns the exit status, or -1 when the
+    // process was killed or did not end within a generous 10 s.
     int stop(pid_t pid, int sig = SIGTERM) {
         int st = -1;
         if (::kill(pid, sig) != 0 || !waitFor([&] { return ::waitpid(pid, &st, WNOHANG) == pid; }, 1000)) return -1;
         std::erase(pids_, pid);
-        return st;
+        return WIFEXITED(st) ? WEXITSTATUS(st) : -1;
     }
     swtest::TempDir tmp_;
     const std::string dir_ = tmp_.path(), bus_ = dir_ + "/bus";

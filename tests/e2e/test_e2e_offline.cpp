@@ -7,8 +7,6 @@
 // is refused, 2 when the daemon cannot be reached) and their description at
 // the end of --help. Each transcript's "-- SQL" lines make the databases its
 // commands name.
-#include <string>
-
 #include "e2e_util.h"
 
 namespace {
