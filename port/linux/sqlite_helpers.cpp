@@ -41,8 +41,7 @@ extern "C" char **sqlite3QueryResGet(sqlite3 *db, int flags, const char *sql, in
     for (;;) {
         char **result = nullptr;
         char *err = nullptr;
-        int rows = 0;
-        int cols = 0;
+        int rows, cols;  // read only when the query succeeds
         int rc = sqlite3_get_table(db, sql, &result, &rows, &cols, &err);
         sqlite3_free(err);
         if (rc == SQLITE_OK) {

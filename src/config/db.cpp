@@ -84,8 +84,7 @@ const char *rowIdText(char **result, int nCols, int row) {
 
 int loadTable(const char *fname, const char *table, const char *sql, const char *listMsg,
               const char *rowMsg, RowInsertFn insert) {
-    int nCols = 0;
-    int nRows = 0;
+    int nCols, nRows;  // set whenever a result comes back
     TableResult result(swMgrTableGet(sql, &nCols, &nRows));
     if (!result) {
         SWMGR_LOG_AS("", SW_LOG_ERR, fname, "%s", listMsg);
@@ -306,8 +305,7 @@ extern "C" int swMgrDBUpdateHandler(DbUpdateEvent *event, unsigned int eventLen,
     }
 
     auto handle = [&]() -> int {
-        int nCols = 0;
-        int nRows = 0;
+        int nCols, nRows;  // set on every path that goes on
         TableResult result;
         if (opCode != DB_OP_DELETE) {
             if (!isIdentifier(table)) return -1;

@@ -41,7 +41,7 @@ extern "C" int timeEventGet(uint32_t *seconds, const char *path) {
 
 extern "C" int timeEventRecord(const char *path) {
     if (path == nullptr) return -1;
-    uint32_t seconds = 0;
+    uint32_t seconds;  // set whenever the read succeeds
     if (timeEventGet(&seconds, kUptimeSource) != 0) return -1;
     FileCloser out{osaFileOpen(path, "w+")};
     if (out.file == nullptr) return -1;

@@ -32,7 +32,7 @@ constexpr Served kServed[] = {
     {SW_CMD_VLAN_ENABLE, "Processing vlan enable update request (%d)\n", SW_VLAN_ENABLE_ARG_LEN,
      [](Switch *, void *arg) -> int {
          if (arg == nullptr) return SW_EINVAL;
-         int32_t enable = 0;
+         int32_t enable;
          std::memcpy(&enable, arg, sizeof enable);
          return bcmVlanEnable(enable);
      }},

@@ -13,7 +13,7 @@ using namespace swmgr::bcm;
 // The argument records are arrays of 32-bit words in host order; they may
 // come from a bus request, so they are read without assuming alignment.
 uint32_t word(const void *arg, std::size_t offset) {
-    uint32_t v = 0;
+    uint32_t v;
     std::memcpy(&v, static_cast<const uint8_t *>(arg) + offset, sizeof v);
     return v;
 }
