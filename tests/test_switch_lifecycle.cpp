@@ -175,6 +175,8 @@ TEST_P(Lifecycle, PrefixesShareClearedBuffersAndAreCutToThem) {
     // A name filling its whole field is cut to the buffer, not overrun.
     std::memset(sw->switchName, 'n', sizeof sw->switchName);
     EXPECT_EQ(std::string(switchStrGet(sw)), "(switch=" + std::string(503, 'n'));
+    std::memcpy(sw->switchName, "B", 2);  // a shorter text leaves nothing of the longer one
+    EXPECT_EQ(std::string(switchStrGet(sw), 512), "(switch=B) " + std::string(501, '\0'));
 }
 
 // Results, unknown names and the bus handler's mapping are checked with the
