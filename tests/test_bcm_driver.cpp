@@ -173,7 +173,8 @@ TEST_P(BcmForms, QosRecordsAndTheirResults) {
     for (auto f : {bcmQoSConfigure, bcmPauseFrameConfigure, bcmRateLimitConfigure, bcmTrustModeConfigure,
                    bcmQueueSchedConfigure, bcmCosQueueMapConfigure})
         EXPECT_EQ(std::make_pair(-1, -1), std::make_pair(f(nullptr, &on), f(sw, nullptr)));
-    EXPECT_EQ(bcmSwitchPortConfigure(nullptr, nullptr), SW_EINVAL);
+    EXPECT_EQ((std::vector<int>{bcmSwitchPortConfigure(nullptr, nullptr), bcmPortVlanConfig(nullptr, nullptr),
+                                bcmPortVlanDeConfig(nullptr, nullptr)}), std::vector<int>(3, SW_EINVAL));
 
     // Queue scheduling and CoS maps walk the matching ports.
     for (int n : {2, 0, 1}) addPort(n);

@@ -40,12 +40,13 @@ TEST(Port, EntryPointsRefuseMissingOrUnusableArguments) {
     const struct { const char *call; long got, want; } rows[] = {
         ROW(osaListInit(nullptr), -1), ROW(osaListNodeAppend(nullptr, &a), -1),
         ROW(osaListNodeAppend(&list, nullptr), -1), ROW(osaListNodeRemove(nullptr, &a), -1),
-        ROW(osaListNodeRemove(&list, nullptr), -1), ROW(osaListNodeAppend(&list, &a), 0), ROW(osaOpen(nullptr, 0, 0), -1),
-        ROW(osaPortDeviceAttach(nullptr, &model), -1), ROW(osaPortDeviceDetach(nullptr), -1),
-        ROW(osaPortDeviceDetach("/dev/swmgr-none"), -1), ROW(osaFileOpen(nullptr, "r") != nullptr, 0),
+        ROW(osaListNodeRemove(&list, nullptr), -1), ROW(osaListNodeAppend(&list, &a), 0),
+        ROW(osaOpen(nullptr, 0, 0), -1), ROW(osaPortDeviceAttach(nullptr, &model), -1),
+        ROW(osaPortDeviceDetach(nullptr), -1), ROW(osaPortDeviceDetach("/dev/swmgr-none"), -1),
         ROW((osaPortDeviceAttach("/dev/swmgr-a", &model), osaPortDeviceDetach("/dev/swmgr-a")), 0),
         ROW(osaFilePrintf(nullptr, "x"), -1), ROW(osaFileClose(nullptr), -1), ROW(osaUnlink(nullptr), -1),
         ROW(osaPortFilePathMap("/etc/hosts", "r", out, sizeof out), -1), ROW(osaCmdExec(nullptr, nullptr, 0), -1),
+        ROW(osaCmdExec("true", nullptr, 4), -1), ROW(osaFileOpen(nullptr, "r") != nullptr, 0),
         ROW(osaPortFilePathMap(nullptr, "r", junk, 8), -1), ROW(osaPortFilePathMap("/x", "r", nullptr, 8), -1),
         ROW(osaFilePrintf(sink, "%d", 12345), 5),
         ROW(osaPortCmdHookAdd(nullptr, nullptr), -1), ROW(mbusPortSocketPath(1, out, sizeof out), -1),
@@ -94,17 +95,15 @@ TEST(OsaCmd, AHookMayLeaveWhileCalledAndTheLinePassesOnToTheNext) {
     osaPortCmdHookAdd(once_, nullptr);
     osaPortCmdHookAdd(next, nullptr);
     char none[4] = "xyz";
-    EXPECT_EQ(osaCmdExec("a", nullptr, 4), 9);
     EXPECT_EQ(osaCmdExec("b", none, sizeof none), 9);
     EXPECT_STREQ(none, "") << "an answered line has no output";
     osaPortCmdHookRemove(next, nullptr);
-    EXPECT_EQ(seen_, (std::vector<std::string>{"once", "a", "b"}));
+    EXPECT_EQ(seen_, (std::vector<std::string>{"once", "b"}));
     // The fallback answers after the hooks, also without output.
     osaPortCmdFallbackSet(next, nullptr);
     none[0] = 'x';
     EXPECT_EQ(osaCmdExec("c", none, sizeof none), 9);
     EXPECT_STREQ(none, "");
-    EXPECT_EQ(osaCmdExec("d", nullptr, 4), 9) << "room without a buffer";
     osaPortCmdFallbackSet(nullptr, nullptr);
 }
 

@@ -33,9 +33,8 @@ int waitStatus(pid_t pid) {
     while (::waitpid(pid, &st, 0) == -1) {
         if (errno != EINTR) return -1;
     }
-    if (WIFEXITED(st)) return WEXITSTATUS(st);
-    if (WIFSIGNALED(st)) return 128 + WTERMSIG(st);
-    return -1;
+    // Without WUNTRACED a child is only ever reported exited or killed.
+    return WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
 }
 
 // Words a shell would take as its own (reserved words, builtins without a
@@ -102,22 +101,23 @@ extern "C" int osaPortCmdFallbackSet(OsaCmdHook hook, void *ctx) {
 }
 
 extern "C" int osaCmdExec(const char *command, char *output, int outputLen) {
-    if (command == nullptr) return -1;
+    // Room without a buffer is a caller's mistake, not a request for no output.
+    if (command == nullptr || (output == nullptr && outputLen > 0)) return -1;
     int status = 0;
     if (cmdHooks().anyTakes([&](OsaCmdHook hook, void *ctx) { return hook(ctx, command, &status) != 0; })) {
-        if (output != nullptr && outputLen > 0) output[0] = '\0';
+        if (outputLen > 0) output[0] = '\0';
         return status;
     }
     if (fallback.hook != nullptr) {
         int status = 0;
         if (fallback.hook(fallback.ctx, command, &status)) {
-            if (output != nullptr && outputLen > 0) output[0] = '\0';
+            if (outputLen > 0) output[0] = '\0';
             return status;
         }
     }
 
-    const bool capture = output != nullptr && outputLen > 0;
-    int pipeFd[2] = {-1, -1};
+    const bool capture = outputLen > 0;
+    int pipeFd[2];
     if (capture && ::pipe2(pipeFd, O_CLOEXEC) != 0) return -1;
 
     posix_spawn_file_actions_t actions;

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Diagnostic output and the interface-name to zone lookup.
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -16,11 +17,9 @@ extern "C" int swMgrDebug(const char *prefix, int level, const char *func, int l
     char text[SW_LOG_TEXT_LEN];
     text[0] = '\0';
     size_t used = 0;
-    auto room = [&] { return used < sizeof text ? sizeof text - used : 0; };
-    auto advance = [&](int n) {
-        if (n > 0) used += static_cast<size_t>(n);
-        if (used >= sizeof text) used = sizeof text - 1;
-    };
+    // At most the last byte is used, so there is always room for a terminator.
+    auto room = [&] { return sizeof text - used; };
+    auto advance = [&](int n) { used = std::min(used + static_cast<size_t>(std::max(n, 0)), sizeof text - 1); };
     if (prefix != nullptr) advance(std::snprintf(text + used, room(), "%s", prefix));
     if (func != nullptr) advance(std::snprintf(text + used, room(), "%s:%d:", func, line));
     if (format != nullptr) {
