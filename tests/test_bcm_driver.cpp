@@ -107,6 +107,8 @@ TEST_P(BcmForms, CommandEntryChecksExactSizesReadOnlyQueriesAndBindingKeepsDescr
     EXPECT_EQ(1u, status);
     EXPECT_EQ(-1, bcmLinkStatusGet(9, &status));  // no such port on the chip
     EXPECT_EQ(1u, status);
+    EXPECT_EQ(0, bcmLinkStatusGet(3, &status));  // a link that is down is an answer too
+    EXPECT_EQ(0u, status);
 
     for (size_t i = 0; i < chip.port(3).counters.size(); ++i) chip.port(3).counters[i] = uint8_t(i + 1);
     uint8_t buf[BCM_PORT_STATS_LEN + 1] = {};
@@ -169,6 +171,8 @@ TEST_P(BcmForms, QosRecordsAndTheirResults) {
     EXPECT_EQ(-5, bcmPauseFrameConfigure(sw, &on));
     chip.failRequest(kQos, 3, 1);  // passed up, but reported as a failure
     EXPECT_EQ(3, bcmQoSConfigure(sw, &on));
+    chip.failRequest(kQos, -5, 1);
+    EXPECT_EQ(-5, bcmQoSConfigure(sw, &on));
     EXPECT_TRUE(cap->logsAre(swtest::dataLogs(kData, "qos-failures")));
     for (auto f : {bcmQoSConfigure, bcmPauseFrameConfigure, bcmRateLimitConfigure, bcmTrustModeConfigure,
                    bcmQueueSchedConfigure, bcmCosQueueMapConfigure})

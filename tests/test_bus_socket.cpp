@@ -436,6 +436,7 @@ TEST(BusSocket, UnsafeBusDirectoriesAreRefused) {
     struct stat st {};
     EXPECT_EQ(::stat(tmp.file("own").c_str(), &st) == 0 ? st.st_mode & 07777 : 0, 0700u) << "already private: kept";
     EXPECT_EQ(::stat(fits.c_str(), &st) == 0 ? st.st_mode & 07777 : 0, 0750u);
+    EXPECT_EQ(mbusIoctl(nullptr, 209, 1, nullptr, 0, nullptr, nullptr, 0, 0, 0), MBUS_PORT_ERR_NOMODULE) << "no path";
     mbusPortBusDirSet(busDir.c_str());
 }
 

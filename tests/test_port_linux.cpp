@@ -54,6 +54,7 @@ TEST(Port, EntryPointsRefuseMissingOrUnusableArguments) {
         ROW((osaPortIoctlHookAdd(answers7, nullptr), osaIoctl(-1, 0, nullptr)), 7),  // a hook's answer, whatever it is
         ROW(mbusIoctl(foreign, 230, 1, nullptr, 0, nullptr, nullptr, 0, 0, 0), MBUS_PORT_ERR_BADCTX),
         ROW(mbusListen(foreign, 0), -1), ROW(mbusUnRegister(foreign), -1),
+        ROW(mbusPortWatch(-1, [](void *, int) {}, nullptr), -1), ROW(mbusPortWatch(STDIN_FILENO, nullptr, nullptr), -1),
         ROW(mbusPortPost(1, 1, nullptr, 4, nullptr, 0), -1), ROW(mbusPortPost(1, 1, nullptr, 0, nullptr, 4), -1),
         ROW(mbusPortPost(1, 1, "x", -1, nullptr, 0), -1), ROW(mbusPortPost(1, 1, nullptr, 0, "x", -1), -1),
         ROW(sqlitePortBusyTimeoutSet(-1), -1), ROW(mbusPortConnLimitSet(0), -1),
@@ -112,8 +113,8 @@ TEST(OsaCmd, PlainLinesSpawnDirectlyOthersThroughTheShellWithTheShellsStatuses) 
     dir.write("noexec", "exit 0\n");
     dir.write("script", "exit 5\n");  // no interpreter line: the shell runs it
     dir.write("selfkill", "#!/bin/sh\nkill -TERM $$\n");
-    ::chmod(dir.file("script").c_str(), 0755);
-    ::chmod(dir.file("selfkill").c_str(), 0755);
+    dir.write("haspwd", "#!/usr/bin/printenv PWD\n");  // one word: spawned directly, without the shell's PWD
+    for (const char *f : {"script", "selfkill", "haspwd"}) ::chmod(dir.file(f).c_str(), 0755);
     const std::string d = dir.path() + "/";
     // Under a user-mode emulator a failed exec shows as a child exiting 127
     // rather than as a spawn error, whatever the reason it failed.
@@ -152,7 +153,7 @@ TEST(OsaCmd, PlainLinesSpawnDirectlyOthersThroughTheShellWithTheShellsStatuses) 
         {d + "missing arg", 127, "", false}, {"swmgr-no-such-tool arg", 127, "", false},
         {"'" + d + "missing'", 127, "", false}, {d + "noexec", 126, "", true}, {"'" + d + "noexec'", 126, "", false},
         {d + "selfkill", 128 + SIGTERM, "", false}, {d + "selfkill;", 128 + SIGTERM, "", false},
-        {d + "script", 5, "", true}, {"'" + d + "script'", 5, "", false},
+        {d + "script", 5, "", true}, {"'" + d + "script'", 5, "", false}, {d + "haspwd", 1, "", true},
     };
     for (const auto &c : cases) {
         char out[11] = "junk";
