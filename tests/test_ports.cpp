@@ -8,17 +8,7 @@
 
 namespace {
 
-using Lines = std::vector<std::string>;
 const char *const kData = "ports/expected.txt";
-
-SwitchPortConf portConf(const char *sw, int number, const char *phy = "", int trustMode = 0) {
-    SwitchPortConf c{};
-    std::snprintf(c.switchName, sizeof c.switchName, "%s", sw);
-    std::snprintf(c.phyDevice, sizeof c.phyDevice, "%s", phy);
-    c.portNumber = number;
-    c.trustMode = trustMode;
-    return c;
-}
 
 // Records of a list whose nodes start with their linkage, second word on.
 template <typename Node, typename T>
@@ -43,8 +33,11 @@ protected:
         return switchByNameGet(name);
     }
     void reset() { drv.calls.clear(), cap->clear(); }
-    int addPort(const char *sw, int number, const char *phy = "", int trustMode = 0) {
-        SwitchPortConf c = portConf(sw, number, phy, trustMode);
+    int addPort(const char *sw, int number, const char *phy = "", int trustMode = 0, SwitchPortConf c = {}) {
+        std::snprintf(c.switchName, sizeof c.switchName, "%s", sw);
+        std::snprintf(c.phyDevice, sizeof c.phyDevice, "%s", phy);
+        c.portNumber = number;
+        c.trustMode = trustMode;
         return switchPortConfAdd(&c);
     }
     swtest::RecordingDriver drv;
@@ -56,13 +49,15 @@ SWTEST_BOTH_FORMS(PortForms);
 
 TEST_P(PortForms, AddCopiesTheRowSendsTrustModeOnAddAndApplyRefusesDuplicates) {
     Switch *sw = add("REC", 1);
-    SwitchPortConf c = portConf("REC", 3, "", 2);
+    SwitchPortConf c{};  // named again for the release below
+    std::snprintf(c.switchName, sizeof c.switchName, "REC");
+    c.portNumber = 3;
     c.PVID = 10;
     c.portType = 2;
     c.mirroring = 1;
     std::memset(c.interfaceName, 'i', sizeof c.interfaceName);  // no terminator
     c.qos = {1000, 1, 4, 10, 20, 30, 40};
-    ASSERT_EQ(switchPortConfAdd(&c), 0);
+    ASSERT_EQ(addPort("REC", 3, "", 2, c), 0);
     SwitchPort *p = switchPortByNumberGet(sw, 3);
     EXPECT_EQ(std::tie(p->sw, p->PVID, p->portType, p->mirroring), std::make_tuple(sw, 10, 2, 1));
     EXPECT_EQ(std::string(p->interfaceName), std::string(63, 'i'));
@@ -142,7 +137,7 @@ TEST_F(Ports, MappingsThatWouldLoopTheHierarchyOrNameNoPortNumberAreRefused) {
     for (const swtest::Row &r : swtest::dataRows(kData, "refused")) {
         cap->clear();
         EXPECT_EQ(addPort(r.at(0).c_str(), 7, r.at(1).c_str()), -22) << r[0] << " " << r[1];
-        EXPECT_EQ(cap->rawLogs(), Lines(r.begin() + 2, r.end()));
+        EXPECT_EQ(cap->rawLogs(), swtest::Row(r.begin() + 2, r.end()));
         EXPECT_EQ(switchPortByNumberGet(switchByNameGet(r[0].c_str()), 7), nullptr);
     }
     EXPECT_EQ((std::vector<std::vector<Switch *>>{children(a), children(b), children(c)}),

@@ -9,7 +9,6 @@
 #include "data_lines.h"
 #include "pse_engine.h"
 #include "swmgr/portvlan.h"
-#include "swmgr_test.h"
 
 namespace {
 using Lines = std::vector<std::string>;

@@ -17,20 +17,14 @@ using Calls = std::vector<std::pair<int, swtest::Bytes>>;  // argument length, r
 const std::vector<int> kSettings = {SW_CMD_VLAN_ENABLE, SW_CMD_QOS_CONFIG, SW_CMD_PAUSE_FRAMES,
                                     SW_CMD_IGMP_SNOOPING, SW_CMD_MLD_SNOOPING};
 
-SwitchConf conf(const char *name, int level) {
-    SwitchConf c{};
-    std::snprintf(c.switchName, sizeof c.switchName, "%s", name);
-    std::snprintf(c.switchDevice, sizeof c.switchDevice, "/dev/%s", name);
-    c.switchLevel = level;
-    return c;
-}
-
 class SwitchLifecycle : public swtest::SwmgrTest {
 protected:
     // The recording driver binds the name in the table's spare entry.
-    int add(const char *name, int level) {
+    int add(const char *name, int level, SwitchConf c = {}) {
         std::snprintf(switchConfigFuncRegisterTbl[SW_DRIVER_TBL_SIZE - 1].name, SW_NAME_LEN, "%s", name);
-        SwitchConf c = conf(name, level);
+        std::snprintf(c.switchName, sizeof c.switchName, "%s", name);
+        std::snprintf(c.switchDevice, sizeof c.switchDevice, "/dev/%s", name);
+        c.switchLevel = level;
         return switchConfAdd(&c);
     }
     swtest::RecordingDriver drv;
@@ -43,11 +37,11 @@ const swtest::Log kCreatingRec{64, "switchCreate", "Creating REC Switch \n"};
 }  // namespace
 
 TEST_P(Lifecycle, AddBindsSendsFiveSettingsThenLists) {
-    SwitchConf c = conf("REC", 3);
+    SwitchConf c{};
     c.vlanEnable = c.qosEnable = 1;
     c.igmpSnoopingEnable = 0x101;  // only the low byte travels
     c.mldSnoopingEnable = 2;
-    ASSERT_EQ(switchConfAdd(&c), 0);
+    ASSERT_EQ(add("REC", 3, c), 0);
     Switch *sw = switchByNameGet("REC");
     ASSERT_EQ(drv.cmds(), kSettings);
     Calls calls;

@@ -10,8 +10,6 @@
 
 namespace {
 
-using Lines = std::vector<std::string>;
-
 class EncapTest : public swtest::SwmgrTest {
 protected:
     void SetUp() override {
@@ -33,7 +31,7 @@ TEST_P(EncapForms, StatusOfAFailedAddOrOfTheLastEgressMapDecides) {
         cap->clear();
         cap->scriptCommand("vconfig add eth0 100", status, 1);
         EXPECT_EQ(switchVlanEncapCreate(eth0, 100), status);
-        EXPECT_EQ(cap->commands, (Lines{"vconfig rem eth0.100", "vconfig add eth0 100"}));
+        EXPECT_EQ(cap->commands, (std::vector<std::string>{"vconfig rem eth0.100", "vconfig add eth0 100"}));
     }
     EXPECT_FALSE(root->exists("var/VLAN.100.Uptime"));
 
