@@ -234,10 +234,10 @@ TEST_P(PseVlanForms, MembershipMapsFollowThePsePortNumbersAndOnlyNegativeStatuse
     EXPECT_TRUE(cap->ioctls.empty());
 
     // The MAC text, cut interface names, and the cleared address of a
-    // failed request (which still succeeds).
+    // failed request (which still succeeds) for a name that only looks like dots.
     char out[PSE_MAC_TEXT_LEN];
     for (auto [ifName, mac] : {std::pair{"eth1", "00:1a:2b:3c:4d:5e\n"},
-                               {"a-very-long-interface-name", "02:00:00:00:00:03\n"}, {"eth9", "00:00:00:00:00:00\n"}}) {
+                               {"a-very-long-interface-name", "02:00:00:00:00:03\n"}, {"..9", "00:00:00:00:00:00\n"}}) {
         EXPECT_EQ(0, switchMacAddressByIfNameGet(ifName, out));
         EXPECT_STREQ(mac, out);
     }
