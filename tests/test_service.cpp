@@ -58,7 +58,7 @@ TEST_P(ServiceForms, StartUpRunsWithNothingToApplyAndStaysDownWithoutBusOrDataba
 
 TEST_F(Service, DiagnosticsAreCutAt1023CharactersAndTheForegroundGetsThemOnStandardError) {
     std::string big(3000, 'x');
-    swMgrDebug("p", 64, "f", 1, "%s", big.c_str());
+    EXPECT_EQ(swMgrDebug("p", 64, "f", 1, "%s", big.c_str()), 0);
     swMgrDebug(big.c_str(), 64, "f", 1, "tail");  // a prefix longer than the buffer never overflows it
     ASSERT_EQ(cap->logs.size(), 2u);
     EXPECT_EQ(cap->logs[0].raw, "pf:1:" + std::string(1018, 'x'));
@@ -77,7 +77,7 @@ TEST_F(Service, DiagnosticsAreCutAt1023CharactersAndTheForegroundGetsThemOnStand
     swMgrForeground = 1;
     testing::internal::CaptureStderr();
     EXPECT_EQ(swMgrDebug("", -1, nullptr, 0, "trace\n"), 0);
-    swMgrDebug("", 8, nullptr, 0, "unexpected reply from %d cmd=%d !\n", 20, 4);
+    EXPECT_EQ(swMgrDebug("", 8, nullptr, 0, "unexpected reply from %d cmd=%d !\n", 20, 4), 0);
     swMgrDebug("(switch=PSE) ", 256, "pseSwitchConfig", 9, "x\n");
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
               "unexpected reply from 20 cmd=4 !\n(switch=PSE) pseSwitchConfig:9:x\n");

@@ -169,6 +169,8 @@ TEST_P(VlanForms, PortBasedVlanOnlyWithInSwitchOnlyAndDisableThenDeleteRemovesEv
     SwitchVlan *v200 = switchVlanByIdGet(low, 200);
     drv.results = {{SW_CMD_VLAN_MEMBERSHIP_APPLY, -5}};
     EXPECT_EQ(switchVlanDisable(v200), -5);
+    drv.results = {{SW_CMD_VLAN_MEMBERSHIP_UPDATE, -6}};
+    EXPECT_EQ(switchVlanDisable(v200), -6);
     drv.results = {{SW_CMD_PORT_CONFIG_SET, -4}};  // disabled, but the apply is refused
     EXPECT_EQ(switchVlanDelete(v200), -4);
     EXPECT_EQ(ids(low), Ints{200});
