@@ -62,9 +62,8 @@ int handleIfDevEvent(const void *data, const void *aux, const int *auxLen) {
 // A bus command: switch name, then the argument area. Copied into a whole,
 // zero-filled record so that a short request is never read past its end.
 struct BusCommand {
-    char bytes[SW_BUS_NAME_LEN + SW_BUS_ARG_LEN];
+    char bytes[SW_BUS_NAME_LEN + SW_BUS_ARG_LEN] = {};
     BusCommand(const void *data, int dataLen) {
-        std::memset(bytes, 0, sizeof bytes);
         size_t n = dataLen > 0 ? static_cast<size_t>(dataLen) : 0;
         if (data != nullptr) std::memcpy(bytes, data, n < sizeof bytes ? n : sizeof bytes);
     }
