@@ -31,13 +31,12 @@ inline void copyText(char (&dst)[N], const char *src) {
 
 // Clears the whole buffer first, then prints into it; the text is cut at N-1.
 template <std::size_t N>
-__attribute__((format(printf, 2, 3))) inline int formatText(char (&dst)[N], const char *fmt, ...) {
+__attribute__((format(printf, 2, 3))) inline void formatText(char (&dst)[N], const char *fmt, ...) {
     std::memset(dst, 0, N);
     va_list ap;
     va_start(ap, fmt);
-    int r = std::vsnprintf(dst, N, fmt, ap);
+    std::vsnprintf(dst, N, fmt, ap);
     va_end(ap);
-    return r;
 }
 
 // Length of a text field that may lack its terminator.
