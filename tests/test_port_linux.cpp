@@ -48,7 +48,7 @@ TEST(Port, EntryPointsRefuseMissingOrUnusableArguments) {
         ROW(osaPortFilePathMap("/etc/hosts", "r", out, sizeof out), -1), ROW(osaCmdExec(nullptr, nullptr, 0), -1),
         ROW(osaCmdExec("true", nullptr, 4), -1), ROW(osaFileOpen(nullptr, "r") != nullptr, 0),
         ROW(osaPortFilePathMap(nullptr, "r", junk, 8), -1), ROW(osaPortFilePathMap("/x", "r", nullptr, 8), -1),
-        ROW(osaFilePrintf(sink, "%d", 12345), 5),
+        ROW(osaFilePrintf(sink, "%d", 12345), 5), ROW(osaClose(osaOpen("/dev/null", 0, 0)), 0),
         ROW(osaPortCmdHookAdd(nullptr, nullptr), -1), ROW(mbusPortSocketPath(1, out, sizeof out), -1),
         ROW(mbusPortLogTargetSet(7, nullptr), -1), ROW(osaIoctl(-1, 0, nullptr), -1),
         ROW((osaPortIoctlHookAdd(answers7, nullptr), osaIoctl(-1, 0, nullptr)), 7),  // a hook's answer, whatever it is
