@@ -176,14 +176,19 @@ TEST_F(DbEvents, RowsWithUnsafeTextsOrNumbersAreRefusedAndLeaveTheLoadedOnesAlon
     EXPECT_EQ(std::make_tuple(switchByNameGet("NEW"), switchPortByNumberGet(sw, 3), switchVlanByIdGet(sw, 11)),
               std::make_tuple(nullptr, nullptr, nullptr));
 
-    // At start-up the row's position names it when the table has no id.
-    rebuild("DELETE FROM vlanEncapIf; INSERT INTO vlanEncapIf VALUES (12, 'eth0', '', '', '', '0', '0', 0),"
-            " (13, 'a b', '', '', '', '0', '0', 0);");
-    ASSERT_EQ(switchCfgLoad(), 0);
-    cap->clear();
-    EXPECT_EQ(switchVlanCfgLoad(), -22);
-    EXPECT_EQ(cap->countLog("table vlanEncapIf row 2: interfaceName \"a b\" refused: character ' ' at offset 1"
-                            " is not allowed (letters, digits, '_', '.', '-')\n"), 1) << cap->dump();
+    // At start-up the row's id names it, or its position in a table without
+    // one; a handler called on its own names the table alone.
+    for (const char *table : {"(vlanId, interfaceName, n)", "(vlanId, interfaceName, id)"}) {
+        rebuild(std::string("DROP TABLE vlanEncapIf; CREATE TABLE vlanEncapIf ") + table +
+                "; INSERT INTO vlanEncapIf VALUES (12, 'eth0', 4), (13, 'a b', 9);");
+        ASSERT_EQ(switchCfgLoad(), 0);
+        EXPECT_EQ(switchVlanCfgLoad(), -22);
+    }
+    const char *cells[] = {"interfaceName", "a b"};
+    EXPECT_EQ(swVlanCfgDBInsertHandler(const_cast<char **>(cells), 1, 0), -22);
+    for (const char *origin : {"table vlanEncapIf row 2", "table vlanEncapIf row id 9", "table vlanEncapIf"})
+        EXPECT_EQ(cap->countLog(origin + std::string(": interfaceName \"a b\" refused: character ' ' at offset 1"
+                                                     " is not allowed (letters, digits, '_', '.', '-')\n")), 1);
 }
 
 }  // namespace

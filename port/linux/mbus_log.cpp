@@ -229,8 +229,9 @@ void diag(const char *tag, const char *format, ...) {
     mbusIoctl(nullptr, MBUS_MODULE_LOG, MBUS_LOG_CMD, &h, sizeof h, text, &len, MBUS_FLAG_NOREPLY, 0, 0);
 }
 
+// Records held for a reply stay held: the hold ends with the request,
+// and they go to whatever target is set then.
 void logClose() {
-    logRelease();
     if (path().fd >= 0) ::close(path().fd);
     path().fd = -1;
 }
