@@ -232,7 +232,12 @@ TEST(BusSocket, MalformedMessagesAreRefusedAndTheListenerServesOn) {
               MBUS_PORT_ERR_TOOBIG);
     const int most = MBUS_PORT_MSG_MAX - MBUS_MSG_HEADER_LEN;
     EXPECT_EQ(mbusIoctl(nullptr, 204, kEcho, big.data(), most, nullptr, nullptr, 0, 0, 0), 1000 + most);
-    EXPECT_EQ(count(204), 3);
+    // Lengths no buffer backs are refused before anything is sent; no room is room enough.
+    int less = -1, none = 0, bad = MBUS_PORT_ERR_BADMSG;
+    for (auto [data, len, room, want] : {std::tuple<char *, int, int *, int>{big.data(), -1, &none, bad},
+                                         {nullptr, 1, &none, bad}, {big.data(), 0, &less, bad}, {big.data(), 0, &none, 1000}})
+        EXPECT_EQ(mbusIoctl(nullptr, 204, kEcho, data, len, nullptr, room, 0, 0, 0), want) << len << *room;
+    EXPECT_EQ(count(204), 4);
     EXPECT_STREQ(mbusPortLastError(), "") << "a delivered request leaves no reason behind";
 
     // Answered with a request instead of a reply, or with a byte, the sender refuses what came.
@@ -266,7 +271,7 @@ TEST(BusSocket, MalformedMessagesAreRefusedAndTheListenerServesOn) {
     EXPECT_EQ(count(204), 77);
     EXPECT_EQ(mbusPortSendHookRemove(hook, nullptr), -1) << "another context's hook";
     EXPECT_EQ(mbusPortSendHookRemove(hook, &taken), 0);
-    EXPECT_EQ(count(204), 4);
+    EXPECT_EQ(count(204), 5);
     EXPECT_EQ(taken, 1);
 }
 
