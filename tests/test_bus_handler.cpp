@@ -42,6 +42,11 @@ TEST_P(BusHandlerForms, MalformedRequestsAndRepliesAreRefused) {
                               {8, "swMgrIoctlHandler", "swMgrIoctlHandler: short ifDev event request!\n"},
                               {8, "swMgrIoctlHandler", "Invalid database event\n"}}));
     EXPECT_TRUE(rec.calls.empty());
+    DbUpdateEvent del{};  // old values of one empty string: half a column, refused
+    std::string("vlanEncapIf").copy(del.tableName, 11), del.opCode = 9;
+    int one = 1;
+    EXPECT_EQ(handle(SW_CMD_DB_EVENT, &del, DB_UPDATE_EVENT_LEN, const_cast<char *>(""), &one), -1);
+    EXPECT_EQ(cap->countLog("old values result does not contain 2 rows.j=1 nCols=1 outLen=1\n"), 1);
 }
 
 // Each bandwidth event: the request, the result, the rate-limit record sent
