@@ -214,14 +214,15 @@ using PseVlanForms = swtest::BothForms<PseVlanTest>;
 
 TEST_P(PseVlanForms, MembershipMapsFollowThePsePortNumbersAndOnlyNegativeStatusesFail) {
     // Only negative engine statuses fail; a failed table edit sends no ARL
-    // line, so the four requests send seven lines. A line carrying the MAC
+    // line, so the five requests send nine lines. A line carrying the MAC
     // text's newline makes no table entry.
     for (const swtest::Row &r : swtest::dataRows(kData, "engine-statuses")) {
         engine.failCommand(r.at(0).c_str(), std::stoi(r.at(1)), true, 1);
         EXPECT_EQ(std::stoi(r.at(3)), apply(std::stoul(r.at(2), nullptr, 16))) << r[0];
         EXPECT_EQ(r.at(4) == "entry", engine.vlanEntry(3) != nullptr) << r[0];
     }
-    EXPECT_EQ(7u, cap->commands.size());
+    EXPECT_EQ(9u, cap->commands.size());
+    EXPECT_EQ(1, cap->countLog("Failed to add CPU ARL Entry for VLAN.\n")) << "the -7 only";
 
     // PSE port 5 stands for bit 0 and 2, port 33 for bit 1; the MAC text
     // brings its newline into both lines. No member: zero maps, and the ARL
