@@ -118,6 +118,7 @@ extern "C" int osaCmdExec(const char *command, char *output, int outputLen) {
 
     const bool capture = outputLen > 0;
     int pipeFd[2];
+    if (capture) output[0] = '\0';  // all that a line which never ran leaves
     if (capture && ::pipe2(pipeFd, O_CLOEXEC) != 0) return -1;
 
     posix_spawn_file_actions_t actions;
@@ -132,7 +133,6 @@ extern "C" int osaCmdExec(const char *command, char *output, int outputLen) {
         if (rc == ENOENT || rc == EACCES) {
             posix_spawn_file_actions_destroy(&actions);
             if (capture) {
-                output[0] = '\0';
                 ::close(pipeFd[0]);
                 ::close(pipeFd[1]);
             }
@@ -162,8 +162,6 @@ extern "C" int osaCmdExec(const char *command, char *output, int outputLen) {
             char sink[256];
             while (::read(pipeFd[0], sink, sizeof sink) > 0) {
             }
-        } else {
-            output[0] = '\0';
         }
         ::close(pipeFd[0]);
     }
