@@ -2,6 +2,7 @@
 // The bus between processes: a module served by a forked child, reached
 // through its socket, what the listener refuses, and where log records go.
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -297,6 +298,26 @@ TEST(BusSocket, PastTheConnectionLimitTheConnectionIdleLongestIsClosed) {
     for (int fd : c) closed.push_back(::recv(fd, &r, 1, MSG_DONTWAIT) == 0);
     EXPECT_EQ(closed, (std::vector<bool>{true, false, true, false, false}));
     for (int fd : c) ::close(fd);
+    // Out of descriptors, the connection idle longest makes room; with none
+    // to close, the wait still ends on time.
+    rlimit was{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &was), 0);
+    auto oneLeft = [&] {
+        const rlimit low{static_cast<rlim_t>(swtest::lowestFreeFd() + 1), was.rlim_max};
+        return ::setrlimit(RLIMIT_NOFILE, &low);
+    };
+    EXPECT_EQ(mbusListen(ctx, 20000), 0);  // the closed ones are let go
+    ASSERT_EQ(oneLeft(), 0);
+    const int idle = rawConnect(207);
+    EXPECT_EQ(mbusListen(ctx, 20000), 0);
+    ::setrlimit(RLIMIT_NOFILE, &was);
+    EXPECT_EQ(mbusListen(ctx, 20000), 0);
+    ASSERT_EQ(oneLeft(), 0);
+    const int fresh = rawConnect(207);
+    EXPECT_EQ(mbusListen(ctx, 20000), 0);
+    ::setrlimit(RLIMIT_NOFILE, &was);
+    EXPECT_EQ(::recv(idle, &r, 1, MSG_DONTWAIT), 0);
+    ::close(idle), ::close(fresh);
     mbusPortConnLimitSet(MBUS_PORT_CONN_LIMIT);
     mbusUnRegister(ctx);
 }

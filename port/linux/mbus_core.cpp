@@ -332,7 +332,9 @@ extern "C" int mbusListen(MbusCtx *ctx, unsigned int timeoutUs) {
         int r = serveRound(served, deadline);
         if (r < 0) break;
         ran = r;
-        if (!ctx->live) break;
+        // A descriptor that stays ready without anything to serve (a listener
+        // whose accept finds no descriptor left) never lets the wait run out.
+        if (!ctx->live || Clock::now() >= deadline) break;
     }
     for (auto *m : served) {
         m->listening = false;
