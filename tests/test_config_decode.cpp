@@ -102,6 +102,7 @@ TEST(ConfigDecode, AbsentUntagMapConvertsWhatFwdMapLeftInTheScratch) {
     using Case = std::tuple<std::vector<std::string>, std::vector<Cell>, uint32_t, uint32_t>;
     for (const auto &[names, row, fwd, untag] : std::vector<Case>{
              {{"fwdMap"}, {"3"}, 0x8, 0x8},
+             {{"fwdMap"}, {std::string(510, '0') + "13"}, 0x2, 0x2},  // cut to the 511 bytes the scratch holds
              {{"fwdMap", "untagMap"}, {"0,1,2,8", std::nullopt}, 0x107, 0x100},
              {{"fwdMap", "untagMap"}, {"", "1"}, 0, 0x2},
              {{"fwdMap", "untagMap"}, {std::nullopt, std::nullopt}, 0, 0}}) {

@@ -162,6 +162,7 @@ TEST_P(DbEventForms, MalformedEventsAreRefusedAndNothingIsReadPastItsLength) {
     // A cut last string ends with its block (40 bytes: no slack after it to hide a missing end).
     EXPECT_EQ(event("vlanEncapIf", 1, 9, std::string("vlanId\0ingressMap\0interfaceName\0" "10\0\0eth0", 40)), 0);
     EXPECT_EQ(cap->commands, std::vector<std::string>{"vconfig rem eth0.10"});
+    EXPECT_EQ(event("vlanEncapIf", 1, 9, std::string("vlanId\0" "4294967306", 18)), -22) << "an old id past 32 bits";
 }
 
 TEST_F(DbEvents, RowsWithUnsafeTextsOrNumbersAreRefusedAndLeaveTheLoadedOnesAlone) {

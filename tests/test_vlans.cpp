@@ -135,7 +135,9 @@ TEST_P(VlanForms, PortBasedVlanOnlyWithInSwitchOnlyAndDisableThenDeleteRemovesEv
         // The add's commands are checked in the start-up transcript.
         SwitchVlanConf c = vlanConf(10 + only, 0x3, 0x1, only);
         ASSERT_EQ(switchVlanConfAdd(&c), 0);
-        EXPECT_EQ(switchPortVlanConfigure(switchVlanByIdGet(top, 10 + only), SW_CMD_VLAN_ADD), 0);
+        SwitchVlan *v = switchVlanByIdGet(top, 10 + only);
+        EXPECT_EQ(std::make_pair(switchPortVlanConfigure(v, SW_CMD_VLAN_ADD), switchPortVlanConfigure(v, 99)),
+                  std::make_pair(0, -only)) << "an operation neither add nor delete is refused";
         reset();
         SwitchVlanConf next = vlanConf(10 + only, 0x7, 0x1, only);
         ASSERT_EQ(switchVlanConfUpdate(&next, &c), 0);

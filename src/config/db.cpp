@@ -45,7 +45,7 @@ template <typename T>
 using HeapArray = std::unique_ptr<T[], FreeDeleter>;
 template <typename T>
 HeapArray<T> heapArray(std::size_t n) {
-    return HeapArray<T>(static_cast<T *>(std::calloc(n != 0 ? n : 1, sizeof(T))));
+    return HeapArray<T>(static_cast<T *>(std::calloc(n, sizeof(T))));  // callers never ask for none
 }
 
 using RowInsertFn = int (*)(char **, int, int);

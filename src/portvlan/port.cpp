@@ -20,7 +20,7 @@ uint32_t portSeqNo = 0;
 
 // Why the last switchPortCreate gave no port: a refused mapping is -22,
 // anything else the generic failure.
-int createStatus = -1;
+int createStatus;  // set by switchPortCreate before it can give no port
 
 constexpr std::size_t kMapNameLen = 64;
 constexpr std::size_t kMapNumberLen = 32;
@@ -32,9 +32,7 @@ void mappedPortsFree(SwitchPort *port) {
 
 template <std::size_t N>
 void copyView(char (&dst)[N], std::string_view src) {
-    const std::size_t n = src.size() < N - 1 ? src.size() : N - 1;
-    std::memcpy(dst, src.data(), n);
-    dst[n] = '\0';
+    swmgr::formatText(dst, "%.*s", static_cast<int>(src.size()), src.data());
 }
 
 // The text before / after position `at`, as find gave it (in range, or npos
