@@ -125,7 +125,7 @@ extern "C" int osaCmdExec(const char *command, char *output, int outputLen) {
     posix_spawn_file_actions_init(&actions);
     if (capture) posix_spawn_file_actions_adddup2(&actions, pipeFd[1], STDOUT_FILENO);
 
-    pid_t pid = 0;
+    pid_t pid;  // set by a spawn that succeeds, the only one waited for
     int rc = -1;
     DirectLine line;
     if (directSplit(command, line)) {
