@@ -81,8 +81,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size) {
         std::vector<char> aux(cap);
         int auxLen = cap;
         char data[8] = "request";
-        mbusIoctl(nullptr, kReplierModule, 40, data, sizeof data, cap == 0 ? nullptr : aux.data(), &auxLen, 0, 1000,
-                  0);
+        mbusIoctl(nullptr, kReplierModule, 40, data, sizeof data, cap ? aux.data() : nullptr, &auxLen, 0, 1000, 0);
     }
     return 0;
 }

@@ -21,13 +21,12 @@ constexpr int kCodes[] = {4,  5,  36, 38, 33, 34, 35, 37, 39, 40, 41, 42, 43,
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size) {
-    static const int started = [] {
+    [[maybe_unused]] static const int started = [] {
         static swfuzz::SimWorld world;
         swfuzz::quietBus();
         if (swMgrInit(world.db.c_str()) != 0) std::abort();
         return 0;
     }();
-    (void)started;
     swfuzz::Input in(bytes, size);
     const uint8_t pick = in.u8();
     const int cmd = pick < std::size(kCodes) ? kCodes[pick] : static_cast<int16_t>(in.u16());

@@ -59,12 +59,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size) {
     static swfuzz::SimWorld world;
     // Rows go into the world's database file through the system's own
     // connection: nothing else holds it open.
-    static const int opened = [] {
+    [[maybe_unused]] static const int opened = [] {
         swfuzz::quietBus();
         if (swMgrDBInit(const_cast<char *>(world.db.c_str())) != 0) std::abort();
         return sqlite3_exec(pDB, "PRAGMA synchronous=OFF; PRAGMA journal_mode=MEMORY;", nullptr, nullptr, nullptr);
     }();
-    (void)opened;
     for (auto *sw = static_cast<Switch *>(osaListFirst(&switchTbl)); sw; sw = static_cast<Switch *>(osaListNext(sw)))
         switchConfigFuncUnRegister(sw);  // closes the chip's descriptor
     swtest::resetRegistry();

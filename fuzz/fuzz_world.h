@@ -47,12 +47,11 @@ private:
 
 // Sends every bus message (log records included) nowhere.
 inline void quietBus() {
-    static const int added = mbusPortSendHookAdd(
+    [[maybe_unused]] static const int added = mbusPortSendHookAdd(
         [](void *, int, int, const void *, int, void *, int *, int *result) {
             *result = 0;
             return 1;
         }, nullptr);
-    (void)added;
 }
 
 // Creates the example database in a private directory and starts the
