@@ -57,10 +57,9 @@ TEST_F(Service, DiagnosticsAreCutAt1023CharactersAndTheForegroundGetsThemOnStand
     std::string big(3000, 'x');
     EXPECT_EQ(swMgrDebug("p", 64, "f", 1, "%s", big.c_str()), 0);
     swMgrDebug(big.c_str(), 64, "f", 1, "tail");  // a prefix longer than the buffer never overflows it
-    ASSERT_EQ(cap->logs.size(), 2u);
-    EXPECT_EQ(cap->logs[0].raw, "pf:1:" + std::string(1018, 'x'));
-    EXPECT_EQ(cap->logs[0].length, 1024);
-    EXPECT_EQ(cap->logs[1].raw, std::string(1023, 'x'));
+    EXPECT_EQ(cap->logs.at(0).raw, "pf:1:" + std::string(1018, 'x'));
+    EXPECT_EQ(cap->logs.at(0).length, 1024);
+    EXPECT_EQ(cap->logs.at(1).raw, std::string(1023, 'x'));
     // Call sites name their function and line in developer form.
     swMgrDevDebug = 1;
     const int line = __LINE__ + 1;
