@@ -63,7 +63,7 @@ struct Bus {
     std::vector<std::unique_ptr<MbusCtx>> all;  // every context ever registered
     std::vector<Watch> watches;
     size_t connLimit = MBUS_PORT_CONN_LIMIT;
-    uint64_t tick = 0;
+    uint64_t tick{};  // only the order of its values matters
     uint64_t refused = 0;  // connections closed at accept: their user may not use the bus
     bool failRegister = false;
     mbuswire::Bytes buf;  // the message being served
