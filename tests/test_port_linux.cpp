@@ -57,7 +57,7 @@ TEST(Port, EntryPointsRefuseMissingOrUnusableArguments) {
         ROW(mbusPortWatch(-1, [](void *, int) {}, nullptr), -1), ROW(mbusPortWatch(STDIN_FILENO, nullptr, nullptr), -1),
         ROW(mbusPortPost(1, 1, nullptr, 4, nullptr, 0), -1), ROW(mbusPortPost(1, 1, nullptr, 0, nullptr, 4), -1),
         ROW(mbusPortPost(1, 1, "x", -1, nullptr, 0), -1), ROW(mbusPortPost(1, 1, nullptr, 0, "x", -1), -1),
-        ROW(sqlitePortBusyTimeoutSet(-1), -1), ROW(mbusPortConnLimitSet(0), -1),
+        ROW(sqlitePortBusyTimeoutSet(-1), -1), ROW(mbusPortConnLimitSet(0), -1), ROW(mbusInit(nullptr), 0),
         ROW(osaFileOpen("/dev/null", nullptr) != nullptr, 0), ROW(mbusPortListenAlong(posts, foreign), -1),
         // Serving along goes one level deep only: not along a module that is
         // itself along, nor for one that others are along.
