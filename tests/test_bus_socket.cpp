@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstring>
 #include <string>
@@ -417,6 +418,27 @@ TEST(BusSocket, LogRecordsToTheBusStandardErrorOrTheSystemLog) {
     mbusPortLogTargetSet(MBUS_PORT_LOG_BUS, nullptr);
     ::close(sys);
     EXPECT_EQ(mbusDeInit(), 0);
+}
+
+// Signals arriving while a request or a command line is waited for cut no
+// wait short: a daemon's children and timers send them all the time.
+TEST(BusSocket, SignalsInterruptNoWait) {
+    Server child(211);
+    ASSERT_TRUE(child.ready);
+    struct sigaction act {}, was {};
+    act.sa_handler = [](int) {};  // no SA_RESTART: every wait sees EINTR
+    ASSERT_EQ(::sigaction(SIGUSR1, &act, &was), 0);
+    std::atomic<bool> done{false};
+    std::thread storm([&done, waiter = ::pthread_self()] {
+        for (; !done; std::this_thread::sleep_for(std::chrono::milliseconds(2))) ::pthread_kill(waiter, SIGUSR1);
+    });
+    EXPECT_EQ(mbusIoctl(nullptr, 211, kSlow, nullptr, 0, nullptr, nullptr, 0, 5000, 0), 1000);
+    char out[4];
+    EXPECT_EQ(osaCmdExec("sleep 0.1; printf ok; exec >&-; sleep 0.1", out, sizeof out), 0);  // read, then wait
+    EXPECT_STREQ(out, "ok");
+    done = true;
+    storm.join();
+    ::sigaction(SIGUSR1, &was, nullptr);
 }
 
 // A module that accepts nobody holds a sender no longer than its wait.
