@@ -214,7 +214,7 @@ TEST(BusSocket, ModulesServeOtherProcessesUntilTheyUnregister) {
     // standard error), and they may name room for a text they do not give.
     int room = 4, said = 5;
     testing::internal::CaptureStderr();
-    EXPECT_EQ(mbusIoctl(ctx, MBUS_MODULE_LOG, MBUS_LOG_CMD, nullptr, 0, nullptr, &room, 0, 0, 0), MBUS_PORT_ERR_BADCTX);
+    EXPECT_EQ(mbusIoctl(ctx, MBUS_MODULE_LOG, MBUS_LOG_CMD, nullptr, 4, nullptr, &room, 0, 0, 0), MBUS_PORT_ERR_BADCTX);
     mbusIoctl(ctx, MBUS_MODULE_LOG, MBUS_LOG_CMD, nullptr, 0, const_cast<char *>("bye\n"), &said, 0, 0, 0);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "[log 0] [log 0] bye\n");
     EXPECT_STREQ(mbusPortLastError(), "sending through an unregistered context");

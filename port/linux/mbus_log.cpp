@@ -124,8 +124,10 @@ bool sendOnce(int fd, const Record &r) {
         std::snprintf(line, sizeof line, "<%d>%s %s[%d]: %.*s", LOG_DAEMON | syslogSeverity(r.h.level), stamp,
                       program_invocation_short_name, static_cast<int>(::getpid()),
                       static_cast<int>(std::min(text.size(), kTextMax)), text.data());
-        // The text holds no NUL, so the terminator ends what was written, cut or not.
-        return ::send(fd, line, std::strlen(line), MSG_DONTWAIT | MSG_NOSIGNAL) >= 0;
+        // The text holds no NUL, so the terminator ends what was written, cut
+        // or not; a datagram goes whole or not at all.
+        const size_t len = std::strlen(line);
+        return ::send(fd, line, len, MSG_DONTWAIT | MSG_NOSIGNAL) == static_cast<ssize_t>(len);
     }
     if (!drainReplies(fd)) {
         errno = EPIPE;
