@@ -493,6 +493,9 @@ TEST(BusSocket, UnsafeBusDirectoriesAreRefused) {
     EXPECT_EQ(::stat(tmp.file("own").c_str(), &st) == 0 ? st.st_mode & 07777 : 0, 0700u) << "already private: kept";
     EXPECT_EQ(::stat(fits.c_str(), &st) == 0 ? st.st_mode & 07777 : 0, 0750u);
     EXPECT_EQ(mbusIoctl(nullptr, 209, 1, nullptr, 0, nullptr, nullptr, 0, 0, 0), MBUS_PORT_ERR_NOMODULE) << "no path";
+    mbusPortBusDirSet((file + "/bus").c_str());  // a file where a directory should be
+    EXPECT_EQ(mbusIoctl(nullptr, 209, 1, nullptr, 0, nullptr, nullptr, 0, 0, 0), MBUS_PORT_ERR_IO);
+    EXPECT_EQ(mbusPortLastError(), "cannot connect to " + file + "/bus/mod-209.sock: Not a directory");
     mbusPortBusDirSet(busDir.c_str());
 }
 

@@ -4,6 +4,7 @@
 // test stands on.
 #include <signal.h>
 #include <spawn.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -45,7 +46,8 @@ TEST(Port, EntryPointsRefuseMissingOrUnusableArguments) {
         ROW(osaPortDeviceDetach(nullptr), -1), ROW(osaPortDeviceDetach("/dev/swmgr-none"), -1),
         ROW((osaPortDeviceAttach("/dev/swmgr-a", &model), osaPortDeviceDetach("/dev/swmgr-a")), 0),
         ROW(osaFilePrintf(nullptr, "x"), -1), ROW(osaFileClose(nullptr), -1), ROW(osaUnlink(nullptr), -1),
-        ROW(osaPortFilePathMap("/etc/hosts", "r", out, sizeof out), -1), ROW(osaCmdExec(nullptr, nullptr, 0), -1),
+        ROW(osaPortFilePathMap("/etc/hos", "r", out, sizeof out), -1), ROW(osaCmdExec(nullptr, nullptr, 0), -1),
+        ROW(osaPortFilePathMap("/etc/ho", "r", out, sizeof out), 0),  // a path and its terminator fill it
         ROW(osaCmdExec("true", nullptr, 4), -1), ROW(osaFileOpen(nullptr, "r") != nullptr, 0),
         ROW(osaPortFilePathMap(nullptr, "r", junk, 8), -1), ROW(osaPortFilePathMap("/x", "r", nullptr, 8), -1),
         ROW(osaFilePrintf(sink, "%d", 12345), 5), ROW(osaClose(osaOpen("/dev/null", 0, 0)), 0),
@@ -170,6 +172,13 @@ TEST(OsaCmd, PlainLinesSpawnDirectlyOthersThroughTheShellWithTheShellsStatuses) 
     EXPECT_EQ(swtest::lowestFreeFd(), lowest) << "no descriptor left open";
     char head[4];  // more than a pipe holds is drained, never left to block the child
     EXPECT_EQ(osaCmdExec("seq 20000", head, sizeof head), 0);
+    // Without a descriptor for its output, a line is not run.
+    rlimit was{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &was), 0);
+    const rlimit none{static_cast<rlim_t>(swtest::lowestFreeFd()), was.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+    EXPECT_EQ(osaCmdExec("printf x", head, sizeof head), -1);
+    ::setrlimit(RLIMIT_NOFILE, &was);
     // A caller that lets children go unwaited loses their statuses: unknown, never success.
     const auto old = ::signal(SIGCHLD, SIG_IGN);
     EXPECT_EQ(osaCmdExec("true", nullptr, 0), -1);
