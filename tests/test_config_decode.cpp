@@ -49,11 +49,10 @@ TEST(ConfigDecode, PortRowMatchesExactNamesFirstColumnWinsNullKeepsLongTextCut) 
     c.trustMode = 5;
     swPortCfgFromQueryResultRead(&c, t.cells.data(), t.nCols, 0);
     // The first of the two portNumber columns; "pvid" is not "PVID", and nulls keep.
-    EXPECT_EQ(std::tie(c.portNumber, c.PVID, c.trustMode), std::make_tuple(3, 77, 5));
-    EXPECT_STREQ(c.switchName, "PSE");
-    EXPECT_EQ(std::string(c.interfaceName), longIf.substr(0, 63));  // cut at its field,
-    EXPECT_STREQ(c.phyDevice, "BCM:1,BCM:2");                       // the neighbour intact
-    EXPECT_EQ(std::tie(c.mirroring, c.portType), std::make_tuple(1, 2));
+    EXPECT_EQ(std::tie(c.portNumber, c.PVID, c.trustMode, c.mirroring, c.portType), std::make_tuple(3, 77, 5, 1, 2));
+    // The long name is cut at its field, the neighbour intact.
+    EXPECT_EQ(std::string(c.switchName) + "|" + c.interfaceName + "|" + c.phyDevice,
+              "PSE|" + longIf.substr(0, 63) + "|BCM:1,BCM:2");
     const SwitchPortQos qos{1000, 1, 4, 10, 20, 30, 40};
     EXPECT_EQ(swtest::bytesOf(c.qos), swtest::bytesOf(qos));
 }

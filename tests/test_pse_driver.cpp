@@ -121,8 +121,7 @@ TEST_P(PseForms, CommandEntryForwardingAndAttachingOnlyToAnExactPseName) {
 }
 
 TEST_P(PseForms, RateLimitsQosTrustModesQueueSchedulingAndPauseFrames) {
-    addPort(pse, 1);
-    addPort(pse, 3);
+    for (int n : {1, 3}) addPort(pse, n);
     // Any non-zero status fails: a negative rate is below 64 and reaches
     // the engine, which refuses the negative value.
     for (const swtest::Row &c : swtest::dataRows(kData, "rate-limits")) {
@@ -137,14 +136,12 @@ TEST_P(PseForms, RateLimitsQosTrustModesQueueSchedulingAndPauseFrames) {
     cap->clear();
     uint32_t off = 0;
     EXPECT_EQ(0, pseQoSConfigure(pse, &off));
-    for (int mode = 0; mode < 6; ++mode) {
-        SwitchTrustModeArg arg{3, mode};
-        EXPECT_EQ(mode < 5 ? 0 : -1, pseTrustModeConfigure(pse, &arg));
-    }
+    SwitchTrustModeArg t{3, 0};
+    for (; t.trustMode < 6; ++t.trustMode) EXPECT_EQ(t.trustMode < 5 ? 0 : -1, pseTrustModeConfigure(pse, &t));
     EXPECT_EQ(swtest::dataLines(kData, "qos-off-and-trust"), cap->commands);
-    SwitchTrustModeArg fine{3, 0};
+    t.trustMode = 0;
     engine.failCommand("pri_ctl_func", 3, true);
-    EXPECT_EQ(3, pseTrustModeConfigure(pse, &fine));  // the status is passed up
+    EXPECT_EQ(3, pseTrustModeConfigure(pse, &t));  // the status is passed up
 
     // Queue scheduling over ports 1 and 3: bad counts and modes are refused unsent.
     cap->clear();
@@ -197,8 +194,6 @@ protected:
         addPort(pse, 5, {addPort(bcm, 1), addPort(bcm, 3)});
         addPort(pse, 33, {addPort(bcm, 4)});
         addPort(pse, 9);  // maps nothing, never joins
-        vlan.vlanId = 100;
-        vlan.vlanIndex = 3;
         cap->clear();
     }
     int apply(uint32_t fwdMap, const char *ifName = "eth1") {
@@ -208,7 +203,7 @@ protected:
     }
     // eth0 answers 02:00:00:00:00:01, the long name 02:00:00:00:00:03.
     swsim::HostVlanModel host{{"eth0", "eth1", "a-very-long-int"}};
-    SwitchVlan vlan{};
+    SwitchVlan vlan{{}, 100, 3, {}, {}, {}, {}, {}, 0, 0, 0, nullptr};
 };
 using PseVlanForms = swtest::BothForms<PseVlanTest>;
 
@@ -238,10 +233,9 @@ TEST_P(PseVlanForms, MembershipMapsFollowThePsePortNumbersAndOnlyNegativeStatuse
     // The MAC text, cut interface names, and the cleared address of a
     // failed request (which still succeeds) for a name that only looks like dots.
     char out[PSE_MAC_TEXT_LEN];
-    for (auto [ifName, mac] : {std::pair{"eth1", "00:1a:2b:3c:4d:5e\n"},
-                               {"a-very-long-interface-name", "02:00:00:00:00:03\n"}, {"..9", "00:00:00:00:00:00\n"}}) {
-        EXPECT_EQ(0, switchMacAddressByIfNameGet(ifName, out));
-        EXPECT_STREQ(mac, out);
+    for (const swtest::Row &m : swtest::dataRows(kData, "mac-texts")) {
+        EXPECT_EQ(0, switchMacAddressByIfNameGet(m.at(0).c_str(), out));
+        EXPECT_EQ(m.at(1), out);
     }
     EXPECT_EQ(SW_EINVAL, switchMacAddressByIfNameGet("eth1", nullptr));
 
