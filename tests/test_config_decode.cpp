@@ -44,9 +44,7 @@ TEST(ConfigDecode, PortRowMatchesExactNamesFirstColumnWinsNullKeepsLongTextCut) 
              "queue1Weight", "queue2Weight", "queue3Weight", "queue4Weight", "PVID"},
             {{"3", "10", "PSE", "9", std::nullopt, longIf, "BCM:1,BCM:2", "1", "2", "1000", "1",
               "4", "10", "20", "30", "40", std::nullopt}});
-    SwitchPortConf c{};
-    c.PVID = 77;
-    c.trustMode = 5;
+    SwitchPortConf c{{}, 0, 77, 0, 0, 0, 5, {}, {}, {}};  // PVID and trust mode set beforehand
     swPortCfgFromQueryResultRead(&c, t.cells.data(), t.nCols, 0);
     // The first of the two portNumber columns; "pvid" is not "PVID", and nulls keep.
     EXPECT_EQ(std::tie(c.portNumber, c.PVID, c.trustMode, c.mirroring, c.portType), std::make_tuple(3, 77, 5, 1, 2));
@@ -106,8 +104,7 @@ TEST(ConfigDecode, AbsentUntagMapConvertsWhatFwdMapLeftInTheScratch) {
              {{"fwdMap", "untagMap"}, {"", "1"}, 0, 0x2},
              {{"fwdMap", "untagMap"}, {std::nullopt, std::nullopt}, 0, 0}}) {
         Table t(names, {row});
-        SwitchVlanConf c{};
-        c.fwdMap = c.untagMap = 0xffffffffu;  // always converted, never kept
+        SwitchVlanConf c{0, {}, {}, {}, {}, {}, 0xffffffffu, 0xffffffffu, 0, 0};  // maps always converted, never kept
         swVlanCfgFromQueryResultRead(&c, t.cells.data(), t.nCols, 0);
         EXPECT_EQ(std::tie(c.fwdMap, c.untagMap), std::tie(fwd, untag)) << row[0].value_or("NULL");
     }
