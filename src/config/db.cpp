@@ -235,9 +235,10 @@ extern "C" int swVlanCfgDBInsertHandler(char **result, int nCols, int row) {
 extern "C" int swVlanCfgDBUpdateHandler(char **result, char **oldRow, int nCols, int row) {
     SwitchVlanConf newConf{};
     SwitchVlanConf oldConf{};
-    int r = result != nullptr ? swVlanCfgFromQueryResultRead(&newConf, result, nCols, row) : 0;
+    // A missing row reads as one whose every column is absent.
+    int r = swVlanCfgFromQueryResultRead(&newConf, result, nCols, row);
     if (r < 0) return r;
-    r = oldRow != nullptr ? swVlanCfgFromQueryResultRead(&oldConf, oldRow, nCols, row) : 0;
+    r = swVlanCfgFromQueryResultRead(&oldConf, oldRow, nCols, row);
     if (r < 0) return r;
     // Only the new values are used beyond the lookup of the VLAN.
     char buf[96];
@@ -253,7 +254,7 @@ extern "C" int swVlanCfgDBUpdateHandler(char **result, char **oldRow, int nCols,
 
 extern "C" int swVlanCfgDBDeleteHandler(char **oldRow, int nCols, int row) {
     SwitchVlanConf conf{};
-    int r = oldRow != nullptr ? swVlanCfgFromQueryResultRead(&conf, oldRow, nCols, row) : 0;
+    int r = swVlanCfgFromQueryResultRead(&conf, oldRow, nCols, row);  // none: every column absent
     if (r < 0) return r;
     // The old values come with the event, and their parent interface name
     // goes into the command that removes the sub-interface.
