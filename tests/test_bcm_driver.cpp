@@ -124,6 +124,8 @@ TEST_P(BcmForms, CommandEntryChecksExactSizesReadOnlyQueriesAndBindingKeepsDescr
     chip.failRequest(0x80055308u, 2, 2);  // answers other than 0 and 1
     EXPECT_EQ(printed([] { EXPECT_EQ(-1, bcmVlanShow(nullptr, 10)); }), dumps.at(4));
     EXPECT_EQ(-1, bcmIsPortInVlanFwdMap(0, 5000));  // a refused query is no answer
+    chip.failRequest(kClear, 2, 1);
+    EXPECT_EQ(0, bcmVlanMembershipClear(10)) << "whatever the chip answers but a failure";
 
     // Descriptor 0 is never closed; a device that cannot be opened leaves
     // the driver bound, so commands arrive and fail on the bad descriptor.
@@ -159,9 +161,9 @@ TEST_P(BcmForms, QosRecordsAndTheirResults) {
     rate.portNumber = trust.portNumber = 9;  // the chip refuses
     EXPECT_EQ(-22, bcmRateLimitConfigure(sw, &rate));
     EXPECT_EQ(-22, bcmTrustModeConfigure(sw, &trust));
-    // A positive QoS status is passed up, but reported as a failure.
+    // A positive status is passed up, but reported as a failure.
     for (auto [code, status, f] : {std::tuple{kPause, -5, &bcmPauseFrameConfigure}, {kQos, 3, &bcmQoSConfigure},
-                                   {kQos, -5, &bcmQoSConfigure}}) {
+                                   {kQos, -5, &bcmQoSConfigure}, {kPause, 3, &bcmPauseFrameConfigure}}) {
         chip.failRequest(code, status, 1);
         EXPECT_EQ(status, f(sw, &on));
     }
