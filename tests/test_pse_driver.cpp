@@ -54,6 +54,7 @@ TEST_P(PseForms, CommandEntryForwardingAndAttachingOnlyToAnExactPseName) {
     cap->clear();
     char record[SW_VLAN_REC_LEN] = {};  // large enough for either
     EXPECT_EQ(SW_EINVAL, config(35, record, SW_VLAN_REC_LEN - 1));
+    EXPECT_EQ(SW_EINVAL, pseSwitchConfig(nullptr, 35, record, SW_VLAN_REC_LEN, nullptr, nullptr));
     EXPECT_EQ(SW_EINVAL, config(51, record, SW_TRUST_MODE_ARG_LEN + 1));
     char arg[4] = {1, 2, 3, 4};
     EXPECT_EQ(0, config(40, arg, 4));  // no handler: passed on as it is

@@ -19,12 +19,12 @@ const char *outcome(int status) { return status == 0 ? "Success" : "Failed"; }
 
 // Weight to the engine's log2 exponent, truncated toward zero. A weight of
 // 0 (log gives -inf) becomes the most negative int, as on the target; a
-// negative weight (log gives NaN) becomes 0.
+// negative weight (log gives NaN) becomes 0. Any other 32-bit weight gives
+// 0 to 31.
 int weightExponent(int32_t weight) {
     const double e = std::log(static_cast<double>(weight)) / 0.6931471805599453;
     if (std::isnan(e)) return 0;
-    if (!(e > static_cast<double>(INT_MIN) - 1.0 && e < static_cast<double>(INT_MAX) + 1.0))
-        return INT_MIN;
+    if (std::isinf(e)) return INT_MIN;
     return static_cast<int>(e);
 }
 
