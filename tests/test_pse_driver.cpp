@@ -239,6 +239,8 @@ TEST_P(PseVlanForms, MembershipMapsFollowThePsePortNumbersAndOnlyNegativeStatuse
         EXPECT_EQ(m.at(1), out);
     }
     EXPECT_EQ(SW_EINVAL, switchMacAddressByIfNameGet("eth1", nullptr));
+    EXPECT_EQ(SW_EINVAL, apply(0x4, "eth;1")) << "no address for a name that is none";
+    EXPECT_EQ(1, cap->countLog("Failed to get the MAC address of \n"));
 
 }
 
