@@ -5,7 +5,6 @@
 #include <tuple>
 #include <vector>
 
-#include "swmgr/swconf.h"
 #include "swmgr/portvlan.h"
 #include "data_lines.h"
 
@@ -13,7 +12,6 @@ namespace {
 
 class BusHandler : public swtest::SwmgrTest {
 protected:
-    void bindTop() { EXPECT_EQ(switchConfigFuncRegister(swtest::addSwitch("R", 2)), 0); }
     int handle(int cmd, void *data, int len, void *aux = nullptr, int *auxLen = nullptr, uint32_t isRequest = 1) {
         const MbusMsgHeader h{MBUS_MSG_MAGIC, 20, MBUS_MODULE_SWMGR, static_cast<uint32_t>(cmd), isRequest, 0, 0, 0};
         return swMgrIoctlHandler(nullptr, &h, cmd, data, len, aux, auxLen);
@@ -55,26 +53,25 @@ TEST_P(BusHandlerForms, MalformedRequestsAndRepliesAreRefused) {
 TEST_P(BusHandlerForms, InterfaceEventsSetTheUpstreamLimitOnPortOne) {
     const struct {
         const char *section;
-        bool bound;
+        bool bound, withAux;
         uint32_t event, total, pct;
-        bool withAux;
         int driverResult, result;
         std::vector<uint32_t> sent;  // port, action, rate
     } cases[] = {
-        {"eth1 22", true, 22, 100000, 80, true, 0, 0, {1, 1, 80000}},
-        {"eth0 26 no total", true, 26, 0, 50, true, 0, 0, {1, 0, 0}},
+        {"eth1 22", true, true, 22, 100000, 80, 0, 0, {1, 1, 80000}},
+        {"eth0 26 no total", true, true, 26, 0, 50, 0, 0, {1, 0, 0}},
         // Unsigned 32-bit: 100000000 * 80 wraps to 3705032704 before dividing.
-        {"eth1 25 wraps", true, 25, 100000000u, 80, true, 0, 0, {1, 1, 37050327}},
-        {"eth1 22 unbound", false, 22, 100000, 80, true, 0, -1, {}},
-        {"eth1 23", true, 23, 100000, 80, true, 0, -122, {}},
-        {"eth1 27", true, 27, 100000, 80, true, 0, -122, {}},
-        {"eth1 22 no bandwidth", true, 22, 100000, 80, false, 0, -1, {}},
-        {"eth1 22 driver fails", true, 22, 100000, 80, true, -7, -7, {1, 1, 80000}},
+        {"eth1 25 wraps", true, true, 25, 100000000u, 80, 0, 0, {1, 1, 37050327}},
+        {"eth1 22 unbound", false, true, 22, 100000, 80, 0, -1, {}},
+        {"eth1 23", true, true, 23, 100000, 80, 0, -122, {}},
+        {"eth1 27", true, true, 27, 100000, 80, 0, -122, {}},
+        {"eth1 22 no bandwidth", true, false, 22, 100000, 80, 0, -1, {}},
+        {"eth1 22 driver fails", true, true, 22, 100000, 80, -7, -7, {1, 1, 80000}},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.section);
         swtest::resetRegistry();
-        if (c.bound) bindTop();
+        if (c.bound) { EXPECT_EQ(switchConfigFuncRegister(swtest::addSwitch("R", 2)), 0); }
         rec.calls.clear();
         rec.results[SW_CMD_PORT_RATE_LIMIT] = c.driverResult;
         cap->clear();
@@ -94,7 +91,7 @@ TEST_P(BusHandlerForms, InterfaceEventsSetTheUpstreamLimitOnPortOne) {
 }
 
 TEST_P(BusHandlerForms, DriverCommandsGoToTheNamedSwitchWithResultsMapped) {
-    bindTop();
+    EXPECT_EQ(switchConfigFuncRegister(swtest::addSwitch("R", 2)), 0);
     char req[SW_BUS_NAME_LEN + SW_BUS_ARG_LEN] = "R";
     rec.results[37] = 1;
     EXPECT_EQ(handle(37, req, sizeof req), 0) << "a positive driver result is answered with 0";

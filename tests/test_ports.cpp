@@ -2,7 +2,6 @@
 // Switch ports: creation, trust mode, port mapping onto lower-level switches.
 #include <cstring>
 
-#include "swmgr/swconf.h"
 #include "data_lines.h"
 #include "swmgr/portvlan.h"
 
@@ -24,11 +23,7 @@ std::vector<Switch *> children(Switch *sw) { return listed(&sw->lowerLvlSwitchLi
 class Ports : public swtest::SwmgrTest {
 protected:
     Switch *add(const char *name, int level) {
-        std::snprintf(switchConfigFuncRegisterTbl[SW_DRIVER_TBL_SIZE - 1].name, SW_NAME_LEN, "%s", name);
-        SwitchConf c{};
-        std::snprintf(c.switchName, sizeof c.switchName, "%s", name);
-        c.switchLevel = level;
-        EXPECT_EQ(switchConfAdd(&c), 0);
+        EXPECT_EQ(drv.confAdd(name, level), 0);
         reset();
         return switchByNameGet(name);
     }
@@ -145,7 +140,7 @@ TEST_F(Ports, MappingsThatWouldLoopTheHierarchyOrNameNoPortNumberAreRefused) {
     EXPECT_TRUE(drv.calls.empty());
     EXPECT_EQ(addPort("A", 7, "C:0"), 0) << "a lower switch may be reached twice";
     SwitchPort *p = switchPortByNumberGet(a, 7);
-    EXPECT_EQ(switchPortMappedListAppend(p, nullptr), -1);
-    EXPECT_EQ(switchPortMappedListAppend(nullptr, p), -1);
+    EXPECT_EQ(std::make_pair(switchPortMappedListAppend(p, nullptr), switchPortMappedListAppend(nullptr, p)),
+              std::make_pair(-1, -1));
     EXPECT_EQ(mapped(p).size(), 1u);
 }

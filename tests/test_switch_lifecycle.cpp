@@ -7,7 +7,6 @@
 #include <utility>
 
 #include "swmgr/portvlan.h"
-#include "swmgr/swconf.h"
 #include "data_lines.h"
 
 namespace {
@@ -17,14 +16,6 @@ const std::vector<int> kSettings = {SW_CMD_VLAN_ENABLE, SW_CMD_QOS_CONFIG, SW_CM
 
 class SwitchLifecycle : public swtest::SwmgrTest {
 protected:
-    // The recording driver binds the name in the table's spare entry.
-    int add(const char *name, int level, SwitchConf c = {}) {
-        std::snprintf(switchConfigFuncRegisterTbl[SW_DRIVER_TBL_SIZE - 1].name, SW_NAME_LEN, "%s", name);
-        std::snprintf(c.switchName, sizeof c.switchName, "%s", name);
-        std::snprintf(c.switchDevice, sizeof c.switchDevice, "/dev/%s", name);
-        c.switchLevel = level;
-        return switchConfAdd(&c);
-    }
     swtest::RecordingDriver drv;
 };
 using Lifecycle = swtest::BothForms<SwitchLifecycle>;
@@ -39,7 +30,7 @@ TEST_P(Lifecycle, AddBindsAndSendsFiveSettings) {
     c.vlanEnable = c.qosEnable = 1;
     c.igmpSnoopingEnable = 0x101;  // only the low byte travels
     c.mldSnoopingEnable = 2;
-    ASSERT_EQ(add("REC", 3, c), 0);
+    ASSERT_EQ(drv.confAdd("REC", 3, c), 0);
     ASSERT_EQ(drv.cmds(), kSettings);
     std::vector<std::tuple<int, int, swtest::Bytes>> calls;  // argument length, reply length (none), record bytes
     for (const auto &call : drv.calls) calls.emplace_back(call.argLen, call.replyLen, call.arg);
@@ -49,7 +40,7 @@ TEST_P(Lifecycle, AddBindsAndSendsFiveSettings) {
 
 TEST_P(Lifecycle, RefusedRegistrationOrSettingStopsTheRestAndLeavesTheSwitchUnlisted) {
     drv.registerResult = -7;
-    EXPECT_EQ(add("REC", 1), -7);
+    EXPECT_EQ(drv.confAdd("REC", 1), -7);
     EXPECT_TRUE(drv.calls.empty());
     EXPECT_TRUE(cap->logsAre({kCreatingRec, {8, "switchConfAdd", "Failed to register REC switch \n"}}));
     EXPECT_EQ(switchCount, 1u);  // the attempt took an id
@@ -58,7 +49,7 @@ TEST_P(Lifecycle, RefusedRegistrationOrSettingStopsTheRestAndLeavesTheSwitchUnli
     for (size_t step = 0; step < kSettings.size(); ++step) {
         drv.calls.clear(), cap->clear();
         drv.results = {{kSettings[step], -5}};
-        EXPECT_EQ(add("REC", 1), -1) << step;  // not the driver's code
+        EXPECT_EQ(drv.confAdd("REC", 1), -1) << step;  // not the driver's code
         EXPECT_EQ(drv.cmds(), std::vector<int>(kSettings.begin(), kSettings.begin() + step + 1));
         EXPECT_TRUE(cap->logsAre({kCreatingRec, refused.at(step),
                                   {8, "switchConfAdd", "Failed to apply the configuration \n"}}));
@@ -67,15 +58,15 @@ TEST_P(Lifecycle, RefusedRegistrationOrSettingStopsTheRestAndLeavesTheSwitchUnli
 }
 
 TEST_P(Lifecycle, TopLevelIsTheFirstOfTheHighestAndMaxLevelOutlivesLibInit) {
-    for (const auto &[name, level] : {std::pair{"L1", 1}, {"L2a", 2}, {"L2b", 2}}) ASSERT_EQ(add(name, level), 0);
+    for (auto [name, level] : {std::pair{"L1", 1}, {"L2a", 2}, {"L2b", 2}}) ASSERT_EQ(drv.confAdd(name, level), 0);
     EXPECT_EQ(switchAtTopLevelGet(), switchByNameGet("L2a"));
-    ASSERT_EQ(add("L5", 5), 0);
+    ASSERT_EQ(drv.confAdd("L5", 5), 0);
     std::vector<void *> forgotten;  // switchLibInit forgets, the test frees
     for (void *n = osaListFirst(&switchTbl); n != nullptr; n = osaListNext(n)) forgotten.push_back(n);
     EXPECT_EQ(std::make_pair(switchLibDeinit(), switchLibInit()), std::make_pair(0, 0));
     for (void *n : forgotten) std::free(n);
     EXPECT_EQ(switchMaxLevel, 5);
-    ASSERT_EQ(add("REC", 1), 0);
+    ASSERT_EQ(drv.confAdd("REC", 1), 0);
     EXPECT_EQ(switchByNameGet("REC")->switchId, 1u);
     EXPECT_EQ(switchAtTopLevelGet(), nullptr);
 }
@@ -83,7 +74,7 @@ TEST_P(Lifecycle, TopLevelIsTheFirstOfTheHighestAndMaxLevelOutlivesLibInit) {
 TEST_P(Lifecycle, FailedApplyThenDeinitReleasesButKeepsTheSwitchListed) {
     EXPECT_EQ(switchCfgDisable(nullptr), -1);  // nothing at the top
     EXPECT_EQ(switchDeinit("NONE"), SW_EINVAL);
-    ASSERT_EQ(add("REC", 1), 0);
+    ASSERT_EQ(drv.confAdd("REC", 1), 0);
     Switch *sw = switchByNameGet("REC");
     drv.results = {{SW_CMD_QOS_CONFIG, -1}};
     cap->clear();
@@ -98,7 +89,7 @@ TEST_P(Lifecycle, FailedApplyThenDeinitReleasesButKeepsTheSwitchListed) {
 
 // Apply stops at the first failing stage: settings, then ports, then VLANs.
 TEST_P(Lifecycle, ApplyStopsAtTheFirstFailingStage) {
-    ASSERT_EQ(add("REC", 1), 0);
+    ASSERT_EQ(drv.confAdd("REC", 1), 0);
     Switch *sw = switchByNameGet("REC");
     SwitchPortConf port{};
     SwitchVlanConf vlan{};

@@ -2,8 +2,6 @@
 // Uptime stamps and host VLAN sub-interfaces, checked against the exact
 // command lines and the host state the model ends in. What a successful
 // creation sends is pinned by the start-up transcript.
-#include <sys/stat.h>
-
 #include "host_vlan.h"
 #include "swmgr/portvlan.h"
 #include "data_lines.h"
@@ -14,7 +12,7 @@ class EncapTest : public swtest::SwmgrTest {
 protected:
     void SetUp() override {
         SwmgrTest::SetUp();
-        ::mkdir((root->path() + "/var").c_str(), 0755);
+        root->write("var/.keep", "");
         root->write("proc/uptime", "12345.67 890.12\n");
         host.attach();
     }
@@ -33,7 +31,7 @@ TEST_P(EncapForms, StatusOfAFailedAddOrOfTheLastEgressMapDecides) {
         EXPECT_EQ(switchVlanEncapCreate(eth0, 100), status);
         EXPECT_EQ(cap->commands, (std::vector<std::string>{"vconfig rem eth0.100", "vconfig add eth0 100"}));
     }
-    EXPECT_FALSE(root->exists("var/VLAN.100.Uptime"));
+    EXPECT_FALSE(std::filesystem::exists(root->file("var/VLAN.100.Uptime")));
 
     // Failures of the link-up and of every map but the last egress one are
     // logged and pass; the last one's status is the result, reported only
@@ -89,7 +87,7 @@ TEST_P(EncapForms, UptimeStampReadAndWrite) {
     EXPECT_EQ(timeEventRecord("/var/stamp"), 0);
     EXPECT_EQ(root->read("var/stamp"), "12345\n");
     EXPECT_EQ(timeEventRecord("/nodir/stamp"), -1) << "no directory to take the file";
-    EXPECT_FALSE(root->exists("nodir"));
+    EXPECT_FALSE(std::filesystem::exists(root->file("nodir")));
 }
 
 }  // namespace

@@ -32,10 +32,6 @@ Capture::~Capture() {
     mbusPortSendHookRemove(onSend, this);
 }
 
-void Capture::scriptCommand(const std::string &command, int status, int times, bool prefix) {
-    cmdScripts_.push_back({command, prefix, status, times});
-}
-
 int Capture::onCommand(void *ctx, const char *command, int *status) {
     auto *self = static_cast<Capture *>(ctx);
     self->commands.emplace_back(command);
@@ -104,12 +100,6 @@ int Capture::countLog(std::string_view raw) const {
                                           [&](const LogLine &l) { return l.prefix + l.text == raw; }));
 }
 
-std::string Capture::dump() const {
-    std::ostringstream os;
-    for (const auto &l : logs) os << "[" << l.level << "] " << l.raw;
-    return os.str();
-}
-
 ::testing::AssertionResult Capture::logsAre(const Logs &expected) const {
     std::ostringstream want;
     for (const auto &e : expected) {
@@ -124,8 +114,6 @@ std::string Capture::dump() const {
         return ::testing::AssertionFailure() << "logs differ\nexpected:\n" << want.str() << "actual:\n" << got.str();
     return ::testing::AssertionSuccess();
 }
-
-void Capture::clear() { logs.clear(), commands.clear(), systemCommands.clear(), ioctls.clear(); }
 
 // -------------------------------------------------------- RecordingDriver
 
@@ -151,12 +139,16 @@ std::vector<int> RecordingDriver::cmds() const {
 }
 
 int RecordingDriver::reg(Switch *sw) {
-    if (current_ == nullptr) return -1;
     sw->switchConfigFunc = config;
     return current_->registerResult;
 }
 
-int RecordingDriver::unreg(Switch *sw) { return sw->switchConfigFunc = nullptr, 0; }
+int RecordingDriver::confAdd(const char *name, int level, SwitchConf c) {
+    std::snprintf(switchConfigFuncRegisterTbl[SW_DRIVER_TBL_SIZE - 1].name, SW_NAME_LEN, "%s", name);
+    std::snprintf(c.switchName, sizeof c.switchName, "%s", name);
+    c.switchLevel = level;
+    return switchConfAdd(&c);
+}
 
 namespace {
 // How many bytes of a command's argument are the command's record. Command
@@ -178,7 +170,7 @@ size_t recordBytes(int cmd, int argLen) {
 int RecordingDriver::config(Switch *sw, int cmd, void *arg, int argLen, void *, int *replyLen) {
     RecordingDriver *self = current_;
     if (self == nullptr) return -1;
-    Call c{sw, cmd, argLen, arg, replyLen != nullptr ? *replyLen : -1, {}};
+    Call c{sw, cmd, argLen, replyLen != nullptr ? *replyLen : -1, arg, {}};
     const auto *p = static_cast<const uint8_t *>(arg);
     if (arg != nullptr) c.arg.assign(p, p + recordBytes(cmd, argLen));
     self->calls.push_back(std::move(c));

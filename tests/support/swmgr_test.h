@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "osa_port.h"
+#include "swmgr/swconf.h"
 #include "swmgr/swmgr.h"
 #include "swmgr/switch.h"
 
@@ -27,10 +28,9 @@ using Bytes = std::vector<uint8_t>;
 // 256) the "func:line:" part is split out; otherwise func is empty and
 // text equals raw.
 struct LogLine {
-    int level = 0;
+    int level = 0, length = 0;  // length: of the text as sent, terminating NUL included
     std::string prefix, func, text, raw;
-    Bytes header;    // the 40-byte record header as sent
-    int length = 0;  // text length as sent, terminating NUL included
+    Bytes header;  // the 40-byte record header as sent
 };
 
 struct IoctlCall {
@@ -66,19 +66,20 @@ public:
     // A command equal to `command` (or starting with it when `prefix`)
     // returns `status` without reaching models or the shell; `times` < 0 for
     // every occurrence.
-    void scriptCommand(const std::string &command, int status, int times = -1, bool prefix = false);
+    void scriptCommand(const std::string &command, int status, int times = -1, bool prefix = false) {
+        cmdScripts_.push_back({command, prefix, status, times});
+    }
     // Status of commands that nothing took (default 0); they never run.
     int unhandledCommandStatus = 0;
 
     std::vector<std::string> rawLogs() const;  // texts as sent, in the form they were sent
     // Lines whose text, object prefix included, equals `raw` (any level, either form).
     int countLog(std::string_view raw) const;
-    std::string dump() const;  // all logs, for failure messages
     // The logs are exactly `expected` in the form swMgrDevDebug selects:
     // plain records at their level, trace lines left out; or level-256
     // records naming the function (source lines are not compared).
     ::testing::AssertionResult logsAre(const Logs &expected) const;
-    void clear();
+    void clear() { logs.clear(), commands.clear(), systemCommands.clear(), ioctls.clear(); }
 
 private:
     struct Script {
@@ -102,9 +103,8 @@ class RecordingDriver {
 public:
     struct Call {
         Switch *sw;
-        int cmd, argLen;
+        int cmd, argLen, replyLen;  // replyLen: what *replyLen held, -1 for no pointer
         const void *argPtr;
-        int replyLen;  // what *replyLen held, -1 for no pointer
         Bytes arg;  // the bytes the command's record holds (at most argLen)
     };
     explicit RecordingDriver(const char *name = "REC");
@@ -115,11 +115,13 @@ public:
     std::map<int, int> results;  // cmd -> result (default 0)
 
     std::vector<int> cmds() const;
+    // Adds switch `name` through switchConfAdd, bound to this driver under that name.
+    int confAdd(const char *name, int level, SwitchConf c = {});
 
 private:
     static RecordingDriver *current_;
     static int reg(Switch *sw);
-    static int unreg(Switch *sw);
+    static int unreg(Switch *sw) { return sw->switchConfigFunc = nullptr, 0; }
     static int config(Switch *sw, int cmd, void *arg, int argLen, void *reply, int *replyLen);
 };
 
@@ -137,7 +139,6 @@ public:
     std::string file(const std::string &name) const { return path_ + "/" + name; }
     std::string read(const std::string &name) const { return readFile(file(name)); }  // "" when absent
     void write(const std::string &name, const std::string &content) const;
-    bool exists(const std::string &name) const { return std::filesystem::exists(file(name)); }
 
 private:
     std::string path_;
