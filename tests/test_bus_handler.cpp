@@ -45,6 +45,7 @@ TEST_P(BusHandlerForms, MalformedRequestsAndRepliesAreRefused) {
     int one = 1;
     EXPECT_EQ(handle(SW_CMD_DB_EVENT, &del, DB_UPDATE_EVENT_LEN, const_cast<char *>(""), &one), -1);
     EXPECT_EQ(cap->countLog("old values result does not contain 2 rows.j=1 nCols=1 outLen=1\n"), 1);
+    EXPECT_EQ(handle(SW_CMD_DB_EVENT, &del, DB_UPDATE_EVENT_LEN, const_cast<char *>(""), nullptr), -22) << "none";
 }
 
 // Each bandwidth event: the request, the result, the rate-limit record sent

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The bus command handler: sorts each request by its code.
+#include <algorithm>
 #include <cstring>
 
 #include "config/checks.h"
@@ -64,8 +65,8 @@ int handleIfDevEvent(const void *data, const void *aux, const int *auxLen) {
 struct BusCommand {
     char bytes[SW_BUS_NAME_LEN + SW_BUS_ARG_LEN] = {};
     BusCommand(const void *data, int dataLen) {
-        size_t n = dataLen > 0 ? static_cast<size_t>(dataLen) : 0;
-        if (data != nullptr) std::memcpy(bytes, data, n < sizeof bytes ? n : sizeof bytes);
+        const auto n = static_cast<size_t>(std::max(dataLen, 0));
+        if (data != nullptr) std::memcpy(bytes, data, std::min(n, sizeof bytes));
     }
 };
 
