@@ -151,6 +151,10 @@ TEST(BusSocket, ModulesServeOtherProcessesUntilTheyUnregister) {
         EXPECT_EQ(auxLen, 24);
         EXPECT_STREQ(mbusPortLastError(), "");
         EXPECT_EQ(mbusIoctl(self, 201, kEcho, nullptr, 0, nullptr, &auxLen, 0, 2000, 0), 1000) << "room, but no buffer";
+        const int in = ::dup(STDIN_FILENO);  // with descriptor 0 free, a connection may get it
+        ::close(STDIN_FILENO);
+        EXPECT_EQ(mbusIoctl(self, 201, kEcho, nullptr, 0, nullptr, nullptr, 0, 2000, 0), 1000);
+        ::dup2(in, STDIN_FILENO), ::close(in);
         auxLen = 1;
         EXPECT_EQ(mbusIoctl(self, 201, kEcho, nullptr, 0, aux, &auxLen, 0, 2000, 0), 1000);
         EXPECT_EQ(auxLen, 1) << "the terminator alone comes back";
@@ -160,7 +164,7 @@ TEST(BusSocket, ModulesServeOtherProcessesUntilTheyUnregister) {
         // holds at once, as a busy daemon's log records are, all arrive.
         for (int i = 0; i < 300; ++i)
             ASSERT_EQ(mbusIoctl(self, 201, kEcho, nullptr, 0, nullptr, nullptr, MBUS_FLAG_NOREPLY, 0, 0), 0);
-        EXPECT_EQ(count(201), 303);
+        EXPECT_EQ(count(201), 304);
 
         // A request to this process's own module never touches a socket.
         EXPECT_EQ(mbusIoctl(self, 202, 3, nullptr, 0, nullptr, nullptr, 0, 0, 0), 202 * 100 + 3);
@@ -170,7 +174,7 @@ TEST(BusSocket, ModulesServeOtherProcessesUntilTheyUnregister) {
 
         EXPECT_EQ(mbusIoctl(nullptr, 201, kSlow, nullptr, 0, nullptr, nullptr, 0, 1, 0), MBUS_PORT_ERR_TIMEOUT);
         EXPECT_STREQ(mbusPortLastError(), "no reply from module 201 within 1 ms");
-        EXPECT_EQ(count(201), 305) << "the module serves on after the late request";
+        EXPECT_EQ(count(201), 306) << "the module serves on after the late request";
 
         // While its process lives, nobody else may register the module.
         const int lowest = swtest::lowestFreeFd();
@@ -403,10 +407,11 @@ TEST(BusSocket, LogRecordsToTheBusStandardErrorOrTheSystemLog) {
     ASSERT_EQ(mbusPortLogTargetSet(MBUS_PORT_LOG_SYSLOG, dev.c_str()), 0);
     // "<daemon.severity>Mmm dd hh:mm:ss program[pid]: text" without its newline
     const std::string tail = std::string(" ") + program_invocation_short_name + "[" + std::to_string(::getpid()) + "]: ";
+    const std::string longText(1100, 'x'), cut = "<30>%" + std::string(1024, 'x');  // a text's first 1024 bytes
     for (auto [level, said, want] : {std::tuple{8u, text, "<27>%Invalid database event"}, {64u, "\n", "<30>%"},
-                                     {256u, "", "<31>%"}}) {
+                                     {256u, "", "<31>%"}, {64u, longText.c_str(), cut.c_str()}}) {
         EXPECT_EQ(logRecord(level, said, static_cast<int>(std::strlen(said)) + 1), 0);
-        char line[512] = {};
+        char line[2048] = {};
         ASSERT_GT(::recv(sys, line, sizeof line - 1, MSG_DONTWAIT), 0);
         EXPECT_EQ(std::string(line).erase(4, 15), std::string(want).replace(4, 1, tail));
     }
