@@ -158,8 +158,11 @@ TEST_P(DbEventForms, MalformedEventsAreRefusedAndNothingIsReadPastItsLength) {
     EXPECT_EQ(cap->commands.size() + rec.calls.size(), 0u);
     EXPECT_NE(switchVlanByIdGet(sw, 10), nullptr) << "nothing decoded, nothing deleted";
     // A cut last string ends with its block (40 bytes: no slack after it to hide a missing end).
-    EXPECT_EQ(event("vlanEncapIf", 1, 9, std::string("vlanId\0ingressMap\0interfaceName\0" "10\0\0eth0", 40)), 0);
+    // The host refusing the removal refuses the event.
+    cap->scriptCommand("vconfig rem eth0.10", -3, 1);
+    EXPECT_EQ(event("vlanEncapIf", 1, 9, std::string("vlanId\0ingressMap\0interfaceName\0" "10\0\0eth0", 40)), -3);
     EXPECT_EQ(cap->commands, std::vector<std::string>{"vconfig rem eth0.10"});
+    EXPECT_EQ(cap->countLog("Failed to delete switch vlan profile \n"), 1);
     EXPECT_EQ(event("vlanEncapIf", 1, 9, std::string("vlanId\0" "4294967306", 18)), -22) << "an old id past 32 bits";
 }
 

@@ -86,6 +86,8 @@ TEST_P(VlanForms, FailedAddsTakeNoIndexAndOnlyAddAndDeleteAreBusCodes) {
     SwitchVlanConf positive = vlanConf(400);
     EXPECT_EQ(switchVlanConfAdd(&positive), 0);
     EXPECT_EQ(switchVlanByIdGet(low, 400)->vlanIndex, first + 1);
+    EXPECT_EQ(switchVlanConfigure(nullptr, SW_CMD_VLAN_DELETE, &positive), 0);
+    EXPECT_EQ(switchVlanByIdGet(low, 400), nullptr);
     EXPECT_EQ(switchVlanIndexIncr(), 0);
     EXPECT_EQ(switchNextVlanIndexGet(), first + 3);
 }
