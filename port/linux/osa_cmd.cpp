@@ -150,9 +150,10 @@ extern "C" int osaCmdExec(const char *command, char *output, int outputLen) {
     if (capture) {
         ::close(pipeFd[1]);
         if (rc == 0) {
+            const int room = outputLen - 1;  // the terminator's byte kept
             int used = 0;
-            while (used < outputLen - 1) {
-                ssize_t n = ::read(pipeFd[0], output + used, static_cast<size_t>(outputLen - 1 - used));
+            while (used != room) {  // each read asks for at most what is left
+                ssize_t n = ::read(pipeFd[0], output + used, static_cast<size_t>(room - used));
                 if (n < 0 && errno == EINTR) continue;
                 if (n <= 0) break;
                 used += static_cast<int>(n);
