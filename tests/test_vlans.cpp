@@ -61,7 +61,8 @@ TEST_P(VlanForms, FailedAddsTakeNoIndexAndOnlyAddAndDeleteAreBusCodes) {
     // Requests that program the switches are checked through the daemon; a
     // failed add through the bus code is not passed on.
     EXPECT_EQ(std::make_tuple(switchVlanMembershipUpdate(nullptr), switchVlanDisable(nullptr),
-                              switchVlanConfigure(nullptr, 37, &c)), std::make_tuple(SW_EINVAL, SW_EINVAL, -1));
+                              switchVlanConfigure(nullptr, 37, &c), switchPortVlanInfoConfigure(nullptr, nullptr)),
+              std::make_tuple(SW_EINVAL, SW_EINVAL, -1, SW_EINVAL));
     EXPECT_TRUE(drv.calls.empty());
     drv.results[SW_CMD_VLAN_MEMBERSHIP_UPDATE] = -5;
     EXPECT_EQ(switchVlanConfigure(nullptr, SW_CMD_VLAN_ADD, &c), 0);
@@ -76,6 +77,7 @@ TEST_P(VlanForms, FailedAddsTakeNoIndexAndOnlyAddAndDeleteAreBusCodes) {
     EXPECT_EQ(switchVlanConfAdd(&c), -1);
     EXPECT_TRUE(cap->logsAre(swtest::dataLogs(kData, "duplicate-100")));
     EXPECT_TRUE(cap->commands.empty() && drv.calls.empty());
+    EXPECT_EQ(switchVlanCreate(low, switchVlanByIdGet(low, 100)), SW_EINVAL);
     cap->scriptCommand("vconfig add eth0 200", -3, 1);  // a failing host interface
     SwitchVlanConf failing = vlanConf(200);
     EXPECT_EQ(switchVlanConfAdd(&failing), -3);

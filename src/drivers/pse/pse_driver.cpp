@@ -207,7 +207,7 @@ extern "C" int switchMacAddressByIfNameGet(const char *ifName, char *out) {
 
     int sock = ::socket(AF_INET, SOCK_DGRAM, 0);
     osaIoctl(sock, kSiocGifHwAddr, &req);
-    if (sock >= 0) osaClose(sock);
+    osaClose(sock);  // without a socket, closing -1 does nothing
 
     const auto *hw = reinterpret_cast<const unsigned char *>(req.ifr_hwaddr.sa_data);
     std::snprintf(out, PSE_MAC_TEXT_LEN, "%.2x:%.2x:%.2x:%.2x:%.2x:%.2x\n", hw[0], hw[1], hw[2],
