@@ -9,7 +9,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <mutex>
+#include <atomic>
+#include <memory>
 #include <thread>
 #include <vector>
 
@@ -20,8 +21,8 @@ namespace {
 
 constexpr int kServerModule = 150, kReplierModule = 151;
 
-std::mutex replyLock;
-std::string replyFrame;  // what the replier answers each request with
+// What the replier answers each request with.
+std::atomic<std::shared_ptr<const std::string>> replyFrame{std::make_shared<const std::string>()};
 
 // Answers each request to its module with the frame in hand; runs as long as the process.
 void replier(int fd) {
@@ -30,10 +31,8 @@ void replier(int fd) {
         if (c < 0) continue;
         mbuswire::Bytes request;
         if (mbuswire::waitReadable(c, 1000) && mbuswire::receiveMessage(c, request) > 0) {
-            std::unique_lock<std::mutex> g(replyLock);
-            const std::string frame = replyFrame;
-            g.unlock();
-            ::send(c, frame.data(), frame.size(), MSG_NOSIGNAL);
+            const std::shared_ptr<const std::string> frame = replyFrame.load();
+            ::send(c, frame->data(), frame->size(), MSG_NOSIGNAL);
         }
         ::close(c);
     }
@@ -74,10 +73,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size) {
         ::close(fd);
     } else {
         const uint16_t cap = in.u16() % 4096;
-        {
-            std::lock_guard<std::mutex> g(replyLock);
-            replyFrame = in.rest();
-        }
+        replyFrame.store(std::make_shared<const std::string>(in.rest()));
         std::vector<char> aux(cap);
         int auxLen = cap;
         char data[8] = "request";

@@ -40,12 +40,11 @@ class RouterTranscript : public swtest::SwmgrTest, public ::testing::WithParamIn
 protected:
     void SetUp() override {
         SwmgrTest::SetUp();
-        const std::string sql = swtest::readFile(std::string(src) + "/examples/router.sql");
         const std::string dbPath = swtest::makeDb(
-            root->file("router.db"),
-            sql + "INSERT INTO vlanEncapIf (vlanId, interfaceName, LogicalIfName, ingressMap, egressMap,"
-                  " fwdMap, untagMap, inSwitchOnly) VALUES (30, 'eth0', 'br-voip', '', '', '1,2', '2', 1),"
-                  " (40, 'eth1', 'br-wan', '', '', '0,4', '0', 0), (50, 'eth0', 'br-guest', '', '', '3', '', 1);");
+            root->file("router.db"), swtest::readFile(std::string(src) + "/examples/router.sql") +
+            "INSERT INTO vlanEncapIf (vlanId, interfaceName, LogicalIfName, ingressMap, egressMap,"
+            " fwdMap, untagMap, inSwitchOnly) VALUES (30, 'eth0', 'br-voip', '', '', '1,2', '2', 1),"
+            " (40, 'eth1', 'br-wan', '', '', '0,4', '0', 0), (50, 'eth0', 'br-guest', '', '', '3', '', 1);");
         root->write("var/.keep", "");
         ASSERT_TRUE(chip.attach("/dev/bcmsw"));
         engine.attach();

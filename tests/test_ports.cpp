@@ -44,14 +44,10 @@ SWTEST_BOTH_FORMS(PortForms);
 
 TEST_P(PortForms, AddCopiesTheRowSendsTrustModeOnAddAndApplyRefusesDuplicates) {
     Switch *sw = add("REC", 1);
-    SwitchPortConf c{};  // named again for the release below
-    std::snprintf(c.switchName, sizeof c.switchName, "REC");
-    c.portNumber = 3;
-    c.PVID = 10;
-    c.portType = 2;
-    c.mirroring = 1;
+    // Named again for the release below.
+    SwitchPortConf c{.switchName = "REC", .portNumber = 3, .PVID = 10, .portType = 2, .reserved = 0, .mirroring = 1,
+                     .trustMode = 0, .interfaceName = {}, .phyDevice = {}, .qos = {1000, 1, 4, 10, 20, 30, 40}};
     std::memset(c.interfaceName, 'i', sizeof c.interfaceName);  // no terminator
-    c.qos = {1000, 1, 4, 10, 20, 30, 40};
     ASSERT_EQ(addPort("REC", 3, "", 2, c), 0);
     SwitchPort *p = switchPortByNumberGet(sw, 3);
     EXPECT_EQ(std::tie(p->sw, p->PVID, p->portType, p->mirroring), std::make_tuple(sw, 10, 2, 1));

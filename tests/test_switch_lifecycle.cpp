@@ -97,20 +97,15 @@ TEST_P(Lifecycle, ApplyStopsAtTheFirstFailingStage) {
     port.portNumber = 3, vlan.vlanId = 7;
     ASSERT_EQ(switchPortConfAdd(&port), 0);
     ASSERT_EQ(switchVlanByConfCreate(sw, &vlan), 0);
-    struct Case {
-        int failing;  // the command the driver refuses
-        std::vector<int> cmds;
-        const char *logs;  // section of lifecycle/logs.txt
-    } cases[] = {
-        {SW_CMD_PORT_TRUST_MODE, {33, 47, 49, 56, 57, 51}, "port stage refused"},
-        {SW_CMD_PORT_CONFIG_SET, {33, 47, 49, 56, 57, 51, 41}, "vlan stage refused"},
-    };
-    for (const auto &c : cases) {
+    // The command the driver refuses, the commands sent, the section of lifecycle/logs.txt.
+    for (const auto &[failing, cmds, logs] : std::initializer_list<std::tuple<int, std::vector<int>, const char *>>{
+             {SW_CMD_PORT_TRUST_MODE, {33, 47, 49, 56, 57, 51}, "port stage refused"},
+             {SW_CMD_PORT_CONFIG_SET, {33, 47, 49, 56, 57, 51, 41}, "vlan stage refused"}}) {
         drv.calls.clear(), cap->clear();
-        drv.results = {{c.failing, -4}};
+        drv.results = {{failing, -4}};
         EXPECT_EQ(switchCfgApply(sw), -4);
-        EXPECT_EQ(drv.cmds(), c.cmds);
-        EXPECT_TRUE(cap->logsAre(swtest::dataLogs("lifecycle/logs.txt", c.logs)));
+        EXPECT_EQ(drv.cmds(), cmds);
+        EXPECT_TRUE(cap->logsAre(swtest::dataLogs("lifecycle/logs.txt", logs)));
     }
 }
 
