@@ -119,8 +119,7 @@ TEST_P(PortForms, MappingsListLowerPortsAndRegisterEachLowerSwitchOnceInOrder) {
 TEST_F(Ports, MappingsThatWouldLoopTheHierarchyOrNameNoPortNumberAreRefused) {
     Switch *a = add("A", 3), *b = add("B", 2), *c = add("C", 1);
     for (auto [sw, n] : {std::pair{"A", 0}, {"B", 0}, {"C", 0}}) ASSERT_EQ(addPort(sw, n), 0);
-    ASSERT_EQ(addPort("A", 1, "B:0"), 0);
-    ASSERT_EQ(addPort("B", 1, "C:0"), 0);
+    for (auto [sw, phy] : {std::pair{"A", "B:0"}, {"B", "C:0"}}) ASSERT_EQ(addPort(sw, 1, phy), 0);
     drv.calls.clear();
     // Each row: the switch, the mapping text, and the whole log of the refusal:
     // A onto itself, B onto A, C onto A through B, C onto B, and port numbers
