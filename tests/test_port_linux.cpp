@@ -28,6 +28,7 @@ TEST(Port, EntryPointsRefuseMissingOrUnusableArguments) {
     OsaList list;
     ASSERT_EQ(osaListInit(&list), 0);
     OsaListNode a{};
+    int closed = -1;  // a model's descriptor, once closed
     const OsaDeviceModel model{nullptr, [](void *, unsigned int, void *) { return 0; }, nullptr, nullptr};
     char out[8] = "", junk[512] = {};
     FILE *sink = osaFileOpen("/dev/null", "w");
@@ -44,7 +45,8 @@ TEST(Port, EntryPointsRefuseMissingOrUnusableArguments) {
         ROW(osaListNodeRemove(&list, nullptr), -1), ROW(osaListNodeAppend(&list, &a), 0),
         ROW(osaOpen(nullptr, 0, 0), -1), ROW(osaPortDeviceAttach(nullptr, &model), -1),
         ROW(osaPortDeviceDetach(nullptr), -1), ROW(osaPortDeviceDetach("/dev/swmgr-none"), -1),
-        ROW((osaPortDeviceAttach("/dev/swmgr-a", &model), osaPortDeviceDetach("/dev/swmgr-a")), 0),
+        ROW((osaPortDeviceAttach("/dev/swmgr-a", &model), osaClose(closed = osaOpen("/dev/swmgr-a", 0, 0))), 0),
+        ROW(osaIoctl(closed, 0, nullptr), -1), ROW(osaPortDeviceDetach("/dev/swmgr-a"), 0),  // closed is closed
         ROW(osaFilePrintf(nullptr, "x"), -1), ROW(osaFileClose(nullptr), -1), ROW(osaUnlink(nullptr), -1),
         ROW(osaPortFilePathMap("/etc/hos", "r", out, sizeof out), -1), ROW(osaCmdExec(nullptr, nullptr, 0), -1),
         ROW(osaPortFilePathMap("/etc/ho", "r", out, sizeof out), 0),  // a path and its terminator fill it
