@@ -247,8 +247,7 @@ bool waitReadable(int fd, int timeoutMs) {
     auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
     for (;;) {
         pollfd p{fd, POLLIN, {}};
-        int wait = timeoutMs < 0 ? -1 : deadlineLeftMs(deadline);
-        int r = ::poll(&p, 1, wait);
+        int r = ::poll(&p, 1, deadlineLeftMs(deadline));
         if (r > 0) return true;
         if (r == 0 || errno != EINTR) return false;
     }

@@ -57,7 +57,7 @@ const char *checkMessage(const Bytes &buf, ssize_t n, bool reply);
 // Whether the peer of a connected socket runs as root or as our own user.
 bool peerAllowed(int fd);
 
-// Waits until fd is readable or `timeoutMs` passes (-1: no limit).
+// Waits until fd is readable or `timeoutMs` passes; every wait is bounded.
 bool waitReadable(int fd, int timeoutMs);
 
 // A request's header; a reply is one with the flag cleared, no data and its result.
