@@ -62,6 +62,7 @@ TEST(Port, EntryPointsRefuseMissingOrUnusableArguments) {
         ROW(mbusPortWatch(-1, [](void *, int) {}, nullptr), -1), ROW(mbusPortWatch(STDIN_FILENO, nullptr, nullptr), -1),
         ROW(mbusPortPost(1, 1, nullptr, 4, nullptr, 0), -1), ROW(mbusPortPost(1, 1, nullptr, 0, nullptr, 4), -1),
         ROW(mbusPortPost(1, 1, "x", -1, nullptr, 0), -1), ROW(mbusPortPost(1, 1, nullptr, 0, "x", -1), -1),
+        ROW(mbusPortPost(1, 1, nullptr, 0, nullptr, 0), 0),  // nothing to carry is no fault
         ROW(sqlitePortBusyTimeoutSet(-1), -1), ROW(mbusPortConnLimitSet(0), -1), ROW(mbusInit(nullptr), 0),
         ROW(osaFileOpen("/dev/null", nullptr) != nullptr, 0), ROW(mbusPortListenAlong(posts, foreign), -1),
         // Serving along goes one level deep only: not along a module that is
@@ -74,7 +75,8 @@ TEST(Port, EntryPointsRefuseMissingOrUnusableArguments) {
     EXPECT_STREQ(mbusPortLastError(), "no callback");
     osaPortIoctlHookRemove(answers7, nullptr);
     EXPECT_EQ(osaListFirst(&list), &a);
-    EXPECT_EQ(mbusListen(posts, 0), 0) << "nothing was posted";
+    EXPECT_EQ(mbusListen(posts, 0), 1) << "the empty post";
+    EXPECT_EQ(mbusListen(posts, 0), 0) << "and nothing refused was posted";
     EXPECT_EQ(mbusUnRegister(third), 0);
     EXPECT_EQ(mbusPortListenAlong(posts, along), -1) << "another module's leaving unhooks nothing";
     for (MbusCtx *c : {along, posts}) mbusUnRegister(c);
