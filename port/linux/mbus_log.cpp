@@ -172,7 +172,7 @@ void logNow(int src, const void *data, int dataLen, const void *aux, int auxLen)
             ++p.dropped;
             return;
         }
-        if (sent > 0) p.reported = p.dropped;
+        if (sent == 1) p.reported = p.dropped;
     }
     int sent = deliver(r);
     if (sent == 0) ++p.dropped;
