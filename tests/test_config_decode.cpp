@@ -29,11 +29,11 @@ TEST(ConfigDecode, SwitchRowTakenByNameFromTheRequestedRow) {
     Table t({"numPorts", "extra", "switchLevel", "switchName", "qosEnable", "vlanEnable",
              "switchDevice", "pauseFrameEnable", "igmpSnoopingEnable", "mldSnoopingEnable"},
             {{"5", "x", "1", "BCM", "0", "0", "/dev/a", "0", "0", "0"},
-             {"8", "y", "2", "PSE", "1", "1", "/dev/b", "1", "12abc", "junk"}});
+             {"8", "y", "2", "PSE", "1", "1", "/dev/b", "1", "12abc", "7junk"}});
     SwitchConf c{};
     EXPECT_EQ(swGlobalCfgFromQueryResultRead(&c, t.cells.data(), t.nCols, 1), 0);
     EXPECT_EQ(std::string(c.switchName) + "|" + c.switchDevice, "PSE|/dev/b");
-    const int32_t expected[] = {1, 1, 8, 1, 12, 0, 2};  // record order; atoi rules
+    const int32_t expected[] = {1, 1, 8, 1, 12, 7, 2};  // record order; atoi rules
     EXPECT_EQ(std::memcmp(&c.vlanEnable, expected, sizeof expected), 0);
 }
 
