@@ -109,7 +109,7 @@ extern "C" int swMgrIoctlHandler(MbusCtx *ctx, const MbusMsgHeader *header, int 
             if (top == nullptr) return SW_EINVAL;
             if (data == nullptr) {
                 SWMGR_LOG("", SW_LOG_ERR, "%s: empty vlan request!\n", "swMgrIoctlHandler");
-                return SW_EINVAL;
+                return -1;  // a malformed request, like every other
             }
             BusCommand request(data, dataLen);
             SwitchVlanConf conf;
