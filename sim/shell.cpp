@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "shell.h"
 
+#include <cctype>
 #include <cstring>
 
 namespace swsim {
@@ -10,7 +11,28 @@ namespace {
 bool blank(char c) { return c == ' ' || c == '\t'; }
 
 // Unquoted characters that would make the shell expand or redirect.
-bool beyondReader(char c) { return std::strchr("$`*?[<>&(){}~", c) != nullptr; }
+bool beyondReader(char c) {
+    switch (c) {
+        case '$': case '`': case '*': case '?': case '[': case '<': case '>':
+        case '&': case '(': case ')': case '{': case '}': case '~':
+            return true;
+        default:
+            return false;
+    }
+}
+
+// The program a line starts with when it is a plain word (letters, digits
+// and "/._-" up to a blank, a separator or the end); empty when reading it
+// takes the whole reader.
+std::string_view plainProgram(std::string_view line) {
+    size_t from = line.find_first_not_of(" \t");
+    if (from == std::string_view::npos) return {};
+    size_t to = from;
+    while (to < line.size() && (std::isalnum(static_cast<unsigned char>(line[to])) || std::strchr("/._-", line[to])))
+        ++to;
+    if (to == from || (to < line.size() && !blank(line[to]) && std::strchr("\n;|", line[to]) == nullptr)) return {};
+    return line.substr(from, to - from);
+}
 
 class Reader {
 public:
@@ -141,9 +163,12 @@ const ToolBox::Tool *ToolBox::find(const std::string &program, bool *entry) cons
 }
 
 std::optional<std::vector<ShellCommand>> ToolBox::claim(const std::string &line) const {
+    // Every model is offered every line: most are turned down by their first word alone.
+    bool entry = false;
+    std::string_view program = plainProgram(line);
+    if (!program.empty() && (find(std::string(program), &entry) == nullptr || !entry)) return std::nullopt;
     auto commands = shellParse(line);
     if (!commands || commands->empty()) return std::nullopt;
-    bool entry = false;
     if (find(commands->front().stages.front().front(), &entry) == nullptr || !entry) return std::nullopt;
     return commands;
 }

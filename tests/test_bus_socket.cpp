@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The bus between processes: a module served by a forked child, reached
 // through its socket, what the listener refuses, and where log records go.
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -12,6 +13,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstring>
+#include <filesystem>
 #include <string>
 #include <thread>
 #include <vector>
@@ -145,26 +147,29 @@ TEST(BusSocket, ModulesServeOtherProcessesUntilTheyUnregister) {
         ASSERT_NE(self, nullptr);
         char aux[128] = {};
         int auxLen = sizeof aux;
-        const int fds = swtest::lowestFreeFd();
+        auto openFds = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); };
+        const auto fds = openFds();
         EXPECT_EQ(mbusIoctl(self, 201, kEcho, const_cast<char *>("ping"), 4, aux, &auxLen, 0, 2000, 0), 1004);
         EXPECT_STREQ(aux, "src=202 req=1 data=ping");
         EXPECT_EQ(auxLen, 24);
         EXPECT_STREQ(mbusPortLastError(), "");
         EXPECT_EQ(mbusIoctl(self, 201, kEcho, nullptr, 0, nullptr, &auxLen, 0, 2000, 0), 1000) << "room, but no buffer";
-        const int in = ::dup(STDIN_FILENO);  // with descriptor 0 free, a connection may get it
-        ::close(STDIN_FILENO);
-        EXPECT_EQ(mbusIoctl(self, 201, kEcho, nullptr, 0, nullptr, nullptr, 0, 2000, 0), 1000);
-        ::dup2(in, STDIN_FILENO), ::close(in);
         auxLen = 1;
         EXPECT_EQ(mbusIoctl(self, 201, kEcho, nullptr, 0, aux, &auxLen, 0, 2000, 0), 1000);
         EXPECT_EQ(auxLen, 1) << "the terminator alone comes back";
-        EXPECT_EQ(swtest::lowestFreeFd(), fds) << "each request's connection closed";
+        EXPECT_EQ(openFds(), fds + 1) << "one connection kept for the next request";
 
         // Requests without a reply return at once; more than the listener
-        // holds at once, as a busy daemon's log records are, all arrive.
+        // holds at once, as a busy daemon's log records are, all arrive, and
+        // before what the sender asks next.
         for (int i = 0; i < 300; ++i)
             ASSERT_EQ(mbusIoctl(self, 201, kEcho, nullptr, 0, nullptr, nullptr, MBUS_FLAG_NOREPLY, 0, 0), 0);
+        const int in = ::dup(STDIN_FILENO);  // with descriptor 0 free, a connection may get it
+        ::close(STDIN_FILENO);
+        EXPECT_EQ(count(201), 303);
+        ::dup2(in, STDIN_FILENO), ::close(in);  // the kept connection's number reused: not ours to close
         EXPECT_EQ(count(201), 304);
+        EXPECT_EQ(::fcntl(STDIN_FILENO, F_GETFD), 0);
 
         // A request to this process's own module never touches a socket.
         EXPECT_EQ(mbusIoctl(self, 202, 3, nullptr, 0, nullptr, nullptr, 0, 0, 0), 202 * 100 + 3);
@@ -284,6 +289,11 @@ TEST(BusSocket, MalformedMessagesAreRefusedAndTheListenerServesOn) {
     EXPECT_EQ(mbusPortSendHookRemove(hook, &taken), 0);
     EXPECT_EQ(count(204), 5);
     EXPECT_EQ(taken, 1);
+    // The module's process replaced, the connection kept to the last one is let go unused.
+    ::kill(child.pid, SIGKILL), ::waitpid(child.pid, nullptr, 0), child.pid = -1;
+    Server again(204);
+    ASSERT_TRUE(again.ready);
+    EXPECT_EQ(count(204), 0);
 }
 
 TEST(BusSocket, PastTheConnectionLimitTheConnectionIdleLongestIsClosed) {
@@ -395,8 +405,16 @@ TEST(BusSocket, LogRecordsToTheBusStandardErrorOrTheSystemLog) {
     ASSERT_EQ(mbusPortLogTargetSet(MBUS_PORT_LOG_STDERR, nullptr), 0);
     testing::internal::CaptureStderr();
     EXPECT_EQ(logRecord(8, text, sizeof text), 0);
+    EXPECT_EQ(osaFilePrintf(stderr, "%s %d\n", "console", 7), 10);
+    mbuswire::logHold();  // as while a request is served: records and console lines wait for its reply
+    EXPECT_EQ(logRecord(8, text, sizeof text), 0);
+    EXPECT_EQ(osaFilePrintf(stderr, "%s %d\n", "console", 8), 10);
     EXPECT_EQ(mbusIoctl(nullptr, MBUS_MODULE_LOG, MBUS_LOG_CMD, nullptr, 0, nullptr, nullptr, MBUS_FLAG_NOREPLY, 0, 0), 0);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "Invalid database event\n");
+    const std::string before = testing::internal::GetCapturedStderr();
+    testing::internal::CaptureStderr();
+    mbuswire::logUnhold();
+    EXPECT_EQ(before + "|" + testing::internal::GetCapturedStderr(),
+              text + std::string("console 7\n|") + text + "console 8\n");
 
     swtest::TempDir tmp;
     const std::string dev = tmp.file("syslog");

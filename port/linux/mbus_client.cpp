@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // Sending on the host bus: mbusIoctl reaches a module of this process
-// directly and another one through a connection of its own, opened for the
-// request and closed with its reply. Log records take the log path instead
-// (mbus_log.cpp), which never waits.
+// directly and another one over a connection. Log records take the log path
+// instead (mbus_log.cpp), which never waits.
+#include <poll.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -22,8 +23,56 @@ int fail(int code, std::string why) {
     return code;
 }
 
-// Reads the reply to a request sent on fd into aux (cap bytes).
-int awaitReply(int fd, int module, int timeout, void *aux, int *auxLen, size_t cap) {
+// The connection of the last request that was answered, kept for the next
+// one to the same socket: connecting and being accepted cost as much as the
+// request itself. A connection is kept only once its reply has been read,
+// so a late reply is never taken for another request's. Before it is used
+// again it must still be ours (not closed behind our back and its number
+// reused, not inherited across a fork) and quiet: the module sends nothing
+// unasked, so anything waiting on it means it was closed at the far end.
+class KeptConn {
+public:
+    int take(const std::string &path) {
+        int fd = fd_;
+        fd_ = -1;
+        if (fd < 0) return -1;
+        struct stat st {};
+        if (::fstat(fd, &st) != 0 || st.st_ino != ino_ || st.st_dev != dev_) return -1;  // no longer ours to close
+        pollfd p{fd, POLLIN, {}};
+        if (path == path_ && pid_ == ::getpid() && ::poll(&p, 1, 0) == 0) return fd;
+        ::close(fd);
+        return -1;
+    }
+    void keep(const std::string &path, int fd) {
+        struct stat st {};
+        if (::fstat(fd, &st) != 0) {
+            ::close(fd);
+            return;
+        }
+        if (fd_ >= 0) ::close(fd_);
+        fd_ = fd;
+        path_ = path;
+        pid_ = ::getpid();
+        dev_ = st.st_dev;
+        ino_ = st.st_ino;
+    }
+
+private:
+    int fd_ = -1;
+    std::string path_;
+    pid_t pid_ = 0;
+    dev_t dev_ = 0;
+    ino_t ino_ = 0;
+};
+
+KeptConn &kept() {
+    static thread_local KeptConn k;
+    return k;
+}
+
+// Reads the reply to a request sent on fd into aux (cap bytes); `whole`
+// tells whether a well-formed reply was read.
+int awaitReply(int fd, int module, int timeout, void *aux, int *auxLen, size_t cap, bool &whole) {
     if (!mbuswire::waitReadable(fd, timeout))
         return fail(MBUS_PORT_ERR_TIMEOUT, "no reply from module " + std::to_string(module) + " within " +
                                                std::to_string(timeout) + " ms");
@@ -40,6 +89,7 @@ int awaitReply(int fd, int module, int timeout, void *aux, int *auxLen, size_t c
         std::memcpy(aux, buf.data() + sizeof r, r.auxLen);
         *auxLen = static_cast<int>(r.auxLen);
     }
+    whole = true;
     return r.result;
 }
 }  // namespace
@@ -73,18 +123,30 @@ extern "C" int mbusIoctl(MbusCtx *ctx, int module, int cmd, void *data, int data
     }
 
     const int timeout = timeoutMs > 0 ? timeoutMs : MBUS_PORT_TIMEOUT_MS;
+    // A request without a reply is still answered: its connection would
+    // hold that answer, so it is never kept.
+    const bool replied = (flags & MBUS_FLAG_NOREPLY) == 0;
+    const std::string path = mbuswire::socketPath(module);
     std::string err;
-    int fd = mbuswire::connectModule(module, timeout, err);
+    // What follows a request without a reply queues behind it on a new
+    // connection, as it always has, so one sender's requests stay in order.
+    int fd = kept().take(path);
+    if (!replied && fd >= 0) ::close(fd), fd = -1;
+    if (fd < 0) fd = mbuswire::connectModule(module, timeout, err);
     if (fd < 0) return fail(fd, err);
     MbusMsgHeader h = mbuswire::header(mbuswire::moduleOf(ctx), module, cmd, static_cast<size_t>(dataLen), cap);
     int result;
-    if (mbuswire::sendMessage(fd, h, data, aux, timeout))
-        result = (flags & MBUS_FLAG_NOREPLY) != 0 ? 0 : awaitReply(fd, module, timeout, aux, auxLen, cap);
+    bool whole = false, sent = mbuswire::sendMessage(fd, h, data, aux, timeout);
+    if (sent)
+        result = replied ? awaitReply(fd, module, timeout, aux, auxLen, cap, whole) : 0;
     else if (mbuswire::waitReadable(fd, 0))
-        result = awaitReply(fd, module, 0, aux, auxLen, cap);  // told why before it closed on us
+        result = awaitReply(fd, module, 0, aux, auxLen, cap, whole);  // told why before it closed on us
     else
         result = fail(MBUS_PORT_ERR_IO, std::string("cannot send to module ") + std::to_string(module));
-    ::close(fd);
+    if (sent && whole)
+        kept().keep(path, fd);
+    else
+        ::close(fd);
     return result;
 }
 

@@ -4,7 +4,8 @@
 // pager) costs the sender nothing but the records it loses. Those are
 // counted and the count is reported once records get through again.
 // Records made while a bus request is being served are held until its reply
-// has gone, so a log reader never stands between a client and its answer.
+// has gone, so neither a log reader nor a console stands between a client
+// and its answer.
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <syslog.h>
@@ -49,6 +50,7 @@ struct Record {
 struct Held {
     int src;
     std::vector<uint8_t> data, aux;
+    bool console;  // a text for standard error alone, not a record
 };
 // Past this many held records the oldest are sent at once, in order.
 constexpr size_t kHeldMax = 256;
@@ -182,13 +184,26 @@ void logNow(int src, const void *data, int dataLen, const void *aux, int auxLen)
     }
 }
 
-// Sends what was held, oldest first.
+// Sends what was held, oldest first. Texts for standard error in a row go
+// in one write: a busy request makes dozens of them.
 void logRelease() {
     std::vector<Held> out;
     out.swap(path().held);
-    for (const auto &h : out)
-        logNow(h.src, h.data.data(), static_cast<int>(h.data.size()), h.aux.empty() ? nullptr : h.aux.data(),
-               static_cast<int>(h.aux.size()));
+    std::string console;
+    auto flush = [&console] {
+        std::fwrite(console.data(), 1, console.size(), stderr);
+        console.clear();
+    };
+    for (const auto &h : out) {
+        const uint8_t *aux = h.aux.empty() ? nullptr : h.aux.data();
+        if (h.console || path().target == MBUS_PORT_LOG_STDERR) {
+            console += textOf(aux, static_cast<int>(h.aux.size()));
+            continue;
+        }
+        flush();
+        logNow(h.src, h.data.data(), static_cast<int>(h.data.size()), aux, static_cast<int>(h.aux.size()));
+    }
+    flush();
 }
 
 std::vector<uint8_t> copyOf(const void *bytes, int len) {
@@ -199,16 +214,23 @@ std::vector<uint8_t> copyOf(const void *bytes, int len) {
 
 void logRecord(int src, const void *data, int dataLen, const void *aux, int auxLen) {
     LogPath &p = path();
-    if (p.target == MBUS_PORT_LOG_STDERR) {
-        toStderr(textOf(aux, auxLen));  // the text alone, as a console shows it
-        return;
-    }
     if (p.holding == 0) {
-        logNow(src, data, dataLen, aux, auxLen);
+        if (p.target == MBUS_PORT_LOG_STDERR)
+            toStderr(textOf(aux, auxLen));  // the text alone, as a console shows it
+        else
+            logNow(src, data, dataLen, aux, auxLen);
         return;
     }
     if (p.held.size() >= kHeldMax) logRelease();
-    p.held.push_back({src, copyOf(data, dataLen), copyOf(aux, auxLen)});
+    p.held.push_back({src, copyOf(data, dataLen), copyOf(aux, auxLen), false});
+}
+
+bool holdConsole(std::string_view text) {
+    LogPath &p = path();
+    if (p.holding == 0) return false;
+    if (p.held.size() >= kHeldMax) logRelease();
+    p.held.push_back({0, {}, copyOf(text.data(), static_cast<int>(text.size())), true});
+    return true;
 }
 
 void logHold() { ++path().holding; }

@@ -11,6 +11,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "osa_port.h"
@@ -80,6 +81,10 @@ void logRecord(int src, const void *data, int dataLen, const void *aux, int auxL
 // A diagnostic of the port itself, sent as a log record with `tag`.
 void diag(const char *tag, const char *format, ...) __attribute__((format(printf, 2, 3)));
 void logClose();
+// A text for standard error, held with the records while they are held, so
+// that a console does not stand between a client and its answer either.
+// False when nothing is held: the caller writes it now.
+bool holdConsole(std::string_view text);
 // Between these, records wait and go out in order at the last logUnhold
 // (or when too many wait). Nests.
 void logHold();

@@ -6,9 +6,11 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 
+#include "mbus_wire.h"
 #include "osa_port.h"
 
 namespace {
@@ -57,7 +59,17 @@ extern "C" int osaFilePrintf(FILE *file, const char *format, ...) {
     if (file == nullptr || format == nullptr) return -1;
     va_list ap;
     va_start(ap, format);
-    int r = std::vfprintf(file, format, ap);
+    int r;
+    if (file == stderr) {
+        // Formatted first: while a request is served the text waits for its reply.
+        char *text = nullptr;
+        r = ::vasprintf(&text, format, ap);
+        if (r >= 0 && !mbuswire::holdConsole({text, static_cast<size_t>(r)}))
+            std::fwrite(text, 1, static_cast<size_t>(r), stderr);
+        std::free(text);
+    } else {
+        r = std::vfprintf(file, format, ap);
+    }
     va_end(ap);
     return r;
 }
