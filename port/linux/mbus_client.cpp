@@ -123,8 +123,8 @@ extern "C" int mbusIoctl(MbusCtx *ctx, int module, int cmd, void *data, int data
     }
 
     const int timeout = timeoutMs > 0 ? timeoutMs : MBUS_PORT_TIMEOUT_MS;
-    // A request without a reply is still answered: its connection would
-    // hold that answer, so it is never kept.
+    // A request without a reply goes on a connection of its own, closed
+    // once it is sent.
     const bool replied = (flags & MBUS_FLAG_NOREPLY) == 0;
     const std::string path = mbuswire::socketPath(module);
     std::string err;
@@ -135,6 +135,7 @@ extern "C" int mbusIoctl(MbusCtx *ctx, int module, int cmd, void *data, int data
     if (fd < 0) fd = mbuswire::connectModule(module, timeout, err);
     if (fd < 0) return fail(fd, err);
     MbusMsgHeader h = mbuswire::header(mbuswire::moduleOf(ctx), module, cmd, static_cast<size_t>(dataLen), cap);
+    if (!replied) h.isRequest = mbuswire::kRequestNoReply;
     int result;
     bool whole = false, sent = mbuswire::sendMessage(fd, h, data, aux, timeout);
     if (sent)

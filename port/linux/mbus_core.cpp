@@ -142,8 +142,9 @@ void acceptAll(MbusCtx *c) {
 
 // Serves the message waiting on one connection. Returns -1 when the
 // connection is finished (peer gone, broken, or not taking its reply),
-// else how many callbacks ran (0 or 1).
-int serveConn(MbusCtx *c, int fd) {
+// else how many callbacks ran (0 or 1), and kQuiet for one that wants no reply.
+constexpr int kQuiet = 2;
+int serveMessage(MbusCtx *c, int fd) {
     Bus &b = bus();
     // Declared first, so the held records go out only after the reply.
     mbuswire::LogHolder hold;
@@ -167,8 +168,23 @@ int serveConn(MbusCtx *c, int fd) {
     int auxLen = static_cast<int>(aux.size());
     int result = c->callback(c, &h, static_cast<int>(h.cmd), data.empty() ? nullptr : data.data(),
                              static_cast<int>(data.size()), aux.empty() ? nullptr : aux.data(), &auxLen);
+    if (h.isRequest == mbuswire::kRequestNoReply) return kQuiet;
     const size_t back = std::min(static_cast<size_t>(std::max(auxLen, 0)), aux.size());
     return reply(fd, h, result, aux.data(), back) ? 1 : -1;
+}
+
+// One message, or a run of those that want no reply: a log service's
+// records come by the dozen, and a poll round for each would cost more
+// than serving them. A request that is answered ends the run.
+int serveConn(MbusCtx *c, int fd) {
+    constexpr int kQuietRun = 32;
+    int ran = 0;
+    for (int r = kQuiet; r == kQuiet && ran < kQuietRun && c->live;) {
+        r = serveMessage(c, fd);
+        if (r < 0) return ran > 0 ? ran : -1;  // a finished connection shows again at the next poll
+        ran += r > 0;
+    }
+    return ran;
 }
 
 int servePosted(MbusCtx *c) {

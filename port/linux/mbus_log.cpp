@@ -113,6 +113,12 @@ int syslogSeverity(uint32_t level) {
     return LOG_INFO;
 }
 
+MbusMsgHeader recordHeader(int src, size_t dataLen, size_t auxLen) {
+    MbusMsgHeader m = mbuswire::header(src, MBUS_MODULE_LOG, MBUS_LOG_CMD, dataLen, auxLen);
+    m.isRequest = mbuswire::kRequestNoReply;
+    return m;
+}
+
 // One try at sending a record on the kept descriptor; errno tells why not.
 bool sendOnce(int fd, const Record &r) {
     if (path().target == MBUS_PORT_LOG_SYSLOG) {
@@ -135,8 +141,7 @@ bool sendOnce(int fd, const Record &r) {
         errno = EPIPE;
         return false;
     }
-    MbusMsgHeader m = mbuswire::header(r.src, MBUS_MODULE_LOG, MBUS_LOG_CMD, r.dataLen, r.auxLen);
-    return mbuswire::sendMessage(fd, m, r.data, r.aux);
+    return mbuswire::sendMessage(fd, recordHeader(r.src, r.dataLen, r.auxLen), r.data, r.aux);
 }
 
 // Sends over the kept descriptor, opening it (again) once when there is
@@ -184,8 +189,33 @@ void logNow(int src, const void *data, int dataLen, const void *aux, int auxLen)
     }
 }
 
-// Sends what was held, oldest first. Texts for standard error in a row go
-// in one write: a busy request makes dozens of them.
+// Held records for the log service in a row, from out[i] on, sent in one
+// call while the kept connection takes them; how many went (none: the
+// record-by-record path finds out why, and says so).
+size_t sendRun(const std::vector<Held> &out, size_t i) {
+    LogPath &p = path();
+    if (p.target != MBUS_PORT_LOG_BUS || p.fd < 0 || p.dropped > p.reported || !drainReplies(p.fd)) return 0;
+    constexpr size_t kRun = 32;
+    MbusMsgHeader heads[kRun];
+    iovec iov[kRun][3];
+    mmsghdr msgs[kRun] = {};
+    size_t n = 0;
+    for (; n < kRun && i + n < out.size() && !out[i + n].console; ++n) {
+        const Held &h = out[i + n];
+        heads[n] = recordHeader(h.src, h.data.size(), h.aux.size());
+        iov[n][0] = {&heads[n], sizeof heads[n]};
+        iov[n][1] = {const_cast<uint8_t *>(h.data.data()), h.data.size()};
+        iov[n][2] = {const_cast<uint8_t *>(h.aux.data()), h.aux.size()};
+        msgs[n].msg_hdr.msg_iov = iov[n];
+        msgs[n].msg_hdr.msg_iovlen = 3;
+    }
+    const int sent = ::sendmmsg(p.fd, msgs, static_cast<unsigned>(n), MSG_DONTWAIT | MSG_NOSIGNAL);
+    return sent > 0 ? static_cast<size_t>(sent) : 0;
+}
+
+// Sends what was held, oldest first: a busy request makes dozens of
+// records, so texts for standard error in a row go in one write and
+// records for the log service in as few calls as the connection allows.
 void logRelease() {
     std::vector<Held> out;
     out.swap(path().held);
@@ -194,14 +224,21 @@ void logRelease() {
         std::fwrite(console.data(), 1, console.size(), stderr);
         console.clear();
     };
-    for (const auto &h : out) {
+    for (size_t i = 0; i < out.size();) {
+        const Held &h = out[i];
         const uint8_t *aux = h.aux.empty() ? nullptr : h.aux.data();
         if (h.console || path().target == MBUS_PORT_LOG_STDERR) {
             console += textOf(aux, static_cast<int>(h.aux.size()));
+            ++i;
             continue;
         }
         flush();
+        if (size_t n = sendRun(out, i)) {
+            i += n;
+            continue;
+        }
         logNow(h.src, h.data.data(), static_cast<int>(h.data.size()), aux, static_cast<int>(h.aux.size()));
+        ++i;
     }
     flush();
 }

@@ -63,6 +63,9 @@ bool waitReadable(int fd, int timeoutMs);
 
 // A request's header; a reply is one with the flag cleared, no data and its result.
 MbusMsgHeader header(int src, int dst, int cmd, size_t dataLen, size_t auxLen);
+// The request flag of a request whose sender reads no reply (log records
+// among them): its receiver sends none, which spares both sides a message.
+constexpr uint32_t kRequestNoReply = 2;
 
 // --- Contexts (mbus_core.cpp) ---
 // Whether ctx is a registered context. Never dereferences one that is not:

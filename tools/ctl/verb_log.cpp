@@ -48,7 +48,6 @@ int onLogRecord(MbusCtx *, const MbusMsgHeader *, int cmd, void *data, int dataL
     } else {
         std::printf("%s %s: %s", who.c_str(), name, text.c_str());
     }
-    std::fflush(stdout);
     if (logLeft > 0) --logLeft;
     return 0;
 }
@@ -62,7 +61,11 @@ int followLog(int count) {
     MbusCtx *ctx = mbusRegister(MBUS_MODULE_LOG, 2, onLogRecord, nullptr);
     if (ctx == nullptr) return fail(std::string("cannot follow the log: ") + mbusPortLastError(), kUnreachable);
     std::fprintf(stderr, "swmgrctl: following the log on %s (Ctrl-C to stop)\n", mbusPortBusDirGet());
-    while (!stopLog && logLeft != 0) mbusListen(ctx, 200000);
+    // Records come in runs; each run is printed with one write.
+    while (!stopLog && logLeft != 0) {
+        mbusListen(ctx, 200000);
+        std::fflush(stdout);
+    }
     mbusUnRegister(ctx);
     return kOk;
 }
