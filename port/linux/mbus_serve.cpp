@@ -1,0 +1,194 @@
+// SPDX-License-Identifier: Apache-2.0
+// Serving the host bus: accepting connections, reading a request, running
+// its callback and sending the reply, one poll round at a time. Nothing
+// here blocks but the poll: connections are non-blocking, replies are sent
+// only when they fit, and a peer that does not keep up loses its
+// connection rather than holding the loop.
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "mbus_bus.h"
+
+namespace mbuswire {
+
+void closeConns(MbusCtx *c) {
+    for (const auto &k : c->conns) ::close(k.fd);
+    c->conns.clear();
+}
+
+namespace {
+void dropConn(MbusCtx *c, int fd) {
+    auto it = std::find_if(c->conns.begin(), c->conns.end(), [fd](const Conn &k) { return k.fd == fd; });
+    if (it == c->conns.end()) return;
+    ::close(fd);
+    c->conns.erase(it);
+}
+
+void dropIdlest(MbusCtx *c) {
+    auto it = std::min_element(c->conns.begin(), c->conns.end(),
+                               [](const Conn &a, const Conn &b) { return a.lastUsed < b.lastUsed; });
+    if (it != c->conns.end()) dropConn(c, it->fd);
+}
+
+bool reply(int fd, const MbusMsgHeader &req, int result, const void *aux, size_t auxLen) {
+    MbusMsgHeader h = header(static_cast<int>(req.dstModule), static_cast<int>(req.srcModule),
+                                       static_cast<int>(req.cmd), 0, auxLen);
+    h.isRequest = 0;
+    h.result = result;
+    return sendMessage(fd, h, nullptr, aux);
+}
+
+// Takes every waiting connection; one from a user that may not use the bus
+// is told so and closed before it can send anything.
+void acceptAll(MbusCtx *c) {
+    for (;;) {
+        int fd = ::accept4(c->listenFd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+        if (fd < 0) {
+            if (errno == EINTR) continue;
+            if ((errno == EMFILE || errno == ENFILE) && !c->conns.empty()) {
+                dropIdlest(c);
+                continue;
+            }
+            return;
+        }
+        if (!peerAllowed(fd)) {
+            MbusMsgHeader none{};  // no request was read: the refusal comes from the module alone
+            none.dstModule = static_cast<uint32_t>(c->module);
+            reply(fd, none, MBUS_PORT_ERR_REFUSED, nullptr, 0);
+            // Closing on an unread request would reset the connection and
+            // lose the refusal: discard what it sent first, unread.
+            char scrap;
+            while (::recv(fd, &scrap, 1, MSG_DONTWAIT | MSG_TRUNC) > 0) {
+            }
+            ::close(fd);
+            ++bus().refused;
+            diag("mbus", "mbus: module %d refused a connection from another user\n", c->module);
+            continue;
+        }
+        if (c->conns.size() >= bus().connLimit) dropIdlest(c);
+        c->conns.push_back({fd, ++bus().tick});
+    }
+}
+
+// Serves the message waiting on one connection. Returns -1 when the
+// connection is finished (peer gone, broken, or not taking its reply),
+// else how many callbacks ran (0 or 1), and kQuiet for one that wants no reply.
+constexpr int kQuiet = 2;
+int serveMessage(MbusCtx *c, int fd) {
+    Bus &b = bus();
+    // Declared first, so the held records go out only after the reply.
+    LogHolder hold;
+    ssize_t n = receiveMessage(fd, b.buf);
+    if (n < 0) return errno == EAGAIN || errno == EINTR ? 0 : -1;
+    if (n == 0) return -1;
+    MbusMsgHeader h{};
+    std::memcpy(&h, b.buf.data(), std::min(sizeof h, static_cast<size_t>(n)));
+    const char *why = checkMessage(b.buf, n, false);
+    if (why == nullptr && h.dstModule != static_cast<uint32_t>(c->module)) why = "addressed to another module";
+    if (why != nullptr) {
+        diag("mbus", "mbus: module %d refused a malformed message (%zd bytes): %s\n", c->module, n, why);
+        h.srcModule = 0;
+        h.dstModule = static_cast<uint32_t>(c->module);
+        return reply(fd, h, MBUS_PORT_ERR_BADMSG, nullptr, 0) ? 0 : -1;
+    }
+    // The callback may listen or log; copies keep the message its own.
+    const uint8_t *body = b.buf.data() + sizeof h;
+    Bytes data(body, body + h.dataLen);
+    Bytes aux(body + h.dataLen, body + h.dataLen + h.auxLen);
+    int auxLen = static_cast<int>(aux.size());
+    int result = c->callback(c, &h, static_cast<int>(h.cmd), data.empty() ? nullptr : data.data(),
+                             static_cast<int>(data.size()), aux.empty() ? nullptr : aux.data(), &auxLen);
+    if (h.isRequest == kRequestNoReply) return kQuiet;
+    const size_t back = std::min(static_cast<size_t>(std::max(auxLen, 0)), aux.size());
+    return reply(fd, h, result, aux.data(), back) ? 1 : -1;
+}
+
+// One message, or a run of those that want no reply: a log service's
+// records come by the dozen, and a poll round for each would cost more
+// than serving them. A request that is answered ends the run.
+int serveConn(MbusCtx *c, int fd) {
+    constexpr int kQuietRun = 32;
+    int ran = 0;
+    for (int r = kQuiet; r == kQuiet && ran < kQuietRun && c->live;) {
+        r = serveMessage(c, fd);
+        if (r < 0) return ran > 0 ? ran : -1;  // a finished connection shows again at the next poll
+        ran += r > 0;
+    }
+    return ran;
+}
+
+int servePosted(MbusCtx *c) {
+    if (c->posted.empty()) return 0;
+    Posted req = std::move(c->posted.front());
+    c->posted.pop_front();
+    int auxLen = static_cast<int>(req.aux.size());
+    MbusMsgHeader h = header(req.srcModule, c->module, req.cmd, req.data.size(), req.aux.size());
+    c->callback(c, &h, req.cmd, req.data.empty() ? nullptr : req.data.data(), static_cast<int>(req.data.size()),
+                req.aux.empty() ? nullptr : req.aux.data(), &auxLen);
+    return 1;
+}
+}  // namespace
+
+int serveRound(const std::vector<MbusCtx *> &served, Clock::time_point deadline) {
+    Bus &b = bus();
+    int ran = 0;
+    for (auto *c : served)
+        if (c->live) ran += servePosted(c);
+    if (ran > 0) return ran;
+
+    struct Source {
+        MbusCtx *ctx;  // nullptr for a watched descriptor
+        bool listener;
+    };
+    std::vector<pollfd> fds;
+    std::vector<Source> from;
+    for (const auto &w : b.watches) {
+        fds.push_back({w.fd, POLLIN, {}});
+        from.push_back({nullptr, false});
+    }
+    for (auto *c : served) {
+        fds.push_back({c->listenFd, POLLIN, {}});
+        from.push_back({c, true});
+        for (const auto &k : c->conns) {
+            fds.push_back({k.fd, POLLIN, {}});
+            from.push_back({c, false});
+        }
+    }
+    const auto left = std::max(Clock::duration::zero(), deadline - Clock::now());
+    const auto whole = std::chrono::duration_cast<std::chrono::seconds>(left);
+    timespec ts{static_cast<time_t>(whole.count()),
+                static_cast<long>(std::chrono::duration_cast<std::chrono::nanoseconds>(left - whole).count())};
+    if (::ppoll(fds.data(), fds.size(), &ts, nullptr) <= 0) return -1;
+
+    for (size_t i = 0; i < fds.size(); ++i) {
+        if (fds[i].revents == 0) continue;
+        MbusCtx *c = from[i].ctx;
+        if (c == nullptr) {
+            auto w = std::find_if(b.watches.begin(), b.watches.end(), [&](const Watch &e) { return e.fd == fds[i].fd; });
+            if (w == b.watches.end()) continue;  // unwatched by an earlier callback
+            Watch call = *w;
+            call.ready(call.ctx, call.fd);
+            ++ran;
+        } else if (!c->live) {
+            continue;  // unregistered by an earlier callback of this round
+        } else if (from[i].listener) {
+            acceptAll(c);
+        } else {
+            int r = (fds[i].revents & POLLIN) != 0 ? serveConn(c, fds[i].fd) : -1;
+            if (r > 0) ran += r;
+            auto k = std::find_if(c->conns.begin(), c->conns.end(), [&](const Conn &e) { return e.fd == fds[i].fd; });
+            if (r < 0 && c->live)
+                dropConn(c, fds[i].fd);
+            else if (k != c->conns.end())
+                k->lastUsed = ++b.tick;
+        }
+    }
+    return ran;
+}
+
+}  // namespace mbuswire
