@@ -148,6 +148,7 @@ TEST(BusSocket, ModulesServeOtherProcessesUntilTheyUnregister) {
         char aux[128] = {};
         int auxLen = sizeof aux;
         auto openFds = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); };
+        mbusDeInit();
         const auto fds = openFds();
         EXPECT_EQ(mbusIoctl(self, 201, kEcho, const_cast<char *>("ping"), 4, aux, &auxLen, 0, 2000, 0), 1004);
         EXPECT_STREQ(aux, "src=202 req=1 data=ping");
@@ -158,6 +159,8 @@ TEST(BusSocket, ModulesServeOtherProcessesUntilTheyUnregister) {
         EXPECT_EQ(mbusIoctl(self, 201, kEcho, nullptr, 0, aux, &auxLen, 0, 2000, 0), 1000);
         EXPECT_EQ(auxLen, 1) << "the terminator alone comes back";
         EXPECT_EQ(openFds(), fds + 1) << "one connection kept for the next request";
+        EXPECT_EQ(mbusDeInit(), 0);
+        EXPECT_EQ(openFds(), fds) << "and let go with the bus";
 
         // Requests without a reply return at once; more than the listener
         // holds at once, as a busy daemon's log records are, all arrive, and

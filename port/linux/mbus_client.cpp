@@ -32,16 +32,16 @@ int fail(int code, std::string why) {
 // unasked, so anything waiting on it means it was closed at the far end.
 class KeptConn {
 public:
+    // The kept connection for a request to `path`, or -1; either way none is kept after.
     int take(const std::string &path) {
-        int fd = fd_;
-        fd_ = -1;
-        if (fd < 0) return -1;
-        struct stat st {};
-        if (::fstat(fd, &st) != 0 || st.st_ino != ino_ || st.st_dev != dev_) return -1;  // no longer ours to close
+        int fd = release();
         pollfd p{fd, POLLIN, {}};
-        if (path == path_ && pid_ == ::getpid() && ::poll(&p, 1, 0) == 0) return fd;
+        if (fd < 0 || (path == path_ && pid_ == ::getpid() && ::poll(&p, 1, 0) == 0)) return fd;
         ::close(fd);
         return -1;
+    }
+    void drop() {
+        if (int fd = release(); fd >= 0) ::close(fd);
     }
     void keep(const std::string &path, int fd) {
         struct stat st {};
@@ -49,7 +49,6 @@ public:
             ::close(fd);
             return;
         }
-        if (fd_ >= 0) ::close(fd_);
         fd_ = fd;
         path_ = path;
         pid_ = ::getpid();
@@ -58,6 +57,15 @@ public:
     }
 
 private:
+    // The kept descriptor while it is still the connection it was; -1 else.
+    int release() {
+        const int fd = fd_;
+        fd_ = -1;
+        struct stat st {};
+        if (fd < 0 || ::fstat(fd, &st) != 0 || st.st_ino != ino_ || st.st_dev != dev_) return -1;
+        return fd;
+    }
+
     int fd_ = -1;
     std::string path_;
     pid_t pid_ = 0;
@@ -150,6 +158,10 @@ extern "C" int mbusIoctl(MbusCtx *ctx, int module, int cmd, void *data, int data
         ::close(fd);
     return result;
 }
+
+namespace mbuswire {
+void keptClose() { kept().drop(); }
+}  // namespace mbuswire
 
 extern "C" int mbusPortSendHookAdd(MbusSendHook hook, void *ctx) { return hooks().add(hook, ctx); }
 

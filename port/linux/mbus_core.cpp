@@ -112,6 +112,7 @@ extern "C" int mbusUnRegister(MbusCtx *ctx) {
 
 extern "C" int mbusDeInit(void) {
     mbuswire::logClose();
+    mbuswire::keptClose();
     return 0;
 }
 

@@ -67,6 +67,9 @@ MbusMsgHeader header(int src, int dst, int cmd, size_t dataLen, size_t auxLen);
 // among them): its receiver sends none, which spares both sides a message.
 constexpr uint32_t kRequestNoReply = 2;
 
+// Closes the connection mbusIoctl keeps for this thread's next request (mbus_client.cpp).
+void keptClose();
+
 // --- Contexts (mbus_core.cpp) ---
 // Whether ctx is a registered context. Never dereferences one that is not:
 // unregistered contexts are kept, dead, for the life of the process.
