@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "shell.h"
 
-#include <cctype>
+#include <algorithm>
 #include <cstring>
 
 namespace swsim {
@@ -25,12 +25,11 @@ bool beyondReader(char c) {
 // and "/._-" up to a blank, a separator or the end); empty when reading it
 // takes the whole reader.
 std::string_view plainProgram(std::string_view line) {
-    size_t from = line.find_first_not_of(" \t");
-    if (from == std::string_view::npos) return {};
-    size_t to = from;
-    while (to < line.size() && (std::isalnum(static_cast<unsigned char>(line[to])) || std::strchr("/._-", line[to])))
-        ++to;
-    if (to == from || (to < line.size() && !blank(line[to]) && std::strchr("\n;|", line[to]) == nullptr)) return {};
+    constexpr std::string_view kPlain = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789/._-";
+    const size_t from = line.find_first_not_of(" \t");
+    const size_t to = std::min(line.find_first_not_of(kPlain, from), line.size());
+    if (to <= from || (to < line.size() && std::string_view(" \t\n;|").find(line[to]) == std::string_view::npos))
+        return {};
     return line.substr(from, to - from);
 }
 
