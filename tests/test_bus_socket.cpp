@@ -147,10 +147,17 @@ TEST(BusSocket, ModulesServeOtherProcessesUntilTheyUnregister) {
         ASSERT_NE(self, nullptr);
         char aux[128] = {};
         int auxLen = sizeof aux;
-        auto openFds = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); };
+        auto open = [] {  // what this process's descriptors name: a socket by its inode
+            std::vector<std::string> names;
+            std::error_code gone;  // a descriptor closed while listed has no name
+            for (const auto &fd : std::filesystem::directory_iterator("/proc/self/fd"))
+                names.push_back(std::filesystem::read_symlink(fd.path(), gone).string());
+            return std::sort(names.begin(), names.end()), names;
+        };
         mbusDeInit();
-        const auto fds = openFds();
+        const auto before = open();
         EXPECT_EQ(mbusIoctl(self, 201, kEcho, const_cast<char *>("ping"), 4, aux, &auxLen, 0, 2000, 0), 1004);
+        const auto kept = open();
         EXPECT_STREQ(aux, "src=202 req=1 data=ping");
         EXPECT_EQ(auxLen, 24);
         EXPECT_STREQ(mbusPortLastError(), "");
@@ -158,9 +165,10 @@ TEST(BusSocket, ModulesServeOtherProcessesUntilTheyUnregister) {
         auxLen = 1;
         EXPECT_EQ(mbusIoctl(self, 201, kEcho, nullptr, 0, aux, &auxLen, 0, 2000, 0), 1000);
         EXPECT_EQ(auxLen, 1) << "the terminator alone comes back";
-        EXPECT_EQ(openFds(), fds + 1) << "one connection kept for the next request";
+        EXPECT_EQ(kept.size(), before.size() + 1);
+        EXPECT_EQ(open(), kept) << "one connection, kept from request to request";
         EXPECT_EQ(mbusDeInit(), 0);
-        EXPECT_EQ(openFds(), fds) << "and let go with the bus";
+        EXPECT_EQ(open(), before) << "and let go with the bus";
 
         // Requests without a reply return at once; more than the listener
         // holds at once, as a busy daemon's log records are, all arrive, and
