@@ -178,8 +178,11 @@ TEST(BusSocket, ModulesServeOtherProcessesUntilTheyUnregister) {
         const int in = ::dup(STDIN_FILENO);  // with descriptor 0 free, a connection may get it
         ::close(STDIN_FILENO);
         EXPECT_EQ(count(201), 303);
-        ::dup2(in, STDIN_FILENO), ::close(in);  // the kept connection's number reused: not ours to close
+        EXPECT_EQ(mbusIoctl(nullptr, 203, kEcho, nullptr, 0, nullptr, nullptr, 0, 0, 0), MBUS_PORT_ERR_NOMODULE)
+            << "a connection kept on descriptor 0 serves its own module only";
         EXPECT_EQ(count(201), 304);
+        ::dup2(in, STDIN_FILENO), ::close(in);  // the kept connection's number reused: not ours to close
+        EXPECT_EQ(count(201), 305);
         EXPECT_EQ(::fcntl(STDIN_FILENO, F_GETFD), 0);
 
         // A request to this process's own module never touches a socket.
@@ -190,7 +193,7 @@ TEST(BusSocket, ModulesServeOtherProcessesUntilTheyUnregister) {
 
         EXPECT_EQ(mbusIoctl(nullptr, 201, kSlow, nullptr, 0, nullptr, nullptr, 0, 1, 0), MBUS_PORT_ERR_TIMEOUT);
         EXPECT_STREQ(mbusPortLastError(), "no reply from module 201 within 1 ms");
-        EXPECT_EQ(count(201), 306) << "the module serves on after the late request";
+        EXPECT_EQ(count(201), 307) << "the module serves on after the late request";
 
         // While its process lives, nobody else may register the module.
         const int lowest = swtest::lowestFreeFd();

@@ -163,6 +163,8 @@ TEST_P(DbEventForms, MalformedEventsAreRefusedAndNothingIsReadPastItsLength) {
     EXPECT_EQ(event("vlanEncapIf", 1, 9, std::string("vlanId\0ingressMap\0interfaceName\0" "10\0\0eth0", 40)), -3);
     EXPECT_EQ(cap->commands, std::vector<std::string>{"vconfig rem eth0.10"});
     EXPECT_EQ(cap->countLog("Failed to delete switch vlan profile \n"), 1);
+    EXPECT_EQ(event("vlanEncapIf", 1, 9, std::string("vlanId\0interfaceName\0" "10\0eth0", 28)), 0) << "once it may";
+    EXPECT_EQ(switchVlanByIdGet(sw, 10), nullptr);
     EXPECT_EQ(event("vlanEncapIf", 1, 9, std::string("vlanId\0" "4294967306", 18)), -22) << "an old id past 32 bits";
 }
 

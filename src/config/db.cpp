@@ -3,11 +3,13 @@
 // tables and the row-change events that arrive over the bus.
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <string_view>
 
 #include "common/text.h"
 #include "config/checks.h"
@@ -110,11 +112,8 @@ int loadTable(const char *fname, const char *table, const char *sql, const char 
 
 // A table name from the bus goes into SQL text; anything but a plain
 // identifier cannot name one of our tables and is not run.
-bool isIdentifier(const char *s) {
-    if (s == nullptr || *s == '\0') return false;
-    for (; *s != '\0'; ++s)
-        if (!std::isalnum(static_cast<unsigned char>(*s)) && *s != '_') return false;
-    return true;
+bool isIdentifier(std::string_view s) {
+    return !s.empty() && std::all_of(s.begin(), s.end(), [](unsigned char c) { return std::isalnum(c) || c == '_'; });
 }
 
 int globalCfgTable(sqlite3 *, int opCode, int, int, char **result, int nCols, int, char **) {
