@@ -140,6 +140,7 @@ TEST_P(BcmForms, CommandEntryChecksExactSizesReadOnlyQueriesAndBindingKeepsDescr
     EXPECT_EQ(1, chip.closes());
     std::snprintf(sw->switchDevice, sizeof sw->switchDevice, "/nonexistent/bcm0");
     EXPECT_EQ(SW_EINVAL, bcmSwitchRegister(sw));
+    EXPECT_EQ(1, cap->countLog("(switch=BCM) Failed to open the device /nonexistent/bcm0 \n"));
     EXPECT_LT(fd, 0);
     EXPECT_EQ(sw->switchConfigFunc, bcmSwitchConfig);
 }

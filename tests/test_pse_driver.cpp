@@ -143,6 +143,8 @@ TEST_P(PseForms, RateLimitsQosTrustModesQueueSchedulingAndPauseFrames) {
     t.trustMode = 0;
     engine.failCommand("pri_ctl_func", 3, true);
     EXPECT_EQ(3, pseTrustModeConfigure(pse, &t));  // the status is passed up
+    engine.failCommand("sppe_ioctl rl ", 4, true, 1);
+    EXPECT_EQ(4, pseQoSConfigure(pse, &off));  // and QoS's too
 
     // Queue scheduling over ports 1 and 3: bad counts and modes are refused unsent.
     cap->clear();

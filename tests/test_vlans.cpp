@@ -138,6 +138,9 @@ TEST_P(VlanForms, PortBasedVlanOnlyWithInSwitchOnlyAndDisableThenDeleteRemovesEv
         SwitchVlan *v = switchVlanByIdGet(top, 10 + only);
         EXPECT_EQ(std::make_pair(switchPortVlanConfigure(v, SW_CMD_VLAN_ADD), switchPortVlanConfigure(v, 99)),
                   std::make_pair(0, -only)) << "an operation neither add nor delete is refused";
+        drv.results[SW_CMD_PORT_VLAN_CONFIG] = -5;
+        EXPECT_EQ(switchPortVlanConfigure(v, SW_CMD_VLAN_ADD), -only) << "nor one the switch refuses";
+        drv.results.clear();
         reset();
         SwitchVlanConf next = vlanConf(10 + only, 0x7, 0x1, only);
         ASSERT_EQ(switchVlanConfUpdate(&next, &c), 0);
