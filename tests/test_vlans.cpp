@@ -67,6 +67,7 @@ TEST_P(VlanForms, FailedAddsTakeNoIndexAndOnlyAddAndDeleteAreBusCodes) {
     EXPECT_TRUE(drv.calls.empty());
     drv.results[SW_CMD_VLAN_MEMBERSHIP_UPDATE] = -5;
     EXPECT_EQ(switchVlanConfigure(nullptr, SW_CMD_VLAN_ADD, &c), 0);
+    EXPECT_EQ(cap->countLog("(switch=TOP) (vlan:100) Failed to update vlan100 membership in TOP\n"), 1);
     EXPECT_TRUE(ids(top).empty());
     drv.results.clear();
     ASSERT_EQ(switchVlanConfAdd(&c), 0);
