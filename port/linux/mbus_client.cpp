@@ -131,15 +131,14 @@ extern "C" int mbusIoctl(MbusCtx *ctx, int module, int cmd, void *data, int data
     }
 
     const int timeout = timeoutMs > 0 ? timeoutMs : MBUS_PORT_TIMEOUT_MS;
-    // A request without a reply goes on a connection of its own, closed
-    // once it is sent.
+    // A request without a reply goes on a connection of its own, closed once
+    // it is sent, and the kept one is closed first: what the sender asks next
+    // queues behind it on a new connection, so its requests stay in order.
     const bool replied = (flags & MBUS_FLAG_NOREPLY) == 0;
     const std::string path = mbuswire::socketPath(module);
+    if (!replied) kept().drop();
+    int fd = replied ? kept().take(path) : -1;
     std::string err;
-    // What follows a request without a reply queues behind it on a new
-    // connection, as it always has, so one sender's requests stay in order.
-    int fd = kept().take(path);
-    if (!replied && fd >= 0) ::close(fd), fd = -1;
     if (fd < 0) fd = mbuswire::connectModule(module, timeout, err);
     if (fd < 0) return fail(fd, err);
     MbusMsgHeader h = mbuswire::header(mbuswire::moduleOf(ctx), module, cmd, static_cast<size_t>(dataLen), cap);
