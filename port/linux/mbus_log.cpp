@@ -245,6 +245,12 @@ void logRelease() {
     flush();
 }
 
+// Holds one more, making room first.
+void hold(Held h) {
+    if (path().held.size() >= kHeldMax) logRelease();
+    path().held.push_back(std::move(h));
+}
+
 std::vector<uint8_t> copyOf(const void *bytes, int len) {
     const auto *b = static_cast<const uint8_t *>(bytes);
     return b != nullptr && len > 0 ? std::vector<uint8_t>(b, b + len) : std::vector<uint8_t>{};
@@ -260,15 +266,12 @@ void logRecord(int src, const void *data, int dataLen, const void *aux, int auxL
             logNow(src, data, dataLen, aux, auxLen);
         return;
     }
-    if (p.held.size() >= kHeldMax) logRelease();
-    p.held.push_back({src, copyOf(data, dataLen), copyOf(aux, auxLen), false});
+    hold({src, copyOf(data, dataLen), copyOf(aux, auxLen), false});
 }
 
 bool holdConsole(std::string_view text) {
-    LogPath &p = path();
-    if (p.holding == 0) return false;
-    if (p.held.size() >= kHeldMax) logRelease();
-    p.held.push_back({0, {}, copyOf(text.data(), static_cast<int>(text.size())), true});
+    if (path().holding == 0) return false;
+    hold({0, {}, copyOf(text.data(), static_cast<int>(text.size())), true});
     return true;
 }
 
