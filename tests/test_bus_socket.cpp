@@ -256,7 +256,8 @@ TEST(BusSocket, MalformedMessagesAreRefusedAndTheListenerServesOn) {
     EXPECT_EQ(sendRaw(204, frame(MBUS_MSG_MAGIC, 204, 4, 8), conn), MBUS_PORT_ERR_BADMSG);
     const Bytes quiet = frame(MBUS_MSG_MAGIC, 204, 2, 2, mbuswire::kRequestNoReply);
     ASSERT_EQ(::send(conn, quiet.data(), quiet.size(), 0), static_cast<ssize_t>(quiet.size()));
-    EXPECT_EQ(sendRaw(204, frame(MBUS_MSG_MAGIC, 204, 4, 4), conn), 1004) << "the same connection; no reply to the quiet one";
+    EXPECT_EQ(sendRaw(204, frame(MBUS_MSG_MAGIC, 204, 4, 4), conn), 1004)
+        << "the same connection; no reply to the quiet one";
     ::close(conn);
     EXPECT_EQ(count(204), 2) << "only the good messages reached the module";
 
