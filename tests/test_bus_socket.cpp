@@ -339,7 +339,13 @@ TEST(BusSocket, PastTheConnectionLimitTheConnectionIdleLongestIsClosed) {
     std::vector<bool> closed;
     for (int fd : c) closed.push_back(::recv(fd, &r, 1, MSG_DONTWAIT) == 0);
     EXPECT_EQ(closed, (std::vector<bool>{true, false, true, false, false}));
+    // Never one with a request still unread: newcomers wait their turn.
+    int q[5], served = 0;
+    for (int &fd : q) fd = rawConnect(207), ::send(fd, quiet.data(), quiet.size(), 0);
+    for (int round = 0; round < 6; ++round) served += mbusListen(ctx, 20000);
+    EXPECT_EQ(served, 5);
     for (int fd : c) ::close(fd);
+    for (int fd : q) ::close(fd);
     // Out of descriptors, the connection idle longest makes room; with none
     // to close, the wait still ends on time.
     rlimit was{};

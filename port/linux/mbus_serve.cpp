@@ -29,10 +29,23 @@ void dropConn(MbusCtx *c, int fd) {
     c->conns.erase(it);
 }
 
-void dropIdlest(MbusCtx *c) {
-    auto it = std::min_element(c->conns.begin(), c->conns.end(),
-                               [](const Conn &a, const Conn &b) { return a.lastUsed < b.lastUsed; });
-    if (it != c->conns.end()) dropConn(c, it->fd);
+// Makes room by closing the connection idle longest of those with nothing
+// waiting: closing one with a request still unread would lose it, and a
+// request that wants no reply has nobody to tell. False when every
+// connection has something waiting; newcomers then wait in the backlog
+// until this round has served them.
+bool dropIdlest(MbusCtx *c) {
+    std::vector<Conn> byAge(c->conns);
+    std::sort(byAge.begin(), byAge.end(), [](const Conn &a, const Conn &b) { return a.lastUsed < b.lastUsed; });
+    char peek;
+    for (const auto &k : byAge)
+        if (::recv(k.fd, &peek, 1, MSG_PEEK | MSG_DONTWAIT) <= 0) return dropConn(c, k.fd), true;
+    return false;
+}
+
+bool pending(int listenFd) {
+    pollfd p{listenFd, POLLIN, 0};
+    return ::poll(&p, 1, 0) > 0;
 }
 
 bool reply(int fd, const MbusMsgHeader &req, int result, const void *aux, size_t auxLen) {
@@ -47,13 +60,11 @@ bool reply(int fd, const MbusMsgHeader &req, int result, const void *aux, size_t
 // is told so and closed before it can send anything.
 void acceptAll(MbusCtx *c) {
     for (;;) {
+        if (c->conns.size() >= bus().connLimit && !(pending(c->listenFd) && dropIdlest(c))) return;
         int fd = ::accept4(c->listenFd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
         if (fd < 0) {
             if (errno == EINTR) continue;
-            if ((errno == EMFILE || errno == ENFILE) && !c->conns.empty()) {
-                dropIdlest(c);
-                continue;
-            }
+            if ((errno == EMFILE || errno == ENFILE) && dropIdlest(c)) continue;
             return;
         }
         if (!peerAllowed(fd)) {
@@ -70,7 +81,6 @@ void acceptAll(MbusCtx *c) {
             diag("mbus", "mbus: module %d refused a connection from another user\n", c->module);
             continue;
         }
-        if (c->conns.size() >= bus().connLimit) dropIdlest(c);
         c->conns.push_back({fd, ++bus().tick});
     }
 }
