@@ -7,31 +7,34 @@
 
 #include <cstdlib>
 
+#include "bench_stub.h"
 #include "swmgr/platform/osa.h"
 
 extern char **environ;
 
 namespace {
 
+const std::string stub = swbench::stubPath();
+
 void BM_OsaCmdExec(benchmark::State &state) {
     for (auto _ : state)
-        if (osaCmdExec(STUB_PATH, nullptr, 0) != 0) state.SkipWithError("the stub failed");
+        if (osaCmdExec(stub.c_str(), nullptr, 0) != 0) state.SkipWithError("the stub failed");
 }
 BENCHMARK(BM_OsaCmdExec)->Unit(benchmark::kMicrosecond);
 
 void BM_System(benchmark::State &state) {
     for (auto _ : state)
-        if (std::system(STUB_PATH) != 0) state.SkipWithError("the stub failed");
+        if (std::system(stub.c_str()) != 0) state.SkipWithError("the stub failed");
 }
 BENCHMARK(BM_System)->Unit(benchmark::kMicrosecond);
 
 void BM_BarePosixSpawn(benchmark::State &state) {
-    char path[] = STUB_PATH;
-    char *argv[] = {path, nullptr};
+    std::string path = stub;
+    char *argv[] = {path.data(), nullptr};
     for (auto _ : state) {
         pid_t pid = 0;
         int st = 0;
-        if (posix_spawn(&pid, path, nullptr, nullptr, argv, environ) != 0 || waitpid(pid, &st, 0) != pid ||
+        if (posix_spawn(&pid, path.c_str(), nullptr, nullptr, argv, environ) != 0 || waitpid(pid, &st, 0) != pid ||
             st != 0)
             state.SkipWithError("the stub failed");
     }

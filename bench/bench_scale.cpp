@@ -19,6 +19,7 @@
 
 #include "bcm_chip.h"
 #include "bench_common.h"
+#include "bench_stub.h"
 #include "osa_port.h"
 #include "swmgr/swmgr.h"
 
@@ -50,7 +51,7 @@ int main(int argc, char **argv) {
     }
     for (const char *name : {"vconfig", "ifconfig", "vlan_table_func", "arl_table_func", "tc_func",
                              "queue_weight_func", "rate_limit_func", "pri_ctl_func"})
-        std::filesystem::copy_file(STUB_PATH, tools + "/" + name, ec);
+        std::filesystem::copy_file(swbench::stubPath(), tools + "/" + name, ec);
     const std::string path = tools + ":" + (std::getenv("PATH") != nullptr ? std::getenv("PATH") : "");
     ::setenv("PATH", path.c_str(), 1);
     const bool sbin = stubSbin(tools);
