@@ -80,12 +80,15 @@ TEST_P(PseForms, CommandEntryForwardingAndAttachingOnlyToAnExactPseName) {
     EXPECT_EQ(swtest::Bytes({3, 0, 0, 0, 1, 0, 0, 0, 0xb8, 0x0b, 0, 0}), rec.calls[0].arg);
     EXPECT_EQ(swtest::Bytes({5, 0, 0, 0, 1, 0, 0, 0, 0xb8, 0x0b, 0, 0}), rec.calls[1].arg);
     for (const auto &c : rec.calls) EXPECT_EQ(std::make_pair(50, 12), std::make_pair(c.cmd, c.argLen));
-    // A lower failure on the first mapped port stops there; an unknown PSE
-    // port reaches no lower port.
+    // A lower failure on the first mapped port stops there; a PSE port
+    // standing for none, or unknown, reaches no lower port and fails.
     rec.results[50] = -3;
     EXPECT_EQ(-3, pseConfTransfer(pse, lower, 50, &limit, 12, nullptr, nullptr));
-    limit.portNumber = 9;
-    EXPECT_EQ(-1, pseConfTransfer(pse, lower, 50, &limit, 12, nullptr, nullptr));
+    addPort(pse, 8);
+    for (uint32_t none : {8u, 9u}) {
+        limit.portNumber = none;
+        EXPECT_EQ(-1, pseConfTransfer(pse, lower, 50, &limit, 12, nullptr, nullptr)) << none;
+    }
     EXPECT_EQ(-1, pseConfTransfer(pse, lower, 50, &limit, 11, nullptr, nullptr));  // short: nothing sent
     EXPECT_EQ(-1, pseConfTransfer(pse, nullptr, 50, &limit, 12, nullptr, nullptr));  // nowhere to send
     EXPECT_EQ(SW_EINVAL, pseLowerSwitchConfig(nullptr, 50, &limit, 12, nullptr, nullptr));
@@ -212,15 +215,16 @@ using PseVlanForms = swtest::BothForms<PseVlanTest>;
 
 TEST_P(PseVlanForms, MembershipMapsFollowThePsePortNumbersAndOnlyNegativeStatusesFail) {
     // Only negative engine statuses fail; a failed table edit sends no ARL
-    // line, so the five requests send nine lines. A line carrying the MAC
+    // line, so the six requests send eleven lines. A line carrying the MAC
     // text's newline makes no table entry.
     for (const swtest::Row &r : swtest::dataRows(kData, "engine-statuses")) {
         engine.failCommand(r.at(0).c_str(), std::stoi(r.at(1)), true, 1);
         EXPECT_EQ(std::stoi(r.at(3)), apply(std::stoul(r.at(2), nullptr, 16))) << r[0];
         EXPECT_EQ(r.at(4) == "entry", engine.vlanEntry(3) != nullptr) << r[0];
     }
-    EXPECT_EQ(9u, cap->commands.size());
+    EXPECT_EQ(11u, cap->commands.size());
     EXPECT_EQ(1, cap->countLog("Failed to add CPU ARL Entry for VLAN.\n")) << "the -7 only";
+    EXPECT_EQ(1, cap->countLog("Failed to delete CPU ARL Entry for VLAN.\n")) << "the -2 only";
 
     // PSE port 5 stands for bit 0 and 2, port 33 for bit 1; the MAC text
     // brings its newline into both lines. No member: zero maps, and the ARL

@@ -100,7 +100,8 @@ extern "C" int bcmQueueSchedConfigure(Switch *sw, void *arg) {
         QueueSchedRec rec{};
         putLe16(rec.port, static_cast<uint32_t>(p->portNumber));
         rec.schedMode = static_cast<uint8_t>(word(arg, 8));
-        for (std::size_t q = 0; q < 4; ++q) rec.weight[q] = static_cast<uint8_t>(word(arg, 12 + 4 * q));
+        std::size_t q = 0;  // the weights follow the port number, queue count and mode
+        for (auto &w : rec.weight) w = static_cast<uint8_t>(word(arg, 12 + 4 * q++));
         result = request(kIocQueueSched, rec);
         if (result < 0) {
             SWMGR_LOG(switchStrGet(sw), SW_LOG_ERR, "configuring Scheduling on port%d failed.\n",
