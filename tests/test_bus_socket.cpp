@@ -274,12 +274,16 @@ TEST(BusSocket, MalformedMessagesAreRefusedAndTheListenerServesOn) {
     EXPECT_EQ(count(204), 5);
     EXPECT_STREQ(mbusPortLastError(), "") << "a delivered request leaves no reason behind";
 
-    // Answered with a request instead of a reply, or with a byte, the sender refuses what came.
+    // Answered with a request instead of a reply, with a byte, or with more
+    // than it gave room for, the sender refuses what came.
     std::string err;
     const int lfd = mbuswire::listenSocket(206, err);
     ASSERT_GE(lfd, 0) << err;
+    Bytes wide = frame(MBUS_MSG_MAGIC, 206, 0, 8, 0);
+    wide[offsetof(MbusMsgHeader, auxLen)] = 8;
     for (const auto &[out, why] : {std::pair{frame(MBUS_MSG_MAGIC, 206, 0, 0), "not a reply"},
-                                   {Bytes(1, 0), "shorter than its header"}}) {
+                                   {Bytes(1, 0), "shorter than its header"},
+                                   {wide, "reply larger than the request's aux buffer"}}) {
         std::thread answer([lfd, &out = out] {
             const int c = mbuswire::waitReadable(lfd, 2000) ? ::accept(lfd, nullptr, nullptr) : -1;
             Bytes in(64);
@@ -349,25 +353,31 @@ TEST(BusSocket, PastTheConnectionLimitTheConnectionIdleLongestIsClosed) {
     closed.clear();
     for (int fd : q) closed.push_back(::recv(fd, &r, 1, MSG_DONTWAIT) == 0);
     EXPECT_EQ(closed, (std::vector<bool>{true, true, false, false, false}));
+    const int gone = rawConnect(207);
+    ::send(gone, quiet.data(), quiet.size(), 0), ::close(gone);
+    EXPECT_EQ(mbusListen(ctx, 20000), 1) << "its sender gone, a message is still served and counted";
     for (int fd : c) ::close(fd);
     for (int fd : q) ::close(fd);
     // Out of descriptors, the connection idle longest makes room; with none
     // to close, the wait still ends on time.
     rlimit was{};
     ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &was), 0);
-    auto oneLeft = [&] {
-        const rlimit low{static_cast<rlim_t>(swtest::lowestFreeFd() + 1), was.rlim_max};
+    auto left = [&](int n) {
+        const rlimit low{static_cast<rlim_t>(swtest::lowestFreeFd() + n), was.rlim_max};
         return ::setrlimit(RLIMIT_NOFILE, &low);
     };
     EXPECT_EQ(mbusListen(ctx, 20000), 0);  // the closed ones are let go
-    ASSERT_EQ(oneLeft(), 0);
+    ASSERT_EQ(left(1), 0);
     const int idle = rawConnect(207);
     EXPECT_EQ(mbusListen(ctx, 20000), 0);
     ::setrlimit(RLIMIT_NOFILE, &was);
     EXPECT_EQ(mbusListen(ctx, 20000), 0);
-    ASSERT_EQ(oneLeft(), 0);
+    ASSERT_EQ(left(1), 0);
     const int fresh = rawConnect(207);
     EXPECT_EQ(mbusListen(ctx, 20000), 0);
+    ASSERT_EQ(left(0), 0);
+    EXPECT_EQ(mbusIoctl(nullptr, 212, kEcho, nullptr, 0, nullptr, nullptr, 0, 0, 0), MBUS_PORT_ERR_IO);
+    EXPECT_EQ(mbusPortLastError(), "cannot create socket for " + socketPath(212) + ": Too many open files");
     ::setrlimit(RLIMIT_NOFILE, &was);
     EXPECT_EQ(::recv(idle, &r, 1, MSG_DONTWAIT), 0);
     ::close(idle), ::close(fresh);
@@ -543,10 +553,11 @@ TEST(BusSocket, UnsafeBusDirectoriesAreRefused) {
         {link, "bus directory is not a directory: " + link},
         {file + "/bus", "cannot create bus directory " + file + "/bus: Not a directory"},
         {open, "bus directory is writable by others: " + open},
-        {tmp.file("own"), ""}, {fits, ""},
+        {tmp.file("own"), ""}, {fits, ""}, {tmp.file("new/bus"), ""},
         {fits + "d", "bus directory path too long for a socket: " + fits + "d"},
     };
     const int fd = swtest::lowestFreeFd();
+    const mode_t umask = ::umask(0072);  // a created bus directory is 0750 whatever it leaves
     for (const auto &r : rows) {
         mbusPortBusDirSet(r.dir.c_str());
         char path[200];
@@ -556,9 +567,12 @@ TEST(BusSocket, UnsafeBusDirectoriesAreRefused) {
         if (c != nullptr) mbusUnRegister(c);
         EXPECT_EQ(swtest::lowestFreeFd(), fd) << r.dir;
     }
+    ::umask(umask);
     struct stat st {};
     EXPECT_EQ(::stat(tmp.file("own").c_str(), &st) == 0 ? st.st_mode & 07777 : 0, 0700u) << "already private: kept";
     EXPECT_EQ(::stat(fits.c_str(), &st) == 0 ? st.st_mode & 07777 : 0, 0750u);
+    EXPECT_EQ(::stat(tmp.file("new/bus").c_str(), &st) == 0 ? st.st_mode & 07777 : 0, 0750u);
+    EXPECT_EQ(::stat(tmp.file("new").c_str(), &st) == 0 ? st.st_mode & 07777 : 0, 0755u & ~0072u) << "above it";
     EXPECT_EQ(mbusIoctl(nullptr, 209, 1, nullptr, 0, nullptr, nullptr, 0, 0, 0), MBUS_PORT_ERR_NOMODULE) << "no path";
     mbusPortBusDirSet((file + "/bus").c_str());  // a file where a directory should be
     EXPECT_EQ(mbusIoctl(nullptr, 209, 1, nullptr, 0, nullptr, nullptr, 0, 0, 0), MBUS_PORT_ERR_IO);
