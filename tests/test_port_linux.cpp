@@ -4,7 +4,6 @@
 // test stands on.
 #include <signal.h>
 #include <spawn.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -100,8 +99,7 @@ TEST(OsaCmd, AHookMayLeaveWhileCalledAndTheLinePassesOnToTheNext) {
         seen_.push_back(cmd);
         return *status = 9, 1;
     };
-    osaPortCmdHookAdd(once_, nullptr);
-    osaPortCmdHookAdd(next, nullptr);
+    osaPortCmdHookAdd(once_, nullptr), osaPortCmdHookAdd(next, nullptr);
     char none[4] = "xyz";
     EXPECT_EQ(osaCmdExec("b", none, sizeof none), 9);
     EXPECT_STREQ(none, "") << "an answered line has no output";
@@ -177,13 +175,13 @@ TEST(OsaCmd, PlainLinesSpawnDirectlyOthersThroughTheShellWithTheShellsStatuses) 
     EXPECT_EQ(swtest::lowestFreeFd(), lowest) << "no descriptor left open";
     char head[4];  // more than a pipe holds is drained, never left to block the child
     EXPECT_EQ(osaCmdExec("seq 20000", head, sizeof head), 0);
-    // Without a descriptor for its output, a line is not run.
-    rlimit was{};
-    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &was), 0);
-    const rlimit none{static_cast<rlim_t>(swtest::lowestFreeFd()), was.rlim_max};
-    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+    // Without a descriptor for its output, a line is not run; nor is a bus
+    // request sent without one for its socket.
+    ASSERT_EQ((mbusDeInit(), swtest::descriptorsLeft(0)), 0);  // no kept bus connection to give one back
     EXPECT_EQ(osaCmdExec("printf x", head, sizeof head), -1);
-    ::setrlimit(RLIMIT_NOFILE, &was);
+    EXPECT_EQ(mbusIoctl(nullptr, 212, 1, nullptr, 0, nullptr, nullptr, 0, 0, 0), MBUS_PORT_ERR_IO);
+    EXPECT_EQ(std::string(mbusPortLastError()).find("cannot create socket for "), 0u) << mbusPortLastError();
+    swtest::descriptorsLeft(-1);
     // A caller that lets children go unwaited loses their statuses: unknown, never success.
     const auto old = ::signal(SIGCHLD, SIG_IGN);
     EXPECT_EQ(osaCmdExec("true", nullptr, 0), -1);

@@ -84,11 +84,10 @@ TEST_P(PseForms, CommandEntryForwardingAndAttachingOnlyToAnExactPseName) {
     // standing for none, or unknown, reaches no lower port and fails.
     rec.results[50] = -3;
     EXPECT_EQ(-3, pseConfTransfer(pse, lower, 50, &limit, 12, nullptr, nullptr));
-    addPort(pse, 8);
-    for (uint32_t none : {8u, 9u}) {
-        limit.portNumber = none;
-        EXPECT_EQ(-1, pseConfTransfer(pse, lower, 50, &limit, 12, nullptr, nullptr)) << none;
-    }
+    limit.portNumber = (addPort(pse, 8), 8);
+    EXPECT_EQ(-1, pseConfTransfer(pse, lower, 50, &limit, 12, nullptr, nullptr));
+    limit.portNumber = 9;
+    EXPECT_EQ(-1, pseConfTransfer(pse, lower, 50, &limit, 12, nullptr, nullptr));
     EXPECT_EQ(-1, pseConfTransfer(pse, lower, 50, &limit, 11, nullptr, nullptr));  // short: nothing sent
     EXPECT_EQ(-1, pseConfTransfer(pse, nullptr, 50, &limit, 12, nullptr, nullptr));  // nowhere to send
     EXPECT_EQ(SW_EINVAL, pseLowerSwitchConfig(nullptr, 50, &limit, 12, nullptr, nullptr));

@@ -8,6 +8,8 @@
 
 namespace {
 
+const char *const kHostData = "encap/host-model.txt";
+
 class EncapTest : public swtest::SwmgrTest {
 protected:
     void SetUp() override {
@@ -67,6 +69,20 @@ TEST_P(EncapForms, MissingOrUnsafeNameIsRefused) {
         EXPECT_TRUE(cap->logsAre({{8, "switchVlanEncapCreate", why}, {8, "switchVlanEncapDestroy", why}}));
     }
     EXPECT_TRUE(cap->commands.empty());
+}
+
+// The host VLAN model stands in for vconfig and ifconfig, so it has to
+// refuse what the tools refuse and leave alone what it does not know. Each
+// line runs in order on one model; lines beyond the reader pass on
+// untouched, and the history shows what each tool made of the others.
+TEST_P(EncapForms, TheHostModelKeepsTheToolsStateAndRefusesWhatTheyRefuse) {
+    cap->unhandledCommandStatus = 42;  // marks lines that passed the model
+    for (const char *part : {"host-build", "host-down", "host-lines"}) {
+        for (const swtest::Row &l : swtest::dataRows(kHostData, part))
+            EXPECT_EQ(osaCmdExec(l[0].c_str(), nullptr, 0), std::stoi(l.at(1))) << l[0];
+        EXPECT_EQ(host.dump(), swtest::dataLines(kHostData, std::string(part) + "-dump").at(0));
+    }
+    EXPECT_EQ(host.history().last(host.history().entries().size()), swtest::dataLines(kHostData, "history"));
 }
 
 TEST_P(EncapForms, UptimeStampReadAndWrite) {

@@ -4,7 +4,6 @@
 #include <cstdio>
 
 #include "data_lines.h"
-#include "host_vlan.h"
 #include "swmgr/portvlan.h"
 
 namespace {
@@ -180,29 +179,6 @@ TEST_P(VlanForms, PortBasedVlanOnlyWithInSwitchOnlyAndDisableThenDeleteRemovesEv
     drv.results = {{SW_CMD_PORT_CONFIG_SET, -4}};  // disabled, but the apply is refused
     EXPECT_EQ(switchVlanDelete(v200), -4);
     EXPECT_EQ(ids(low), Ints{200});
-}
-
-// The host VLAN model stands in for vconfig and ifconfig, so it has to
-// refuse what the tools refuse and leave alone what it does not know.
-class HostVlanModelTest : public swtest::SwmgrTest {
-protected:
-    void SetUp() override {
-        SwmgrTest::SetUp();
-        cap->unhandledCommandStatus = 42;  // marks lines that passed the model
-        host.attach();
-    }
-    swsim::HostVlanModel host;
-};
-
-// Each line runs in order on one model; lines beyond the reader pass on
-// untouched, and the history shows what each tool made of the others.
-TEST_F(HostVlanModelTest, KeepsTheToolsStateAndRefusesWhatTheyRefuse) {
-    for (const char *part : {"host-build", "host-down", "host-lines"}) {
-        for (const swtest::Row &l : swtest::dataRows(kData, part))
-            EXPECT_EQ(osaCmdExec(l[0].c_str(), nullptr, 0), std::stoi(l.at(1))) << l[0];
-        EXPECT_EQ(host.dump(), swtest::dataLines(kData, std::string(part) + "-dump").at(0));
-    }
-    EXPECT_EQ(host.history().last(host.history().entries().size()), swtest::dataLines(kData, "host-history"));
 }
 
 // Finding a VLAN by id gives the first listed record with it, whoever

@@ -103,12 +103,9 @@ TEST_F(E2e, IdleConnectionsAndAStalledLogReaderDoNotHoldRequestsUp) {
     // only their last three lines.
     expectStops(SIGINT, "SIGINT");
     startDaemon("--debug", "SWMGR_SIM_HISTORY=3");
-    const json s = json::parse(ctl("state --json").out);
-    EXPECT_EQ(s["history"]["engine"], json::array({"awk: system(/sysx2.0/bin/memrw 1879048216 w 0x80080)",
-                                                   "pri_ctl_func set 0 0 0 0 1 0", "pri_ctl_func set 1 0 0 1 0 0"}));
-    EXPECT_EQ(s["history"]["host"], json::array({"/sbin/vconfig set_egress_map eth0.20 6 6",
-                                                 "/sbin/vconfig set_ingress_map eth0.20 7 7",
-                                                 "/sbin/vconfig set_egress_map eth0.20 7 7"}));
+    const json h = json::parse(ctl("state --json").out)["history"];
+    EXPECT_EQ((std::vector<size_t>{h["engine"].size(), h["host"].size()}), (std::vector<size_t>{3, 3}));
+    EXPECT_EQ(h["host"].back(), "/sbin/vconfig set_egress_map eth0.20 7 7") << "the newest last";
     // The log reader stops reading (a paused pager): requests are answered
     // within swmgrctl's wait, the records it cannot take are counted, and
     // once it reads again it is told how many it lost.

@@ -2,6 +2,7 @@
 #include "swmgr_test.h"
 
 #include <stdlib.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -206,6 +207,13 @@ int lowestFreeFd() {
     const int fd = ::dup(2);
     ::close(fd);
     return fd;
+}
+
+int descriptorsLeft(int n) {
+    static rlimit was{};
+    static const int read = ::getrlimit(RLIMIT_NOFILE, &was);
+    const rlimit low{n < 0 ? was.rlim_cur : static_cast<rlim_t>(lowestFreeFd() + n), was.rlim_max};
+    return read == 0 ? ::setrlimit(RLIMIT_NOFILE, &low) : -1;
 }
 
 std::string makeDb(const std::string &path, const std::string &sql) {

@@ -129,6 +129,8 @@ private:
 std::string readFile(const std::string &path);
 // The descriptor the next open gets: a descriptor left open shows as a higher one.
 int lowestFreeFd();
+// Lowers the descriptor limit to leave `n` free; below 0, restores it.
+int descriptorsLeft(int n);
 
 // Creates a directory under $TMPDIR, removes it with its contents.
 class TempDir {
