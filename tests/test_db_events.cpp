@@ -179,6 +179,8 @@ TEST_F(DbEvents, RowsWithUnsafeTextsOrNumbersAreRefusedAndLeaveTheLoadedOnesAlon
     }
     EXPECT_EQ(std::make_tuple(switchByNameGet("NEW"), switchPortByNumberGet(sw, 3), switchVlanByIdGet(sw, 11)),
               std::make_tuple(nullptr, nullptr, nullptr));
+    exec("INSERT INTO swPortConfig (switchName, portNumber, PVID, interfaceName) VALUES ('REC', 31, 4094, 'lan')");
+    EXPECT_EQ(event("swPortConfig", static_cast<int>(sqlite3_last_insert_rowid(db)), 18), 0) << "both at their bounds";
 
     // At start-up the row's id names it, or its position in a table without
     // one; a handler called on its own names the table alone.

@@ -99,13 +99,9 @@ TEST_F(E2e, IdleConnectionsAndAStalledLogReaderDoNotHoldRequestsUp) {
     EXPECT_EQ(ctl("vlan add --id 300 --ports 0,1 --untagged 0").out, "vlan add 300: result 0 (ok)\n");
     for (int fd : idle) ::close(fd);
 
-    // Many records per request, so the reader's queue fills; the models keep
-    // only their last three lines.
+    // Many records per request, so the reader's queue fills.
     expectStops(SIGINT, "SIGINT");
-    startDaemon("--debug", "SWMGR_SIM_HISTORY=3");
-    const json h = json::parse(ctl("state --json").out)["history"];
-    EXPECT_EQ((std::vector<size_t>{h["engine"].size(), h["host"].size()}), (std::vector<size_t>{3, 3}));
-    EXPECT_EQ(h["host"].back(), "/sbin/vconfig set_egress_map eth0.20 7 7") << "the newest last";
+    startDaemon("--debug");
     // The log reader stops reading (a paused pager): requests are answered
     // within swmgrctl's wait, the records it cannot take are counted, and
     // once it reads again it is told how many it lost.
