@@ -545,7 +545,7 @@ TEST(BusSocket, UnsafeBusDirectoriesAreRefused) {
         {fits + "d", "bus directory path too long for a socket: " + fits + "d"},
     };
     const int fd = swtest::lowestFreeFd();
-    const mode_t umask = ::umask(0072);  // a created bus directory is 0750 whatever it leaves
+    const mode_t mask = ::umask(0072);  // a created bus directory is 0750 whatever it leaves
     for (const auto &r : rows) {
         mbusPortBusDirSet(r.dir.c_str());
         char path[200];
@@ -555,7 +555,7 @@ TEST(BusSocket, UnsafeBusDirectoriesAreRefused) {
         if (c != nullptr) mbusUnRegister(c);
         EXPECT_EQ(swtest::lowestFreeFd(), fd) << r.dir;
     }
-    ::umask(umask);
+    ::umask(mask);
     struct stat st {};
     EXPECT_EQ(::stat(tmp.file("own").c_str(), &st) == 0 ? st.st_mode & 07777 : 0, 0700u) << "already private: kept";
     EXPECT_EQ(::stat(fits.c_str(), &st) == 0 ? st.st_mode & 07777 : 0, 0750u);
