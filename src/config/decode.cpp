@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // Decoding rows of the three configuration tables, laid out as
 // sqlite3_get_table gives them, into configuration records by column name.
+#include <algorithm>
 #include <cstring>
+#include <string_view>
 
 #include "common/number.h"
 #include "common/text.h"
@@ -60,15 +62,10 @@ private:
 uint32_t portListConvert(char *text, bool &ok) {
     if (text == nullptr) return 0;
     uint32_t map = 0;
-    const std::size_t len = std::strlen(text);
-    std::size_t pos = 0;
-    while (pos < len) {
-        while (pos < len && text[pos] == ',') ++pos;
-        if (pos >= len) break;
-        const std::size_t start = pos;
-        while (pos < len && text[pos] != ',') ++pos;
-        text[pos] = '\0';
-        const std::size_t tokenLen = pos - start;
+    const std::string_view all(text);
+    for (std::size_t start = all.find_first_not_of(','); start != std::string_view::npos;) {
+        const std::size_t end = std::min(all.find(',', start), all.size());
+        text[end] = '\0';
         const std::optional<int32_t> n = swmgr::parseLeadingInt32(text + start);
         if (!n) ok = false;
         // Numbers with bit 5 set (32..63, negatives) name no port; larger
@@ -77,8 +74,8 @@ uint32_t portListConvert(char *text, bool &ok) {
             map |= 1u << (static_cast<unsigned>(*n) & 31u);
         // The token moves to the front of the text: what the text holds
         // afterwards is the last token, and the VLAN decoder relies on that.
-        std::memmove(text, text + start, tokenLen + 1);
-        ++pos;
+        std::memmove(text, text + start, end - start + 1);
+        start = all.find_first_not_of(',', end + 1);
     }
     return map;
 }
