@@ -196,9 +196,9 @@ TEST(BusSocket, ModulesServeOtherProcessesUntilTheyUnregister) {
         EXPECT_EQ(count(201), 307) << "the module serves on after the late request";
 
         // While its process lives, nobody else may register the module.
-        const int lowest = swtest::lowestFreeFd();
+        const long held = swtest::openDescriptors();
         EXPECT_EQ(mbusRegister(201, 2, inProcess, nullptr), nullptr);
-        EXPECT_EQ(swtest::lowestFreeFd(), lowest) << "the refused socket is closed";
+        EXPECT_EQ(swtest::openDescriptors(), held) << "the refused socket is closed";
         EXPECT_EQ(std::string(mbusPortLastError()), "module 201 is already on the bus at " + socketPath(201));
         EXPECT_EQ(mbusIoctl(nullptr, 201, kDie, nullptr, 0, nullptr, nullptr, 0, 2000, 0), MBUS_PORT_ERR_IO);
         EXPECT_STREQ(mbusPortLastError(), "module 201 closed without a reply");
@@ -544,7 +544,7 @@ TEST(BusSocket, UnsafeBusDirectoriesAreRefused) {
         {tmp.file("own"), ""}, {fits, ""}, {tmp.file("new/bus"), ""},
         {fits + "d", "bus directory path too long for a socket: " + fits + "d"},
     };
-    const int fd = swtest::lowestFreeFd();
+    const long held = swtest::openDescriptors();
     const mode_t mask = ::umask(0072);  // a created bus directory is 0750 whatever it leaves
     for (const auto &r : rows) {
         mbusPortBusDirSet(r.dir.c_str());
@@ -554,7 +554,7 @@ TEST(BusSocket, UnsafeBusDirectoriesAreRefused) {
         EXPECT_EQ(std::make_pair(c != nullptr, std::string(mbusPortLastError())),
                   std::make_pair(r.error.empty(), r.error));
         if (c != nullptr) mbusUnRegister(c);
-        EXPECT_EQ(swtest::lowestFreeFd(), fd) << r.dir;
+        EXPECT_EQ(swtest::openDescriptors(), held) << r.dir;
     }
     ::umask(mask);
     struct stat st {};

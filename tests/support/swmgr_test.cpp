@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <regex>
 #include <sstream>
@@ -203,16 +204,16 @@ std::string readFile(const std::string &path) {
     return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
-int lowestFreeFd() {
-    const int fd = ::dup(2);
-    ::close(fd);
-    return fd;
+long openDescriptors() {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
 }
 
 int descriptorsLeft(int n) {
     static rlimit was{};
     static const int read = ::getrlimit(RLIMIT_NOFILE, &was);
-    const rlimit low{n < 0 ? was.rlim_cur : static_cast<rlim_t>(lowestFreeFd() + n), was.rlim_max};
+    const int lowestFree = ::dup(2);
+    ::close(lowestFree);
+    const rlimit low{n < 0 ? was.rlim_cur : static_cast<rlim_t>(lowestFree + n), was.rlim_max};
     return read == 0 ? ::setrlimit(RLIMIT_NOFILE, &low) : -1;
 }
 

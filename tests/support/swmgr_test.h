@@ -127,8 +127,8 @@ private:
 
 // Whole contents of a file, "" when absent.
 std::string readFile(const std::string &path);
-// The descriptor the next open gets: a descriptor left open shows as a higher one.
-int lowestFreeFd();
+// How many descriptors this process holds, to show one left open wherever it lands.
+long openDescriptors();
 // Lowers the descriptor limit to leave `n` free; below 0, restores it.
 int descriptorsLeft(int n);
 
