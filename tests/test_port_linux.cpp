@@ -49,7 +49,7 @@ TEST(Port, EntryPointsRefuseMissingOrUnusableArguments) {
         ROW(osaFilePrintf(nullptr, "x"), -1), ROW(osaFileClose(nullptr), -1), ROW(osaUnlink(nullptr), -1),
         ROW(osaPortFilePathMap("/etc/hos", "r", out, sizeof out), -1), ROW(osaCmdExec(nullptr, nullptr, 0), -1),
         ROW(osaPortFilePathMap("/etc/ho", "r", out, sizeof out), 0),  // a path and its terminator fill it
-        ROW(osaPortCmdFallbackSet(nullptr, nullptr), 0), ROW(system("exit 3"), 3 << 8),  // no hook: the C library's
+        ROW((osaPortCmdFallbackSet(nullptr, nullptr), system("exit 3")), 3 << 8),  // no hook: the C library's
         ROW(osaCmdExec("true", nullptr, 4), -1), ROW(osaFileOpen(nullptr, "r") != nullptr, 0),
         ROW(osaPortFilePathMap(nullptr, "r", junk, 8), -1), ROW(osaPortFilePathMap("/x", "r", nullptr, 8), -1),
         ROW(osaFilePrintf(sink, "%d", 12345), 5), ROW(osaClose(osaOpen("/dev/null", 0, 0)), 0),

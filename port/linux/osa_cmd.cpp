@@ -95,9 +95,8 @@ extern "C" int osaPortCmdHookAdd(OsaCmdHook hook, void *ctx) { return cmdHooks()
 
 extern "C" int osaPortCmdHookRemove(OsaCmdHook hook, void *ctx) { return cmdHooks().remove(hook, ctx); }
 
-extern "C" int osaPortCmdFallbackSet(OsaCmdHook hook, void *ctx) {
+extern "C" void osaPortCmdFallbackSet(OsaCmdHook hook, void *ctx) {
     fallback = {hook, ctx};
-    return 0;
 }
 
 extern "C" int osaCmdExec(const char *command, char *output, int outputLen) {

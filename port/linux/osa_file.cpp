@@ -33,10 +33,9 @@ std::string mapPath(const char *path, bool forWriting) {
 }
 }  // namespace
 
-extern "C" int osaPortFileRootSet(const char *root) {
+extern "C" void osaPortFileRootSet(const char *root) {
     fileRoot() = root != nullptr ? root : "";
     while (!fileRoot().empty() && fileRoot().back() == '/') fileRoot().pop_back();
-    return 0;
 }
 
 extern "C" const char *osaPortFileRootGet(void) {

@@ -49,21 +49,21 @@ int osaPortCmdHookAdd(OsaCmdHook hook, void *ctx);
 int osaPortCmdHookRemove(OsaCmdHook hook, void *ctx);
 /* Takes every command that no hook took, in place of /bin/sh -c (so a test
  * never runs the real tools). NULL restores the shell. */
-int osaPortCmdFallbackSet(OsaCmdHook hook, void *ctx);
+void osaPortCmdFallbackSet(OsaCmdHook hook, void *ctx);
 
 /* Takes every command passed to the C library's system() (the engine's
  * register pipelines run that way); the hook returns 1 when it took the
  * command, with *status as system()'s result. NULL restores system(). */
-int osaPortSystemHookSet(OsaCmdHook hook, void *ctx);
+void osaPortSystemHookSet(OsaCmdHook hook, void *ctx);
 /* The hook in place (NULL when none), so a model can put itself in front
  * of it and pass on what it does not take. */
-int osaPortSystemHookGet(OsaCmdHook *hook, void **ctx);
+void osaPortSystemHookGet(OsaCmdHook *hook, void **ctx);
 
 /* --- Files -----------------------------------------------------------
  * With a root set, absolute paths are taken below it: writes and unlinks
  * always, reads when the file exists there (else from the real path, so
  * /proc stays readable unless a test provides its own). NULL clears it. */
-int osaPortFileRootSet(const char *root);
+void osaPortFileRootSet(const char *root);
 const char *osaPortFileRootGet(void);
 /* The path osaFileOpen would use for `path` in `mode` (into out, cap). */
 int osaPortFilePathMap(const char *path, const char *mode, char *out, int cap);

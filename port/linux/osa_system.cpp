@@ -14,16 +14,14 @@ OsaCmdHook systemHook = nullptr;
 void *systemHookCtx = nullptr;
 }  // namespace
 
-extern "C" int osaPortSystemHookSet(OsaCmdHook hook, void *ctx) {
+extern "C" void osaPortSystemHookSet(OsaCmdHook hook, void *ctx) {
     systemHook = hook;
     systemHookCtx = ctx;
-    return 0;
 }
 
-extern "C" int osaPortSystemHookGet(OsaCmdHook *hook, void **ctx) {
+extern "C" void osaPortSystemHookGet(OsaCmdHook *hook, void **ctx) {
     if (hook != nullptr) *hook = systemHook;
     if (ctx != nullptr) *ctx = systemHookCtx;
-    return 0;
 }
 
 extern "C" int system(const char *command) {
