@@ -186,7 +186,7 @@ TEST_P(PseForms, RateLimitsQosTrustModesQueueSchedulingAndPauseFrames) {
     EXPECT_EQ(4u, cap->systemCommands.size());
 }
 
-// PSE ports 1, 5 and 33 over BCM ports 1 to 4: port 5 stands for BCM 1
+// PSE ports 1, 5, 9 and 33 over BCM ports 0 to 4: port 5 stands for BCM 1
 // and 3, port 1 for BCM 2, port 33 for BCM 4.
 class PseVlanTest : public PseTest {
 protected:
@@ -198,7 +198,7 @@ protected:
         addPort(pse, 1, {addPort(bcm, 2)});
         addPort(pse, 5, {addPort(bcm, 1), addPort(bcm, 3)});
         addPort(pse, 33, {addPort(bcm, 4)});
-        addPort(pse, 9);  // maps nothing, never joins
+        addPort(pse, 9, {addPort(bcm, 0)});  // BCM 0 has no bit in fwdMap: never joins
         cap->clear();
     }
     int apply(uint32_t fwdMap, const char *ifName = "eth1") {
@@ -227,7 +227,8 @@ TEST_P(PseVlanForms, MembershipMapsFollowThePsePortNumbersAndOnlyNegativeStatuse
 
     // PSE port 5 stands for bit 0 and 2, port 33 for bit 1; the MAC text
     // brings its newline into both lines. No member: zero maps, and the ARL
-    // entry deleted with an empty MAC (the last row).
+    // entry deleted with an empty MAC (the last row, whose one bit is a lower
+    // port 32 that nothing maps).
     for (const swtest::Row &c : swtest::dataRows(kData, "membership")) {
         cap->clear();
         EXPECT_EQ(0, apply(std::stoul(c.at(0), nullptr, 16), c.at(1).c_str()));

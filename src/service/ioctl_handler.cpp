@@ -14,7 +14,7 @@ namespace {
 constexpr int kEopnotsupp = -122;  // as the device's Linux numbers it
 constexpr uint32_t kUpstreamPort = 1;
 
-int mapResult(int r) { return r > 0 ? 0 : r; }
+int mapResult(int r) { return std::min(r, 0); }
 
 bool handledEvent(uint32_t event) { return event == 22 || event == 25 || event == 26; }
 
