@@ -417,6 +417,8 @@ TEST(BusSocket, LogRecordsNeverWaitForTheReaderAndThoseMadeWhileServingFollowThe
     // the loss is not told again.
     ::close(client), ::close(reader), ::close(lsn);
     lsn = mbuswire::listenSocket(MBUS_MODULE_LOG, err);
+    const int in = ::dup(STDIN_FILENO);
+    ::close(STDIN_FILENO);  // the new connection may then be descriptor 0
     {
         mbuswire::LogHolder held;  // held for a reply, they find the new one all the same
         ASSERT_EQ(logRecord(64, "", 1), 0);  // the terminator alone is still its text
@@ -424,7 +426,7 @@ TEST(BusSocket, LogRecordsNeverWaitForTheReaderAndThoseMadeWhileServingFollowThe
     }
     reader = ::accept(lsn, nullptr, nullptr);
     EXPECT_EQ(received(reader), (std::vector<Bytes>{logBytes(64, "", ""), logBytes(64, "", "x")}));
-    ::close(reader), ::close(lsn);
+    ::close(reader), ::close(lsn), mbuswire::logClose(), ::dup2(in, STDIN_FILENO), ::close(in);
     ::unlink(socketPath(MBUS_MODULE_LOG).c_str());
 }
 
