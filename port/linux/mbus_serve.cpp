@@ -44,7 +44,7 @@ bool dropIdlest(MbusCtx *c) {
 }
 
 bool pending(int listenFd) {
-    pollfd p{listenFd, POLLIN, 0};
+    pollfd p{listenFd, POLLIN, {}};
     return ::poll(&p, 1, 0) > 0;
 }
 

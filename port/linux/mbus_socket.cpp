@@ -10,6 +10,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
@@ -77,7 +78,7 @@ bool ensureDir(const std::string &dir, std::string &err) {
 int deadlineLeftMs(std::chrono::steady_clock::time_point deadline) {
     auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline -
                                                                       std::chrono::steady_clock::now());
-    return left.count() > 0 ? static_cast<int>(left.count()) : 0;
+    return static_cast<int>(std::max(left, std::chrono::milliseconds::zero()).count());
 }
 
 }  // namespace
