@@ -193,6 +193,7 @@ TEST_P(BcmForms, QosRecordsAndTheirResults) {
     BcmCosQueueMapArg cos{1, 0x105, 99, 2};
     EXPECT_EQ(0, bcmCosQueueMapConfigure(sw, &cos));
     EXPECT_EQ(requests(kCos), Lines{"c0055323 01 00 05 00 02"});
+    EXPECT_EQ(-1, (cos.portNumber = 7, bcmCosQueueMapConfigure(sw, &cos))) << "no such port";
     cos.portNumber = -1;
     chip.failRequest(kCos, -5);
     EXPECT_EQ(-5, bcmCosQueueMapConfigure(sw, &cos));
