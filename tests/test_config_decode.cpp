@@ -86,8 +86,7 @@ TEST(ConfigDecode, AValueIsNeverANameNoRecordIsNoWorkAndABadOldRowRefusesTheUpda
     Table bad({"switchLevel", "portNumber", "vlanId"}, {{"12345678901", "-12345678901", "4294967306"}});
     EXPECT_EQ(std::make_tuple(swGlobalCfgFromQueryResultRead(nullptr, bad.cells.data(), 3, 0),
                               swPortCfgFromQueryResultRead(nullptr, bad.cells.data(), 3, 0),
-                              swVlanCfgFromQueryResultRead(nullptr, bad.cells.data(), 3, 0)),
-              std::make_tuple(0, 0, 0));
+                              swVlanCfgFromQueryResultRead(nullptr, bad.cells.data(), 3, 0)), std::make_tuple(0, 0, 0));
     Table next({"vlanId"}, {{"10"}}), old({"vlanId"}, {{"4294967306"}});
     EXPECT_EQ(swVlanCfgDBUpdateHandler(next.cells.data(), old.cells.data(), 1, 0), -22);
 }

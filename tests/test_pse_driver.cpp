@@ -184,6 +184,7 @@ TEST_P(PseForms, RateLimitsQosTrustModesQueueSchedulingAndPauseFrames) {
     cap->systemStatus = -1;
     EXPECT_EQ(-1, psePauseFrameConfigure(pse, &on));
     EXPECT_EQ(4u, cap->systemCommands.size());
+    EXPECT_EQ(1, cap->countLog("(switch=PSE) Pause Frame configuration failed \n")) << "for the failed system() only";
 }
 
 // PSE ports 1, 5, 9 and 33 over BCM ports 0 to 4: port 5 stands for BCM 1
