@@ -245,10 +245,10 @@ TEST_P(PseVlanForms, MembershipMapsFollowThePsePortNumbersAndOnlyNegativeStatuse
         EXPECT_EQ(0, switchMacAddressByIfNameGet(m.at(0).c_str(), out));
         EXPECT_EQ(m.at(1), out);
     }
-    EXPECT_EQ(SW_EINVAL, switchMacAddressByIfNameGet("eth1", nullptr));
+    EXPECT_EQ(std::make_pair(-22, -22),
+              std::make_pair(switchMacAddressByIfNameGet("eth1", nullptr), switchMacAddressByIfNameGet(nullptr, out)));
     EXPECT_EQ(SW_EINVAL, apply(0x4, "eth;1")) << "no address for a name that is none";
     EXPECT_EQ(1, cap->countLog("Failed to get the MAC address of \n"));
-
 }
 
 SWTEST_BOTH_FORMS(PseVlanForms);
