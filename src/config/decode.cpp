@@ -62,6 +62,8 @@ private:
 uint32_t portListConvert(char *text, bool &ok) {
     if (text == nullptr) return 0;
     uint32_t map = 0;
+    // The view keeps the text's first length: each terminator written and each
+    // token moved to the front lies before where the next search starts.
     const std::string_view all(text);
     for (std::size_t start = all.find_first_not_of(','); start != std::string_view::npos;) {
         const std::size_t end = std::min(all.find(',', start), all.size());
