@@ -86,7 +86,7 @@ int sendRaw(int module, const Bytes &bytes, int conn = -1) {
     MbusMsgHeader r{};
     if (::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size()) &&
         mbuswire::waitReadable(fd, 2000) && ::recv(fd, &r, sizeof r, 0) == static_cast<ssize_t>(sizeof r) &&
-        r.magic == MBUS_MSG_MAGIC && r.isRequest == 0)
+        r.magic == MBUS_MSG_MAGIC && r.isRequest == 0 && r.srcModule == uint32_t(module) && r.dstModule == 0)
         result = r.result;
     if (conn < 0) ::close(fd);
     return result;
