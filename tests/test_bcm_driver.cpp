@@ -87,7 +87,7 @@ TEST_P(BcmForms, CommandEntryChecksExactSizesReadOnlyQueriesAndBindingKeepsDescr
         }
     }
     cap->clear();
-    EXPECT_EQ(-1, bcmVlanEnable(2));
+    EXPECT_EQ(std::make_pair(-1, -22), std::make_pair(bcmVlanEnable(2), config(33, nullptr, SW_VLAN_ENABLE_ARG_LEN)));
     EXPECT_EQ(0, bcmVlanEnable(0));
     EXPECT_EQ(requests(), Lines{"20005302"});
 

@@ -81,7 +81,8 @@ TEST(ConfigDecode, PortListBitmaps) {
 TEST(ConfigDecode, AValueIsNeverANameNoRecordIsNoWorkAndABadOldRowRefusesTheUpdate) {
     Table shifted({"x"}, {{"vlanId"}, {"77"}});
     SwitchVlanConf none{};
-    EXPECT_EQ(swVlanCfgFromQueryResultRead(&none, shifted.cells.data(), 1, 0), 0);
+    EXPECT_EQ(std::make_pair(swVlanCfgFromQueryResultRead(&none, shifted.cells.data(), 1, 0),
+                             swVlanCfgFromQueryResultRead(&none, nullptr, 3, 0)), std::make_pair(0, 0));
     EXPECT_EQ(none.vlanId, 0);
     Table bad({"switchLevel", "portNumber", "vlanId"}, {{"12345678901", "-12345678901", "4294967306"}});
     EXPECT_EQ(std::make_tuple(swGlobalCfgFromQueryResultRead(nullptr, bad.cells.data(), 3, 0),
