@@ -208,11 +208,11 @@ long openDescriptors() { return std::distance(std::filesystem::directory_iterato
 
 int descriptorsLeft(int n) {
     static rlimit was{};
-    static const int read = ::getrlimit(RLIMIT_NOFILE, &was);
+    static const int known = ::getrlimit(RLIMIT_NOFILE, &was);
     const int lowestFree = ::dup(2);
     ::close(lowestFree);
     const rlimit low{n < 0 ? was.rlim_cur : static_cast<rlim_t>(lowestFree + n), was.rlim_max};
-    return read == 0 ? ::setrlimit(RLIMIT_NOFILE, &low) : -1;
+    return known == 0 ? ::setrlimit(RLIMIT_NOFILE, &low) : -1;
 }
 
 std::string makeDb(const std::string &path, const std::string &sql) {
