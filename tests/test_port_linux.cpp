@@ -50,7 +50,7 @@ TEST(Port, EntryPointsRefuseMissingOrUnusableArguments) {
         ROW(osaPortFilePathMap("/etc/hos", "r", out, sizeof out), -1), ROW(osaCmdExec(nullptr, nullptr, 0), -1),
         ROW(osaPortFilePathMap("/etc/ho", "r", out, sizeof out), 0),  // a path and its terminator fill it
         ROW((osaPortCmdFallbackSet(nullptr, nullptr), system("exit 3")), 3 << 8),  // no hook: the C library's
-        ROW(osaCmdExec("true", nullptr, 4), -1), ROW(osaFileOpen(nullptr, "r") != nullptr, 0),
+        ROW(osaCmdExec("true", nullptr, 1), -1), ROW(osaFileOpen(nullptr, "r") != nullptr, 0),
         ROW(osaPortFilePathMap(nullptr, "r", junk, 8), -1), ROW(osaPortFilePathMap("/x", "r", nullptr, 8), -1),
         ROW(osaFilePrintf(sink, "%d", 12345), 5), ROW(osaClose(osaOpen("/dev/null", 0, 0)), 0),
         ROW(osaPortCmdHookAdd(nullptr, nullptr), -1), ROW(mbusPortSocketPath(1, out, sizeof out), -1),

@@ -146,10 +146,9 @@ extern "C" int mbusPortPost(int srcModule, int cmd, const void *data, int dataLe
         return -1;
     MbusCtx *target = firstLive();
     if (target == nullptr) return -1;
-    Posted p{srcModule, cmd, {}, {}};
-    if (dataLen > 0) p.data.assign(static_cast<const uint8_t *>(data), static_cast<const uint8_t *>(data) + dataLen);
-    if (auxLen > 0) p.aux.assign(static_cast<const uint8_t *>(aux), static_cast<const uint8_t *>(aux) + auxLen);
-    target->posted.push_back(std::move(p));
+    // Null with a length of 0 is an empty range.
+    const auto *d = static_cast<const uint8_t *>(data), *a = static_cast<const uint8_t *>(aux);
+    target->posted.push_back({srcModule, cmd, mbuswire::Bytes(d, d + dataLen), mbuswire::Bytes(a, a + auxLen)});
     return 0;
 }
 

@@ -85,17 +85,18 @@ void acceptAll(MbusCtx *c) {
     }
 }
 
-// Serves the message waiting on one connection. Returns -1 when the
-// connection is finished (peer gone, broken, or not taking its reply),
-// else how many callbacks ran (0 or 1), and kQuiet for one that wants no reply.
-constexpr int kQuiet = 2;
-int serveMessage(MbusCtx *c, int fd) {
+// What serving one message came to. `finished`: the peer is gone, broken
+// or not taking its reply, so the connection is done.
+enum class Served { nothing, answered, quiet, finished };
+
+// Serves the message waiting on one connection.
+Served serveMessage(MbusCtx *c, int fd) {
     Bus &b = bus();
     // Declared first, so the held records go out only after the reply.
     LogHolder hold;
     ssize_t n = receiveMessage(fd, b.buf);
-    if (n < 0) return errno == EAGAIN || errno == EINTR ? 0 : -1;
-    if (n == 0) return -1;
+    if (n < 0) return errno == EAGAIN ? Served::nothing : Served::finished;
+    if (n == 0) return Served::finished;
     MbusMsgHeader h{};
     std::memcpy(&h, b.buf.data(), std::min(sizeof h, static_cast<size_t>(n)));
     const char *why = checkMessage(b.buf, n, false);
@@ -104,7 +105,7 @@ int serveMessage(MbusCtx *c, int fd) {
         diag("mbus", "mbus: module %d refused a malformed message (%zd bytes): %s\n", c->module, n, why);
         h.srcModule = 0;
         h.dstModule = static_cast<uint32_t>(c->module);
-        return reply(fd, h, MBUS_PORT_ERR_BADMSG, nullptr, 0) ? 0 : -1;
+        return reply(fd, h, MBUS_PORT_ERR_BADMSG, nullptr, 0) ? Served::nothing : Served::finished;
     }
     // The callback may listen or log; copies keep the message its own.
     const uint8_t *body = b.buf.data() + sizeof h;
@@ -113,9 +114,9 @@ int serveMessage(MbusCtx *c, int fd) {
     int auxLen = static_cast<int>(aux.size());
     int result = c->callback(c, &h, static_cast<int>(h.cmd), data.empty() ? nullptr : data.data(),
                              static_cast<int>(data.size()), aux.empty() ? nullptr : aux.data(), &auxLen);
-    if (h.isRequest == kRequestNoReply) return kQuiet;
+    if (h.isRequest == kRequestNoReply) return Served::quiet;
     const size_t back = std::min(static_cast<size_t>(std::max(auxLen, 0)), aux.size());
-    return reply(fd, h, result, aux.data(), back) ? 1 : -1;
+    return reply(fd, h, result, aux.data(), back) ? Served::answered : Served::finished;
 }
 
 // One message, or a run of those that want no reply: a log service's
@@ -124,10 +125,11 @@ int serveMessage(MbusCtx *c, int fd) {
 int serveConn(MbusCtx *c, int fd) {
     constexpr int kQuietRun = 32;
     int ran = 0;
-    for (int r = kQuiet; r == kQuiet && ran < kQuietRun && c->live;) {
-        r = serveMessage(c, fd);
-        if (r < 0) return ran > 0 ? ran : -1;  // a finished connection shows again at the next poll
-        ran += r > 0;
+    for (Served s = Served::quiet; s == Served::quiet && ran < kQuietRun && c->live;) {
+        s = serveMessage(c, fd);
+        // A finished connection shows again at the next poll.
+        if (s == Served::finished) return ran > 0 ? ran : -1;
+        ran += s != Served::nothing;
     }
     return ran;
 }

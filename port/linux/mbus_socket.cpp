@@ -218,11 +218,8 @@ bool sendMessage(int fd, const MbusMsgHeader &h, const void *data, const void *a
 
 ssize_t receiveMessage(int fd, Bytes &buf) {
     buf.resize(MBUS_PORT_MSG_MAX + 1);
-    for (;;) {
-        ssize_t n = ::recv(fd, buf.data(), buf.size(), MSG_DONTWAIT);
-        if (n < 0 && errno == EINTR) continue;
-        return n;
-    }
+    // A receive that cannot wait cannot be interrupted either.
+    return ::recv(fd, buf.data(), buf.size(), MSG_DONTWAIT);
 }
 
 const char *checkMessage(const Bytes &buf, ssize_t n, bool reply) {
