@@ -59,7 +59,7 @@ TEST(Port, EntryPointsRefuseMissingOrUnusableArguments) {
         ROW(mbusIoctl(foreign, 230, 1, nullptr, 0, nullptr, nullptr, 0, 0, 0), MBUS_PORT_ERR_BADCTX),
         ROW(mbusListen(foreign, 0), -1), ROW(mbusUnRegister(foreign), -1),
         ROW(mbusPortWatch(-1, [](void *, int) {}, nullptr), -1), ROW(mbusPortWatch(STDIN_FILENO, nullptr, nullptr), -1),
-        ROW(mbusPortPost(1, 1, nullptr, 4, nullptr, 0), -1), ROW(mbusPortPost(1, 1, nullptr, 0, nullptr, 4), -1),
+        ROW(mbusPortPost(1, 1, nullptr, 1, nullptr, 0), -1), ROW(mbusPortPost(1, 1, nullptr, 0, nullptr, 1), -1),
         ROW(mbusPortPost(1, 1, "x", -1, nullptr, 0), -1), ROW(mbusPortPost(1, 1, nullptr, 0, "x", -1), -1),
         ROW(mbusPortPost(1, 1, nullptr, 0, nullptr, 0), 0),  // nothing to carry is no fault
         ROW(sqlitePortBusyTimeoutSet(-1), -1), ROW(mbusPortConnLimitSet(0), -1), ROW(mbusInit(nullptr), 0),
