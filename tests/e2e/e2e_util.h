@@ -69,10 +69,7 @@ template <class F> bool waitFor(F done, int tries = 500) {
 class Test : public ::testing::Test {
 protected:
     void TearDown() override {
-        for (pid_t p : pids_) {
-            ::kill(p, SIGKILL);
-            ::waitpid(p, nullptr, 0);
-        }
+        for (pid_t p : pids_) ::kill(p, SIGKILL), ::waitpid(p, nullptr, 0);
     }
     // The example database with `sql` applied to it.
     std::string db(const std::string &name, const std::string &sql = "") {

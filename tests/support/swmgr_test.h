@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 #include <sqlite3.h>
+#include <unistd.h>
 
 #include <cstdint>
 #include <filesystem>
@@ -129,6 +130,8 @@ private:
 std::string readFile(const std::string &path);
 // How many descriptors this process holds, to show one left open wherever it lands.
 long openDescriptors();
+// Closes standard input, so that the next descriptor opened is 0; a copy to restore it from.
+inline int stdinClosed() { const int saved = ::dup(STDIN_FILENO); return ::close(STDIN_FILENO), saved; }
 // Lowers the descriptor limit to leave `n` free; below 0, restores it.
 int descriptorsLeft(int n);
 
