@@ -217,8 +217,9 @@ TEST_P(BcmForms, PortConfigWidensOnceVlansExistEntriesGetTheCpuPortOnlyWithMembe
     // The whole list: a failed clear does not stop the write, a failed write stops the walk.
     chip.failRequest(kClear, -5, 1);
     EXPECT_EQ(0, config(35, nullptr, SW_VLAN_REC_LEN));
-    EXPECT_EQ(chip.state().vlans, (std::map<uint16_t, swsim::BcmChip::VlanEntry>{
-                                      {10, {0x13, 0x01}}, {11, {0, 0}}, {12, {0x03, 0}}, {13, {0x05, 0}}, {14, {0x09, 0}}}));
+    EXPECT_EQ(0, bcmVlanMembershipConfigure(15, 0x02, 0x00, 32));  // a CPU port past the map adds no bit
+    EXPECT_EQ(chip.state().vlans, (std::map<uint16_t, swsim::BcmChip::VlanEntry>{{10, {0x13, 0x01}}, {11, {0, 0}},
+                                      {12, {0x03, 0}}, {13, {0x05, 0}}, {14, {0x09, 0}}, {15, {0x02, 0}}}));
     chip.state().vlans.clear(), cap->clear();
     chip.failRequest(kEntry, -5, 1);
     EXPECT_EQ(-5, config(35, nullptr, SW_VLAN_REC_LEN));
