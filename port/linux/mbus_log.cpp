@@ -48,9 +48,9 @@ struct Record {
 
 // A record held back while a request is served: its bytes are its own.
 struct Held {
-    int src;
-    std::vector<uint8_t> data, aux;
-    bool console;  // a text for standard error alone, not a record
+    int src{};
+    std::vector<uint8_t> data{}, aux{};
+    bool console{};  // a text for standard error alone, not a record
 };
 // Past this many held records the oldest are sent at once, in order.
 constexpr size_t kHeldMax = 256;
@@ -266,12 +266,12 @@ void logRecord(int src, const void *data, int dataLen, const void *aux, int auxL
             logNow(src, data, dataLen, aux, auxLen);
         return;
     }
-    hold({src, copyOf(data, dataLen), copyOf(aux, auxLen), false});
+    hold({.src = src, .data = copyOf(data, dataLen), .aux = copyOf(aux, auxLen)});
 }
 
 bool holdConsole(std::string_view text) {
     if (path().holding == 0) return false;
-    hold({0, {}, copyOf(text.data(), static_cast<int>(text.size())), true});
+    hold({.aux = copyOf(text.data(), static_cast<int>(text.size())), .console = true});
     return true;
 }
 
