@@ -240,6 +240,7 @@ TEST_P(BcmForms, PortConfigWidensOnceVlansExistEntriesGetTheCpuPortOnlyWithMembe
     EXPECT_EQ(0, bcmPortVlanConfig(nullptr, v));
     for (int n = 0; n < 5; ++n) EXPECT_EQ(n == 0 || n == 3 ? 0x19 : 0x1f, chip.port(n).fwdMap) << n;
     EXPECT_EQ(requests(kPairAdd), swtest::dataLines(kData, "pair-adds"));
+    EXPECT_EQ(0x11, (bcmPortVlanConfig(nullptr, addVlan(31, 0x10, 0x00)), chip.port(4).fwdMap)) << "port 0 added for 4";
     cap->clear();
     chip.port(0).fwdMap = 0x1b;  // a member from outside the VLAN is kept, not added again
     EXPECT_EQ(0, bcmPortVlanDeConfig(nullptr, v));

@@ -152,8 +152,8 @@ TEST_P(PseForms, RateLimitsQosTrustModesQueueSchedulingAndPauseFrames) {
     cap->clear();
     for (SwitchQueueSchedArg bad : {SwitchQueueSchedArg{-1, 3, 0, 1, 1, 1, 1}, {-1, 4, 2, 1, 1, 1, 1}})
         EXPECT_EQ(-1, config(SW_CMD_QUEUE_SCHED, &bad, SW_QUEUE_SCHED_ARG_LEN));  // through the command entry
-    EXPECT_EQ(std::make_tuple(-1, -1, -1), std::make_tuple(pseQueueSchedConfigure(pse, nullptr),
-              pseTrustModeConfigure(pse, nullptr), psePauseFrameConfigure(pse, nullptr)));
+    EXPECT_EQ(std::make_tuple(-1, -1, -1, SW_EINVAL), std::make_tuple(pseQueueSchedConfigure(pse, nullptr),
+              pseTrustModeConfigure(pse, nullptr), psePauseFrameConfigure(pse, nullptr), pseVlanMembershipSet(pse, nullptr)));
     EXPECT_TRUE(cap->logsAre(swtest::dataLogs(kData, "sched-refused")));
     EXPECT_TRUE(cap->commands.empty());
 

@@ -61,8 +61,8 @@ TEST_P(VlanForms, FailedAddsTakeNoIndexAndOnlyAddAndDeleteAreBusCodes) {
     // failed add through the bus code is not passed on.
     EXPECT_EQ(std::make_tuple(switchVlanMembershipUpdate(nullptr), switchVlanDisable(nullptr),
                               switchVlanConfigure(nullptr, 37, &c), switchPortVlanInfoConfigure(nullptr, nullptr),
-                              switchAllVlansDisable(nullptr), switchVlanConfAdd(nullptr)),
-              std::make_tuple(SW_EINVAL, SW_EINVAL, -1, SW_EINVAL, SW_EINVAL, -1));
+                              switchAllVlansDisable(nullptr), switchVlanConfAdd(nullptr), switchVlanByConfCreate(nullptr, &c)),
+              std::make_tuple(SW_EINVAL, SW_EINVAL, -1, SW_EINVAL, SW_EINVAL, -1, -1));
     EXPECT_TRUE(drv.calls.empty());
     drv.results[SW_CMD_VLAN_MEMBERSHIP_UPDATE] = -5;
     EXPECT_EQ(switchVlanConfigure(nullptr, SW_CMD_VLAN_ADD, &c), 0);
@@ -211,7 +211,9 @@ TEST_P(VlanForms, LookupsApplyAndDisableFollowTheListWhateverChangedIt) {
     reset();
     EXPECT_EQ(switchVlanDisable(v100), 0);
     EXPECT_EQ(cmdsTo(top), (Ints{34, 35, 34, 35}));
-    ASSERT_EQ(switchVlanDelete(v200), 0);
+    // The first refusal ends the walk, with its code.
+    EXPECT_EQ((drv.results = {{SW_CMD_VLAN_MEMBERSHIP_APPLY, -5}}, switchVlanDisable(v100)), -5);
+    ASSERT_EQ((drv.results.clear(), switchVlanDelete(v200)), 0);
     EXPECT_EQ(switchVlanByIdGet(top, 200), v100);
     EXPECT_EQ(switchVlanByIdGet(top, 100), nullptr);
 }

@@ -67,7 +67,7 @@ constexpr NameVerdict checkDevicePath(const char *text, std::size_t cap) {
         return v;
     }
     std::size_t start = 1;
-    for (std::size_t n = 1;; ++n) {
+    for (std::size_t n = start;; ++n) {
         const bool end = n >= cap || text[n] == '\0';
         if (end || text[n] == '/') {
             if (n > start) {

@@ -39,7 +39,9 @@ void copyView(char (&dst)[N], std::string_view src) {
 // for none): substr would check again and bring in the C++ run-time's throw.
 std::string_view before(std::string_view s, std::size_t at) { return {s.data(), std::min(at, s.size())}; }
 std::string_view after(std::string_view s, std::size_t at) {
-    return at == std::string_view::npos ? std::string_view{} : std::string_view{s.data() + at + 1, s.size() - at - 1};
+    if (at == std::string_view::npos) return {};
+    s.remove_prefix(at + 1);
+    return s;
 }
 
 // One "switch:port" entry of a mapping list.

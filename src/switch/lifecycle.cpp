@@ -104,13 +104,13 @@ extern "C" int switchConfAdd(SwitchConf *conf) {
         std::free(sw);
         return r;
     }
-    r = switchInitialCfgApply(sw);
-    if (r < 0) {
+    // The settings' failure is -1 whatever the driver said.
+    if (switchInitialCfgApply(sw) < 0) {
         SWMGR_LOG("", SW_LOG_ERR, "Failed to apply the configuration \n");
         // The driver keeps what it opened for the switch (the BCM device
         // stays open); only the unreachable record goes.
         std::free(sw);
-        return r;
+        return -1;
     }
     osaListNodeAppend(&switchTbl, sw);
     SWMGR_LOG(switchStrGet(sw), SW_LOG_INFO, "Added switch configuration.\n");
@@ -119,12 +119,11 @@ extern "C" int switchConfAdd(SwitchConf *conf) {
 
 extern "C" int switchCfgApply(Switch *sw) {
     if (sw == nullptr) return SW_EINVAL;
-    int r = switchInitialCfgApply(sw);
-    if (r < 0) {
+    if (switchInitialCfgApply(sw) < 0) {
         SWMGR_LOG("", SW_LOG_ERR, "Failed apply configuration of %s \n", sw->switchName);
-        return r;
+        return -1;
     }
-    r = switchPortCfgApply(sw, nullptr);
+    int r = switchPortCfgApply(sw, nullptr);
     if (r < 0) {
         SWMGR_LOG("", SW_LOG_ERR, "Failed to apply switch port configuration \n");
         return r;
