@@ -176,8 +176,7 @@ TEST(BusSocket, ModulesServeOtherProcessesUntilTheyUnregister) {
 
         // A request to this process's own module never touches a socket.
         EXPECT_EQ(mbusIoctl(self, 202, 3, nullptr, 0, nullptr, nullptr, 0, 0, 0), 202 * 100 + 3);
-        int none = 0;
-        EXPECT_EQ(mbusIoctl(self, 202, 3, const_cast<char *>("ab"), 2, aux, &none, 0, 0, 0), 202 * 100 + 20 + 3);
+        EXPECT_EQ(mbusIoctl(self, 202, 3, const_cast<char *>("ab"), 2, aux, &(auxLen = 0), 0, 0, 0), 202 * 100 + 20 + 3);
         EXPECT_EQ(mbusUnRegister(self), 0);
 
         EXPECT_EQ(mbusIoctl(nullptr, 201, kSlow, nullptr, 0, nullptr, nullptr, 0, 1, 0), MBUS_PORT_ERR_TIMEOUT);
@@ -221,7 +220,7 @@ TEST(BusSocket, ModulesServeOtherProcessesUntilTheyUnregister) {
     // Gone (its socket removed, as the daemon's tests see), the context is
     // recognisable as gone: nothing sent through it is delivered.
     EXPECT_EQ(mbusUnRegister(ctx), 0);
-    EXPECT_EQ(mbusListen(ctx, 1000), -1);
+    EXPECT_EQ(std::make_pair(mbusListen(ctx, 1000), mbusPortPost(5, kEcho, "x", 1, "y", 1)), std::make_pair(-1, -1));
     EXPECT_EQ(mbusUnRegister(ctx), -1);
     // Its last words still reach somebody (here, with nobody serving the log,
     // standard error), and they may name room for a text they do not give.
@@ -411,12 +410,13 @@ TEST(BusSocket, LogRecordsNeverWaitForTheReaderAndThoseMadeWhileServingFollowThe
     // the loss is not told again.
     ::close(client), ::close(reader), ::close(lsn);
     lsn = mbuswire::listenSocket(MBUS_MODULE_LOG, err);
-    const int in = swtest::stdinClosed();  // the new connection may then be descriptor 0
+    const int in = swtest::stdinClosed(), fds = static_cast<int>(swtest::openDescriptors());  // the new one may be 0
     {
         mbuswire::LogHolder held;  // held for a reply, they find the new one all the same
         ASSERT_EQ(logRecord(64, "", 1), 0);  // the terminator alone is still its text
         ASSERT_EQ(logRecord(64, "x", 2), 0);
     }
+    EXPECT_EQ(swtest::openDescriptors(), fds) << "the dead connection closed for the new one";
     reader = ::accept(lsn, nullptr, nullptr);
     EXPECT_EQ(received(reader), (std::vector<Bytes>{logBytes(64, "", ""), logBytes(64, "", "x")}));
     ::close(reader), ::close(lsn), mbuswire::logClose(), ::dup2(in, STDIN_FILENO), ::close(in);
