@@ -241,16 +241,14 @@ TEST_P(BcmForms, PortConfigWidensOnceVlansExistEntriesGetTheCpuPortOnlyWithMembe
     for (int n = 0; n < 5; ++n) EXPECT_EQ(n == 0 || n == 3 ? 0x19 : 0x1f, chip.port(n).fwdMap) << n;
     EXPECT_EQ(requests(kPairAdd), swtest::dataLines(kData, "pair-adds"));
     EXPECT_EQ(0x11, (bcmPortVlanConfig(nullptr, addVlan(31, 0x10, 0x00)), chip.port(4).fwdMap)) << "port 0 added for 4";
-    cap->clear();
-    chip.port(0).fwdMap = 0x1b;  // a member from outside the VLAN is kept, not added again
+    cap->clear(), chip.port(0).fwdMap = 0x1b;  // a member from outside the VLAN is kept, not added again
     EXPECT_EQ(0, bcmPortVlanDeConfig(nullptr, v));
     EXPECT_EQ(requests(), swtest::dataLines(kData, "deconfig"));
     EXPECT_EQ(0, bcmIGMPSnoopSet(sw) + bcmMLDSnoopSet(sw));  // no request, only their lines
     EXPECT_TRUE(cap->logsAre(swtest::dataLogs(kData, "deconfig-logs")));
 
     // The CPU port's default port-based VLAN touches member 0 only.
-    cap->clear();
-    chip.port(4).fwdMap = 0x1e;
+    cap->clear(), chip.port(4).fwdMap = 0x1e;
     EXPECT_EQ(0, bcmDefPortVlanConfig(4));
     EXPECT_EQ(0x1f, chip.port(4).fwdMap);
     EXPECT_EQ(requests(), (Lines{"80045303 04 00 00 00", "80045304 04 00 00 00"}));
@@ -258,8 +256,7 @@ TEST_P(BcmForms, PortConfigWidensOnceVlansExistEntriesGetTheCpuPortOnlyWithMembe
     chip.failRequest(kPairAdd, -5, 1);  // a refused add ends the default configuration
     EXPECT_EQ(-5, bcmDefPortVlanConfig(4));
     EXPECT_EQ(1, cap->countLog("ERROR#-5 adding Port 0 in forward map of port:4\n"));
-    chip.failRequest(kPairDelete, -5, 1);  // a reset logs and carries on
-    cap->clear();
+    chip.failRequest(kPairDelete, -5, 1), cap->clear();  // a reset logs and carries on
     EXPECT_EQ(0, bcmPortVlanReset(3));
     EXPECT_EQ(0x01, chip.port(3).fwdMap);
     EXPECT_TRUE(cap->logsAre({{64, "bcmPortVlanReset", "Resetting port VLAN for #3\n"},

@@ -354,6 +354,7 @@ TEST(BusSocket, PastTheConnectionLimitTheConnectionIdleLongestIsClosed) {
     EXPECT_EQ(mbusListen(ctx, 20000), 0);  // the closed ones are let go
     ASSERT_EQ(swtest::descriptorsLeft(1), 0);
     const int idle = rawConnect(207);
+    EXPECT_EQ(mbusRegister(209, 2, inProcess, nullptr), nullptr) << "no descriptor left for its socket";
     EXPECT_EQ(mbusListen(ctx, 20000), 0);
     swtest::descriptorsLeft(-1);
     EXPECT_EQ(mbusListen(ctx, 20000), 0);

@@ -28,7 +28,8 @@ TEST(Port, EntryPointsRefuseMissingOrUnusableArguments) {
     ASSERT_EQ(osaListInit(&list), 0);
     OsaListNode a{};
     int closed = -1;  // a model's descriptor, once closed
-    const OsaDeviceModel model{nullptr, [](void *, unsigned int, void *) { return 0; }, nullptr, nullptr};
+    const OsaDeviceModel model{nullptr, [](void *, unsigned int, void *) { return 0; }, nullptr,
+                               [](void *, int flags, int) { return flags != 0 ? -ENODEV : 0; }};  // read-only only
     char out[8] = "", junk[512] = {};
     FILE *sink = osaFileOpen("/dev/null", "w");
     auto *foreign = reinterpret_cast<MbusCtx *>(junk);  // never handed out by the bus
@@ -45,6 +46,7 @@ TEST(Port, EntryPointsRefuseMissingOrUnusableArguments) {
         ROW(osaOpen(nullptr, 0, 0), -1), ROW(osaPortDeviceAttach(nullptr, &model), -1),
         ROW(osaPortDeviceDetach(nullptr), -1), ROW(osaPortDeviceDetach("/dev/swmgr-none"), -1),
         ROW((osaPortDeviceAttach("/dev/swmgr-a", &model), osaClose(closed = osaOpen("/dev/swmgr-a", 0, 0))), 0),
+        ROW(osaOpen("/dev/swmgr-a", 2, 0), -1), ROW(errno, ENODEV),  // read-write: the model refused it
         ROW(osaIoctl(closed, 0, nullptr), -1), ROW(osaPortDeviceDetach("/dev/swmgr-a"), 0),  // closed is closed
         ROW(osaFilePrintf(nullptr, "x"), -1), ROW(osaFileClose(nullptr), -1), ROW(osaUnlink(nullptr), -1),
         ROW(osaPortFilePathMap("/etc/hos", "r", out, sizeof out), -1), ROW(osaCmdExec(nullptr, nullptr, 0), -1),

@@ -69,8 +69,7 @@ TEST_P(PortForms, AddCopiesTheRowSendsTrustModeOnAddAndApplyRefusesDuplicates) {
     drv.results[SW_CMD_PORT_TRUST_MODE] = -4;
     EXPECT_EQ(switchPortCfgApply(sw, nullptr), -4);
     EXPECT_EQ(drv.calls.size(), 1u);
-    cap->clear();
-    EXPECT_EQ(addPort("REC", 7), -4);
+    EXPECT_EQ((cap->clear(), addPort("REC", 7)), -4);
     EXPECT_TRUE(cap->logsAre(swtest::dataLogs(kData, "trust-refused-7")));
     EXPECT_NE(switchPortByNumberGet(sw, 7), nullptr);
 

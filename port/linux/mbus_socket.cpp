@@ -237,8 +237,7 @@ const char *checkMessage(const Bytes &buf, ssize_t n, bool reply) {
 bool peerAllowed(int fd) {
     ucred cred{};
     socklen_t len = sizeof cred;
-    if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0) return false;
-    return cred.uid == 0 || cred.uid == ::geteuid();
+    return ::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) == 0 && (cred.uid == 0 || cred.uid == ::geteuid());
 }
 
 bool waitReadable(int fd, int timeoutMs) {
