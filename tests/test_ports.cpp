@@ -58,8 +58,7 @@ TEST_P(PortForms, AddCopiesTheRowSendsTrustModeOnAddAndApplyRefusesDuplicates) {
     ASSERT_EQ(addPort("REC", 4, "", 40), 0);
 
     // A duplicate is refused; the listed port is kept.
-    reset();
-    EXPECT_EQ(addPort("REC", 3), -1);
+    EXPECT_EQ((reset(), addPort("REC", 3)), -1);
     EXPECT_TRUE(cap->logsAre(swtest::dataLogs(kData, "duplicate-3")));
     EXPECT_EQ(switchPortByNumberGet(sw, 3), p);
     EXPECT_EQ(p->PVID, 10);
@@ -73,8 +72,7 @@ TEST_P(PortForms, AddCopiesTheRowSendsTrustModeOnAddAndApplyRefusesDuplicates) {
     EXPECT_TRUE(cap->logsAre(swtest::dataLogs(kData, "trust-refused-7")));
     EXPECT_NE(switchPortByNumberGet(sw, 7), nullptr);
 
-    reset();
-    EXPECT_EQ(switchPortVlanInfoConfigure(sw, p), 0);
+    EXPECT_EQ((reset(), switchPortVlanInfoConfigure(sw, p)), 0);
     ASSERT_EQ(drv.cmds(), std::vector<int>{SW_CMD_PORT_CONFIG_SET});
     EXPECT_EQ(drv.calls[0].argPtr, p);
 

@@ -90,6 +90,8 @@ TEST_P(PseForms, CommandEntryForwardingAndAttachingOnlyToAnExactPseName) {
     EXPECT_EQ(-1, pseConfTransfer(pse, lower, 50, &limit, 12, nullptr, nullptr));
     EXPECT_EQ(-1, pseConfTransfer(pse, lower, 50, &limit, 11, nullptr, nullptr));  // short: nothing sent
     EXPECT_EQ(-1, pseConfTransfer(pse, nullptr, 50, &limit, 12, nullptr, nullptr));  // nowhere to send
+    EXPECT_EQ(std::make_pair(-1, -1), std::make_pair(pseConfTransfer(nullptr, lower, 50, &limit, 12, nullptr, nullptr),
+                                                     pseConfTransfer(pse, lower, 50, nullptr, 12, nullptr, nullptr)));
     EXPECT_EQ(SW_EINVAL, pseLowerSwitchConfig(nullptr, 50, &limit, 12, nullptr, nullptr));
     EXPECT_EQ(3u, rec.calls.size());
     EXPECT_EQ(1, cap->countLog("Failed to find port (9).\n"));

@@ -73,7 +73,7 @@ TEST_F(Service, DiagnosticsAreCutAt1023CharactersAndTheForegroundGetsThemOnStand
     testing::internal::CaptureStderr();
     EXPECT_EQ(swMgrDebug("", -1, nullptr, 0, "trace\n"), 0);
     EXPECT_EQ(swMgrDebug("", 8, nullptr, 0, "unexpected reply from %d cmd=%d !\n", 20, 4), 0);
-    swMgrDebug("(switch=PSE) ", 256, "pseSwitchConfig", 9, "x\n");
+    swMgrDebug("(switch=PSE) ", 0, "pseSwitchConfig", 9, "x\n");  // level 0 is a level like any other
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
               "unexpected reply from 20 cmd=4 !\n(switch=PSE) pseSwitchConfig:9:x\n");
     EXPECT_TRUE(cap->logs.empty());

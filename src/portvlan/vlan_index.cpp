@@ -118,17 +118,16 @@ bool vlanIndexIdUnique(Switch *sw, int vlanId) {
     return ix != nullptr && !ix->shared;
 }
 
-int vlanIndexAppend(Switch *sw, SwitchVlan *vlan) {
+void vlanIndexAppend(Switch *sw, SwitchVlan *vlan) {
     Index *ix = indexOf(sw);
     int r = osaListNodeAppend(sw != nullptr ? &sw->vlanList : nullptr, vlan);
     if (ix != nullptr) {
         if (r == 0) note(ix, vlan);
         markEnds(ix);
     }
-    return r;
 }
 
-int vlanIndexRemove(Switch *sw, SwitchVlan *vlan) {
+void vlanIndexRemove(Switch *sw, SwitchVlan *vlan) {
     Index *ix = indexOf(sw);
     int r = osaListNodeRemove(sw != nullptr ? &sw->vlanList : nullptr, vlan);
     if (ix != nullptr) {
@@ -138,7 +137,6 @@ int vlanIndexRemove(Switch *sw, SwitchVlan *vlan) {
             ix->byId[vlan->vlanId] = nullptr;
         markEnds(ix);
     }
-    return r;
 }
 
 void vlanIndexReset() {

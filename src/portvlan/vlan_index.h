@@ -17,10 +17,10 @@ bool vlanIndexListed(Switch *sw, const SwitchVlan *vlan);
 // Whether at most one listed record can carry this id, so that "every
 // record with this id" is the one vlanIndexFind gives.
 bool vlanIndexIdUnique(Switch *sw, int vlanId);
-// osaListNodeAppend / osaListNodeRemove on the switch's VLAN list, with
-// their results, keeping the index in step.
-int vlanIndexAppend(Switch *sw, SwitchVlan *vlan);
-int vlanIndexRemove(Switch *sw, SwitchVlan *vlan);
+// osaListNodeAppend / osaListNodeRemove on the switch's VLAN list, keeping
+// the index in step. A record the list refuses is simply not indexed.
+void vlanIndexAppend(Switch *sw, SwitchVlan *vlan);
+void vlanIndexRemove(Switch *sw, SwitchVlan *vlan);
 // Forgets every index (the registry forgot its switches).
 void vlanIndexReset();
 

@@ -164,7 +164,7 @@ extern "C" int switchDeinit(const char *name) {
         SWMGR_LOG("", SW_LOG_ERR, "Failed to destroy the switch %s\n", sw->switchName);
         return r;
     }
-    return r;
+    return 0;
 }
 
 // Switch records live as long as the process; this hook frees nothing.
