@@ -156,8 +156,7 @@ TEST_P(BcmForms, QosRecordsAndTheirResults) {
     EXPECT_EQ(requests(), swtest::dataLines(kData, "qos-requests"));
     EXPECT_TRUE(cap->logsAre(swtest::dataLogs(kData, "qos")));
 
-    cap->clear();
-    trust.trustMode = 4;
+    cap->clear(), trust.trustMode = 4;
     EXPECT_EQ(0, bcmTrustModeConfigure(sw, &trust));
     rate.portNumber = trust.portNumber = 9;  // the chip refuses
     EXPECT_EQ(-22, bcmRateLimitConfigure(sw, &rate));
@@ -182,11 +181,9 @@ TEST_P(BcmForms, QosRecordsAndTheirResults) {
     arg.portNumber = -1;
     EXPECT_EQ(0, bcmQueueSchedConfigure(sw, &arg));
     EXPECT_EQ(requests(kSched), swtest::dataLines(kData, "sched-requests"));
-    cap->clear();
-    arg.portNumber = 7;  // no such port
+    cap->clear(), arg.portNumber = 7;  // no such port
     EXPECT_EQ(-1, bcmQueueSchedConfigure(sw, &arg));
-    arg.portNumber = -1;
-    chip.failRequest(kSched, -5, 1);
+    arg.portNumber = -1, chip.failRequest(kSched, -5, 1);
     EXPECT_EQ(-5, bcmQueueSchedConfigure(sw, &arg));
 
     BcmCosQueueMapArg cos{1, 0x105, 99, 2};

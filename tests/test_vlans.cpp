@@ -197,10 +197,11 @@ TEST_P(VlanForms, LookupsApplyAndDisableFollowTheListWhateverChangedIt) {
     reset();
     SwitchVlan copy = *v100;
     for (SwitchVlan *v : {&copy, v100}) EXPECT_EQ(switchVlanCfgApply(top, v), 0);
-    SwitchVlan stray{};  // no listed record has its id: nothing to disable
-    stray.sw = top, stray.vlanId = 4000;
-    EXPECT_EQ(std::make_pair(switchVlanDisable(&stray), switchVlanCfgApply(nullptr, v100)), std::make_pair(0, -22));
-    EXPECT_EQ(cmdsTo(top), (Ints{41, 41, 35}));
+    SwitchVlan stray{};  // no listed record has its id (past the indexed ones): nothing to disable or apply
+    stray.sw = top, stray.vlanId = 6000;
+    EXPECT_EQ(std::make_tuple(switchVlanDisable(&stray), switchVlanCfgApply(nullptr, v100), switchVlanCfgApply(top, &stray)),
+              std::make_tuple(0, -22, 0));
+    EXPECT_EQ(cmdsTo(top), (Ints{41, 41, 35, 41}));
 
     // An update onto a taken id leaves two records with it: lookups give the
     // first listed, a disable reaches both, a delete leaves the other.
