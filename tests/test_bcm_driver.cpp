@@ -226,8 +226,7 @@ TEST_P(BcmForms, PortConfigWidensOnceVlansExistEntriesGetTheCpuPortOnlyWithMembe
     // Once a VLAN exists, one port's record writes every port from the first:
     // a refused write ends the walk on that port, with its line.
     for (auto [code, what] : {std::pair{kTagSet, "PVID"}, {kNon8021q, "Non-8021q Frame status"}}) {
-        chip.failRequest(code, -5, 1);
-        EXPECT_EQ(-5, config(41, p2, SW_PORT_REC_LEN));
+        EXPECT_EQ(-5, (chip.failRequest(code, -5, 1), config(41, p2, SW_PORT_REC_LEN)));
         EXPECT_EQ(1, cap->countLog("(switch=BCM) (port:0) Failed to set " + std::string(what) + " for port 0\n"));
     }
 

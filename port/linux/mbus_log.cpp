@@ -103,7 +103,7 @@ bool drainReplies(int fd) {
     for (;;) {
         ssize_t n = ::recv(fd, scrap, sizeof scrap, MSG_DONTWAIT | MSG_TRUNC);
         if (n > 0) continue;
-        return n < 0 && (errno == EAGAIN || errno == EINTR);
+        return n < 0 && errno == EAGAIN;
     }
 }
 

@@ -63,7 +63,6 @@ void acceptAll(MbusCtx *c) {
         if (c->conns.size() >= bus().connLimit && !(pending(c->listenFd) && dropIdlest(c))) return;
         int fd = ::accept4(c->listenFd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
         if (fd < 0) {
-            if (errno == EINTR) continue;
             if ((errno == EMFILE || errno == ENFILE) && dropIdlest(c)) continue;
             return;
         }

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // Unix sockets of the host bus. One SOCK_SEQPACKET socket per module keeps
 // each message whole, so a request or reply is one send and one receive
-// and its size is known on arrival.
+// and its size is known on arrival. Every bus socket is non-blocking:
+// no call on one sleeps, so no signal interrupts one; only poll waits.
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -173,7 +174,6 @@ int connectModule(int module, int timeoutMs, std::string &err) {
     for (;;) {
         if (::connect(fd, reinterpret_cast<const sockaddr *>(&addr), sizeof addr) == 0) return fd;
         int e = errno;
-        if (e == EINTR) continue;
         if (e == EAGAIN && deadlineLeftMs(deadline) > 0) {
             // The listener's backlog is full; it drains as it serves.
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -208,7 +208,6 @@ bool sendMessage(int fd, const MbusMsgHeader &h, const void *data, const void *a
     auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
     for (;;) {
         if (::sendmsg(fd, &msg, MSG_NOSIGNAL | MSG_DONTWAIT) >= 0) return true;
-        if (errno == EINTR) continue;
         int left = deadlineLeftMs(deadline);
         if (errno != EAGAIN || left <= 0) return false;
         pollfd p{fd, POLLOUT, {}};
@@ -218,7 +217,6 @@ bool sendMessage(int fd, const MbusMsgHeader &h, const void *data, const void *a
 
 ssize_t receiveMessage(int fd, Bytes &buf) {
     buf.resize(MBUS_PORT_MSG_MAX + 1);
-    // A receive that cannot wait cannot be interrupted either.
     return ::recv(fd, buf.data(), buf.size(), MSG_DONTWAIT);
 }
 
