@@ -104,13 +104,13 @@ extern "C" int switchConfAdd(SwitchConf *conf) {
         std::free(sw);
         return r;
     }
-    // The settings' failure is -1 whatever the driver said.
-    if (switchInitialCfgApply(sw) < 0) {
+    r = switchInitialCfgApply(sw);
+    if (r < 0) {
         SWMGR_LOG("", SW_LOG_ERR, "Failed to apply the configuration \n");
         // The driver keeps what it opened for the switch (the BCM device
         // stays open); only the unreachable record goes.
         std::free(sw);
-        return -1;
+        return r;
     }
     osaListNodeAppend(&switchTbl, sw);
     SWMGR_LOG(switchStrGet(sw), SW_LOG_INFO, "Added switch configuration.\n");
@@ -119,11 +119,12 @@ extern "C" int switchConfAdd(SwitchConf *conf) {
 
 extern "C" int switchCfgApply(Switch *sw) {
     if (sw == nullptr) return SW_EINVAL;
-    if (switchInitialCfgApply(sw) < 0) {
+    int r = switchInitialCfgApply(sw);
+    if (r < 0) {
         SWMGR_LOG("", SW_LOG_ERR, "Failed apply configuration of %s \n", sw->switchName);
-        return -1;
+        return r;
     }
-    int r = switchPortCfgApply(sw, nullptr);
+    r = switchPortCfgApply(sw, nullptr);
     if (r < 0) {
         SWMGR_LOG("", SW_LOG_ERR, "Failed to apply switch port configuration \n");
         return r;
@@ -164,7 +165,7 @@ extern "C" int switchDeinit(const char *name) {
         SWMGR_LOG("", SW_LOG_ERR, "Failed to destroy the switch %s\n", sw->switchName);
         return r;
     }
-    return 0;
+    return r;
 }
 
 // Switch records live as long as the process; this hook frees nothing.
