@@ -94,7 +94,7 @@ int logRecord(uint32_t level, const char *text, int len) {
                      &len, MBUS_FLAG_NOREPLY, 0, 0);
 }
 
-// A log record as it follows its bus header: module 103, level, tag, the text and its NUL.
+// A log record as it follows its bus header: module (103 unless given), level, tag, the text and its NUL.
 Bytes logBytes(uint32_t level, const char *tag, const std::string &text, uint32_t module = 103) {
     SwLogRecordHeader h{module, level, {}};
     std::snprintf(h.tag, sizeof h.tag, "%s", tag);
