@@ -4,6 +4,7 @@
 // lives here, keyed by the switch record's address.
 #include "portvlan/vlan_index.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
@@ -22,6 +23,10 @@ struct Index {
     OsaListNode *last;
     bool shared; // two listed records carry one id
     SwitchVlan *byId[kIds];
+    // The listed records in list order.
+    SwitchVlan **order;
+    int count;
+    int capacity;
 };
 
 Index *slots[kSlots];
@@ -42,11 +47,34 @@ void markEnds(Index *ix) {
     ix->last = ix->sw->vlanList.last;
 }
 
-void rebuild(Index *ix) {
+// Room for one more record in the order; false when memory ran out.
+bool reserve(Index *ix) {
+    if (ix->count < ix->capacity) return true;
+    const int capacity = ix->capacity * 2 + 64;
+    void *grown = std::realloc(ix->order, sizeof(SwitchVlan *) * static_cast<size_t>(capacity));
+    if (grown == nullptr) return false;
+    ix->order = static_cast<SwitchVlan **>(grown);
+    ix->capacity = capacity;
+    return true;
+}
+
+bool rebuild(Index *ix) {
     std::memset(ix->byId, 0, sizeof ix->byId);
     ix->shared = false;
-    for (auto *v : listEntries<SwitchVlan>(ix->sw->vlanList)) note(ix, v);
+    ix->count = 0;
+    for (auto *v : listEntries<SwitchVlan>(ix->sw->vlanList)) {
+        if (!reserve(ix)) return false;
+        ix->order[ix->count++] = v;
+        note(ix, v);
+    }
     markEnds(ix);
+    return true;
+}
+
+void drop(Index *&ix) {
+    if (ix != nullptr) std::free(ix->order);
+    std::free(ix);
+    ix = nullptr;
 }
 
 // A record at either end must be indexed under its own id; a list rebuilt
@@ -63,11 +91,12 @@ bool inStep(const Index *ix) {
            endIndexed(ix, ix->last);
 }
 
+// Without memory for an index, lookups and walks use the list instead.
 Index *indexOf(Switch *sw) {
     if (sw == nullptr) return nullptr;
-    for (Index *ix : slots) {
+    for (Index *&ix : slots) {
         if (ix != nullptr && ix->sw == sw) {
-            if (!inStep(ix)) rebuild(ix);
+            if (!inStep(ix) && !rebuild(ix)) drop(ix);
             return ix;
         }
     }
@@ -77,15 +106,19 @@ Index *indexOf(Switch *sw) {
     if (at < 0) {
         at = nextEvict;
         nextEvict = (nextEvict + 1) % kSlots;
-        std::free(slots[at]);
-        slots[at] = nullptr;
+        drop(slots[at]);
     }
     auto *ix = static_cast<Index *>(std::calloc(1, sizeof(Index)));
-    if (ix == nullptr) return nullptr; // lookups walk the list instead
+    if (ix == nullptr) return nullptr;
     ix->sw = sw;
-    rebuild(ix);
+    if (!rebuild(ix)) drop(ix);
     slots[at] = ix;
     return ix;
+}
+
+void forget(Index *ix) {
+    for (Index *&slot : slots)
+        if (slot == ix) drop(slot);
 }
 
 SwitchVlan *walkFind(Switch *sw, int vlanId) {
@@ -121,30 +154,46 @@ bool vlanIndexIdUnique(Switch *sw, int vlanId) {
 void vlanIndexAppend(Switch *sw, SwitchVlan *vlan) {
     Index *ix = indexOf(sw);
     int r = osaListNodeAppend(sw != nullptr ? &sw->vlanList : nullptr, vlan);
-    if (ix != nullptr) {
-        if (r == 0) note(ix, vlan);
-        markEnds(ix);
+    if (ix == nullptr) return;
+    if (r == 0 && !reserve(ix)) {
+        forget(ix);
+        return;
     }
+    if (r == 0) {
+        ix->order[ix->count++] = vlan;
+        note(ix, vlan);
+    }
+    markEnds(ix);
 }
 
 void vlanIndexRemove(Switch *sw, SwitchVlan *vlan) {
     Index *ix = indexOf(sw);
     int r = osaListNodeRemove(sw != nullptr ? &sw->vlanList : nullptr, vlan);
-    if (ix != nullptr) {
-        if (r == 0 && ix->shared)
-            rebuild(ix); // another record with the id may now come first
-        else if (r == 0 && inRange(vlan->vlanId) && ix->byId[vlan->vlanId] == vlan)
-            ix->byId[vlan->vlanId] = nullptr;
-        markEnds(ix);
+    if (ix == nullptr || r != 0) return;
+    if (ix->shared) {
+        // Another record with the id may now come first.
+        if (!rebuild(ix)) forget(ix);
+        return;
     }
+    if (inRange(vlan->vlanId) && ix->byId[vlan->vlanId] == vlan) ix->byId[vlan->vlanId] = nullptr;
+    SwitchVlan **end = ix->order + ix->count;
+    SwitchVlan **at = std::find(ix->order, end, vlan);
+    if (at != end) {
+        std::copy(at + 1, end, at);
+        --ix->count;
+    }
+    markEnds(ix);
 }
 
 void vlanIndexReset() {
-    for (Index *&ix : slots) {
-        std::free(ix);
-        ix = nullptr;
-    }
+    for (Index *&ix : slots) drop(ix);
     nextEvict = 0;
+}
+
+VlanWalk vlanIndexWalk(Switch *sw) {
+    Index *ix = indexOf(sw);
+    if (ix == nullptr) return VlanWalk(nullptr, 0, &sw->vlanList);
+    return VlanWalk(ix->order, ix->count, nullptr);
 }
 
 }  // namespace swmgr

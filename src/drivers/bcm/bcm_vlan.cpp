@@ -3,6 +3,7 @@
 // and untagged-frame handling per port, port-based VLANs and snooping.
 #include "drivers/bcm/bcm.h"
 #include "drivers/bcm/bcm_ioctl.h"
+#include "portvlan/vlan_index.h"
 #include "swmgr/swmgr.h"
 
 namespace {
@@ -88,7 +89,7 @@ extern "C" int bcmVlanMembershipUpdate(Switch *sw, SwitchVlan *vlan) {
     const uint32_t fwdMap = vlan->fwdMap;
     const uint32_t untagMap = vlan->untagMap;
     // A port sends untagged frames of one VLAN only: the last one updated.
-    for (auto *v : listEntries<SwitchVlan>(sw->vlanList)) {
+    for (auto *v : swmgr::vlanIndexWalk(sw)) {
         if (v->vlanId == id) {
             v->untagMap = untagMap;
             v->fwdMap = fwdMap;
@@ -135,7 +136,7 @@ extern "C" int bcmSwitchPortConfigure(Switch *sw, SwitchPort *port) {
     // nothing, and after membership updates that is most of them.
     uint32_t portsMap = 0;
     for (auto *p : listEntries<SwitchPort>(sw->portList)) portsMap |= portBit(p->portNumber);
-    for (auto *v : listEntries<SwitchVlan>(sw->vlanList)) {
+    for (auto *v : swmgr::vlanIndexWalk(sw)) {
         if (!swMgrDevDebug && (v->untagMap & portsMap) == 0) continue;
         for (auto *p : listEntries<SwitchPort>(sw->portList)) {
             if ((v->untagMap & portBit(p->portNumber)) != 0) {
