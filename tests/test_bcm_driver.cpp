@@ -260,3 +260,28 @@ TEST_P(BcmForms, PortConfigWidensOnceVlansExistEntriesGetTheCpuPortOnlyWithMembe
 }
 
 }  // namespace
+
+// The driver's walks see the VLAN list as the VLAN layer left it: a record
+// moved by an update counts from its new place, a deleted one is gone.
+TEST_P(BcmForms, PvidsFollowTheListAsUpdatesAndDeletesLeaveIt) {
+    for (int n = 0; n < 3; ++n) addPort(n);
+    std::vector<SwitchVlan *> v;
+    for (auto [id, untag] : {std::pair{10, 0x01u}, {20, 0x02u}, {30, 0x05u}}) {  // 30 takes port 0 from 10
+        SwitchVlan proto{{}, id, 0, {}, {}, {}, {}, {}, 0x07, untag, 0, sw};
+        ASSERT_EQ(0, switchVlanCreate(sw, &proto));
+        v.push_back(switchVlanByIdGet(sw, id));
+    }
+    SwitchVlan again = *v[1];
+    ASSERT_EQ(0, switchVlanUpdate(v[1], &again));  // 20 is listed last now
+    v[0]->untagMap = v[1]->untagMap = 0x06;        // port 2 untagged in all three: the last listed wins
+    cap->clear();
+    EXPECT_EQ(0, config(41, nullptr, SW_PORT_REC_LEN));
+    std::vector<int> walked;  // the developer form traces each VLAN of the walk
+    for (const auto &l : cap->logs)
+        if (size_t at = l.text.find("After vlan iteration ("); at != std::string::npos) walked.push_back(std::stoi(l.text.substr(at + 22)));
+    EXPECT_EQ(walked, swMgrDevDebug ? (std::vector<int>{10, 30, 20}) : std::vector<int>{});
+    auto pvids = [this] { return std::vector<int>{chip.port(0).tag.vid, chip.port(1).tag.vid, chip.port(2).tag.vid}; };
+    EXPECT_EQ(pvids(), (std::vector<int>{30, 20, 20}));
+    ASSERT_EQ(0, switchVlanDelete(v[1]));
+    EXPECT_EQ(pvids(), (std::vector<int>{30, 10, 30}));
+}

@@ -84,7 +84,9 @@ int awaitReply(int fd, int module, int timeout, void *aux, int *auxLen, size_t c
     if (!mbuswire::waitReadable(fd, timeout))
         return fail(MBUS_PORT_ERR_TIMEOUT, "no reply from module " + std::to_string(module) + " within " +
                                                std::to_string(timeout) + " ms");
-    mbuswire::Bytes buf;
+    // Kept from reply to reply: sized for the largest message, it would
+    // otherwise be allocated and cleared (64 KiB) for every one.
+    static thread_local mbuswire::Bytes buf;
     ssize_t n = mbuswire::receiveMessage(fd, buf);
     if (n <= 0) return fail(MBUS_PORT_ERR_IO, "module " + std::to_string(module) + " closed without a reply");
     const char *why = mbuswire::checkMessage(buf, n, true);
