@@ -131,7 +131,7 @@ TEST(BusSocket, ModulesServeOtherProcessesUntilTheyUnregister) {
         dirs.push_back(mbusPortBusDirGet());
     }
     EXPECT_EQ(dirs, (std::vector<std::string>{"/tmp/elsewhere", MBUS_PORT_DEFAULT_DIR, MBUS_PORT_DEFAULT_DIR}));
-    mbusPortBusDirSet(busDir.c_str());
+    EXPECT_EQ(mbusPortBusDirSet(busDir.c_str()), 0);
     {
         Server child(201);
         MbusCtx *self = mbusRegister(202, 2, inProcess, nullptr);

@@ -81,14 +81,15 @@ TEST(ConfigDecode, PortListBitmaps) {
 TEST(ConfigDecode, AValueIsNeverANameNoRecordIsNoWorkAndABadOldRowRefusesTheUpdate) {
     Table shifted({"x"}, {{"vlanId"}, {"77"}});
     SwitchVlanConf none{};
-    EXPECT_EQ(std::make_pair(swVlanCfgFromQueryResultRead(&none, shifted.cells.data(), 1, 0),
-                             swVlanCfgFromQueryResultRead(&none, nullptr, 3, 0)), std::make_pair(0, 0));
-    EXPECT_EQ(none.vlanId, 0);
+    Table next({"vlanId"}, {{"10"}}), old({"vlanId"}, {{"4294967306"}}), named({"interfaceName"}, {{"eth9"}});
+    EXPECT_EQ(std::make_tuple(swVlanCfgFromQueryResultRead(&none, shifted.cells.data(), 1, 0),
+                              swVlanCfgFromQueryResultRead(&none, nullptr, 3, 0),
+                              swVlanCfgFromQueryResultRead(&none, named.cells.data(), 1, -1)), std::make_tuple(0, 0, 0));
+    EXPECT_EQ(std::make_pair(none.vlanId, std::string(none.interfaceName)), std::make_pair(0, std::string()));
     Table bad({"switchLevel", "portNumber", "vlanId"}, {{"12345678901", "-12345678901", "4294967306"}});
     EXPECT_EQ(std::make_tuple(swGlobalCfgFromQueryResultRead(nullptr, bad.cells.data(), 3, 0),
                               swPortCfgFromQueryResultRead(nullptr, bad.cells.data(), 3, 0),
                               swVlanCfgFromQueryResultRead(nullptr, bad.cells.data(), 3, 0)), std::make_tuple(0, 0, 0));
-    Table next({"vlanId"}, {{"10"}}), old({"vlanId"}, {{"4294967306"}});
     EXPECT_EQ(swVlanCfgDBUpdateHandler(next.cells.data(), old.cells.data(), 1, 0), -22);
 }
 

@@ -71,6 +71,8 @@ TEST_P(DbEventForms, PortLoadStopsAtTheFirstRefusedRow) {
     EXPECT_EQ(osaListNext(osaListFirst(&sw->portList)), nullptr);
     EXPECT_EQ(static_cast<SwitchPort *>(osaListFirst(&sw->portList))->portNumber, 2);
     EXPECT_TRUE(cap->logsAre(swtest::dataLogs("db/events.txt", "port load stops at the refused row")));
+    EXPECT_EQ((rebuild("DROP TABLE swPortConfig;"), cap->clear(), switchPortCfgLoad()), SW_EINVAL);
+    EXPECT_TRUE(cap->logsAre({{8, "switchPortCfgLoad", "failed to get list of switch ports from the database\n"}}));
 }
 
 // Each change event, with or without a load of REC (port 2, VLAN 10) first:

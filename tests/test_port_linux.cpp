@@ -68,7 +68,7 @@ TEST(Port, EntryPointsRefuseMissingOrUnusableArguments) {
         ROW(osaFileOpen("/dev/null", nullptr) != nullptr, 0), ROW(mbusPortListenAlong(posts, foreign), -1),
         // Serving along goes one level deep only: not along a module that is
         // itself along, nor for one that others are along.
-        ROW(mbusPortListenAlong(third, along), -1), ROW(mbusPortListenAlong(posts, third), -1),
+        ROW(mbusPortListenAlong(third, along), -1), ROW(mbusPortListenAlong(posts, third), -1), ROW(mbusPortListenAlong(posts, posts), -1),
     };
 #undef ROW
     for (const auto &r : rows) EXPECT_EQ(r.got, r.want) << r.call;
