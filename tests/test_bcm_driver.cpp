@@ -274,8 +274,7 @@ TEST_P(BcmForms, PvidsFollowTheListAsUpdatesAndDeletesLeaveIt) {
     SwitchVlan again = *v[1];
     ASSERT_EQ(0, switchVlanUpdate(v[1], &again));  // 20 is listed last now
     v[0]->untagMap = v[1]->untagMap = 0x06;        // port 2 untagged in all three: the last listed wins
-    cap->clear();
-    EXPECT_EQ(0, config(41, nullptr, SW_PORT_REC_LEN));
+    EXPECT_EQ(0, (cap->clear(), config(41, nullptr, SW_PORT_REC_LEN)));
     std::vector<int> walked;  // the developer form traces each VLAN of the walk
     for (const auto &l : cap->logs)
         if (size_t at = l.text.find("After vlan iteration ("); at != std::string::npos) walked.push_back(std::stoi(l.text.substr(at + 22)));

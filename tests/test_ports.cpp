@@ -136,7 +136,6 @@ TEST_F(Ports, MappingsThatWouldLoopTheHierarchyOrNameNoPortNumberAreRefused) {
     EXPECT_EQ(std::make_pair(switchPortMappedListAppend(p, nullptr), switchPortMappedListAppend(nullptr, p)),
               std::make_pair(-1, -1));
     EXPECT_EQ(mapped(p), std::vector<SwitchPort *>{switchPortByNumberGet(c, 0)});
-    char again[] = "B:0";  // a list given again replaces the one the port had
-    EXPECT_EQ(switchPortMapInit(p, again), 0);
+    EXPECT_EQ(switchPortMapInit(p, std::string("B:0").data()), 0);  // a list given again replaces the old one
     EXPECT_EQ(mapped(p), std::vector<SwitchPort *>{switchPortByNumberGet(b, 0)});
 }
