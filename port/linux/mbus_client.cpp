@@ -36,7 +36,8 @@ public:
     int take(const std::string &path) {
         int fd = release();
         pollfd p{fd, POLLIN, {}};
-        if (fd < 0 || (path == path_ && pid_ == ::getpid() && ::poll(&p, 1, 0) == 0)) return fd;
+        taken_ = -1;
+        if (fd < 0 || (path == path_ && pid_ == ::getpid() && ::poll(&p, 1, 0) == 0)) return taken_ = fd;
         ::close(fd);
         return -1;
     }
@@ -44,6 +45,11 @@ public:
         if (int fd = release(); fd >= 0) ::close(fd);
     }
     void keep(const std::string &path, int fd) {
+        // The one just taken is still the connection it was checked to be.
+        if (fd == taken_) {
+            fd_ = fd;
+            return;
+        }
         struct stat st {};
         if (::fstat(fd, &st) != 0) {
             ::close(fd);
@@ -67,6 +73,7 @@ private:
     }
 
     int fd_ = -1;
+    int taken_ = -1;
     std::string path_;
     pid_t pid_ = 0;
     dev_t dev_ = 0;
