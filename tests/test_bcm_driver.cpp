@@ -242,6 +242,10 @@ TEST_P(BcmForms, PortConfigWidensOnceVlansExistEntriesGetTheCpuPortOnlyWithMembe
     EXPECT_EQ(requests(), swtest::dataLines(kData, "deconfig"));
     EXPECT_EQ(0, bcmIGMPSnoopSet(sw) + bcmMLDSnoopSet(sw));  // no request, only their lines
     EXPECT_TRUE(cap->logsAre(swtest::dataLogs(kData, "deconfig-logs")));
+    cap->clear(), chip.failRequest(kPairDelete, -5, 1);  // a refused delete ends the walk
+    EXPECT_EQ(std::make_pair(-5, 0), std::make_pair(bcmPortVlanDeConfig(nullptr, v), bcmSwitchPortPVIDSet(2, 10)));
+    EXPECT_TRUE(cap->logsAre({{64, "bcmPortVlanDeConfig", "De-configuring Port VLAN #0: [PMAP:19 FWD 9]\n"},
+                              {8, "bcmPortVlanDeConfig", "ERROR#-5 de-configuring Port VLAN #0: [FWD 19]\n"}}));
 
     // The CPU port's default port-based VLAN touches member 0 only.
     cap->clear(), chip.port(4).fwdMap = 0x1e;
@@ -271,8 +275,7 @@ TEST_P(BcmForms, PvidsFollowTheListAsUpdatesAndDeletesLeaveIt) {
         ASSERT_EQ(0, switchVlanCreate(sw, &proto));
         v.push_back(switchVlanByIdGet(sw, id));
     }
-    SwitchVlan again = *v[1];
-    ASSERT_EQ(0, switchVlanUpdate(v[1], &again));  // 20 is listed last now
+    ASSERT_EQ(0, switchVlanUpdate(v[1], v[1]));    // 20 is listed last now
     v[0]->untagMap = v[1]->untagMap = 0x06;        // port 2 untagged in all three: the last listed wins
     EXPECT_EQ(0, (cap->clear(), config(41, nullptr, SW_PORT_REC_LEN)));
     std::vector<int> walked;  // the developer form traces each VLAN of the walk

@@ -168,9 +168,13 @@ TEST(BusSocket, ModulesServeOtherProcessesUntilTheyUnregister) {
         EXPECT_EQ(mbusIoctl(nullptr, 203, kEcho, nullptr, 0, nullptr, nullptr, 0, 0, 0), MBUS_PORT_ERR_NOMODULE)
             << "a connection kept on descriptor 0 serves its own module only";
         EXPECT_EQ(count(201), 304);
-        ::dup2(in, STDIN_FILENO), ::close(in);  // the kept connection's number reused: not ours to close
-        EXPECT_EQ(count(201), 305);
+        EXPECT_EQ(mbusIoctl(self, 201, kEcho, nullptr, 0, nullptr, nullptr, MBUS_FLAG_NOREPLY, 0, 0), 0);
+        EXPECT_EQ(::fcntl(STDIN_FILENO, F_GETFD), -1) << "the connection kept on descriptor 0 let go";
+        EXPECT_EQ(count(201), 306);
+        for (int other : {::socket(AF_UNIX, SOCK_DGRAM, 0)}) ::dup2(other, STDIN_FILENO), ::close(other);  // reused: not ours to close
+        EXPECT_EQ(count(201), 307);
         EXPECT_EQ(::fcntl(STDIN_FILENO, F_GETFD), 0);
+        ::dup2(in, STDIN_FILENO), ::close(in);
         EXPECT_EQ(mbusDeInit(), 0);
         EXPECT_EQ(open(), before) << "the kept connection let go with the bus";
 
@@ -181,7 +185,7 @@ TEST(BusSocket, ModulesServeOtherProcessesUntilTheyUnregister) {
 
         EXPECT_EQ(mbusIoctl(nullptr, 201, kSlow, nullptr, 0, nullptr, nullptr, 0, 1, 0), MBUS_PORT_ERR_TIMEOUT);
         EXPECT_STREQ(mbusPortLastError(), "no reply from module 201 within 1 ms");
-        EXPECT_EQ(count(201), 307) << "the module serves on after the late request";
+        EXPECT_EQ(count(201), 309) << "the module serves on after the late request";
 
         // While its process lives, nobody else may register the module.
         const long held = swtest::openDescriptors();

@@ -133,8 +133,7 @@ TEST_P(DbEventForms, VlanUpdateFindsTheVlanByItsOldValuesAndRefusesUnsafeNewOnes
     rec.results.clear();
     const std::string last = swtest::rowValuesBlock(db, "vlanEncapIf", 1);
     exec("UPDATE vlanEncapIf SET interfaceName='eth0>x', fwdMap='2' WHERE rowid=1");
-    cap->clear();
-    EXPECT_EQ(event("vlanEncapIf", 1, 23, last), -22);
+    EXPECT_EQ((cap->clear(), event("vlanEncapIf", 1, 23, last)), -22);
     EXPECT_EQ(cap->countLog("table vlanEncapIf row id 1: interfaceName \"eth0>x\" refused: character '>' at offset 4"
                             " is not allowed (letters, digits, '_', '.', '-')\n"), 1);
     EXPECT_EQ(switchVlanByIdGet(sw, 101)->fwdMap, 0x6u);
@@ -154,8 +153,7 @@ TEST_P(DbEventForms, MalformedEventsAreRefusedAndNothingIsReadPastItsLength) {
     EXPECT_EQ(event("vlanEncapIf", 1, 23, std::string(3, '\0')), 0) << "three empty strings, nothing past them";
     // An empty block passes with no columns and reaches the delete handler,
     // which refuses a row without a parent interface name.
-    cap->clear();
-    EXPECT_EQ(event("vlanEncapIf", 5, 9), -22);
+    EXPECT_EQ((cap->clear(), event("vlanEncapIf", 5, 9)), -22);
     EXPECT_EQ(cap->countLog("table vlanEncapIf row id 5: interfaceName \"\" refused: the name is empty\n"), 1);
     EXPECT_EQ(cap->commands.size() + rec.calls.size(), 0u);
     EXPECT_NE(switchVlanByIdGet(sw, 10), nullptr) << "nothing decoded, nothing deleted";

@@ -65,8 +65,7 @@ TEST_P(PseForms, CommandEntryForwardingAndAttachingOnlyToAnExactPseName) {
     uint32_t on = 1;
     EXPECT_EQ(0, config(47, &on, SW_U32_ARG_LEN));
     EXPECT_TRUE(cap->logsAre(swtest::dataLogs(kData, "forwarding")));
-    cap->clear();
-    EXPECT_EQ(-22, config(47, &on, SW_U32_ARG_LEN - 1)) << "shorter than what is read";
+    EXPECT_EQ(-22, (cap->clear(), config(47, &on, SW_U32_ARG_LEN - 1))) << "shorter than what is read";
     EXPECT_TRUE(cap->commands.empty());
 
     // A rate limit reaches each lower port the PSE port stands for.
@@ -106,8 +105,7 @@ TEST_P(PseForms, CommandEntryForwardingAndAttachingOnlyToAnExactPseName) {
     second->switchConfigFunc = lower->switchConfigFunc;
     switchLowerLvlSwitchListAppend(pse, second);
     rec.results[47] = -5;
-    cap->clear();
-    EXPECT_EQ(-5, config(47, &on, SW_U32_ARG_LEN));
+    EXPECT_EQ(-5, (cap->clear(), config(47, &on, SW_U32_ARG_LEN)));
     EXPECT_EQ((std::vector<int>{47, 47}), rec.cmds());  // REC2 never reached
     EXPECT_EQ(1, cap->countLog("Failed to process cmd (47) in lower switch REC\n"));
 
@@ -164,8 +162,7 @@ TEST_P(PseForms, RateLimitsQosTrustModesQueueSchedulingAndPauseFrames) {
     EXPECT_EQ(swtest::dataLines(kData, "queue-sched"), cap->commands);
 
     // Any non-zero status stops.
-    cap->clear();
-    engine.failCommand("tc_func set 2", 4, false, 1);
+    cap->clear(), engine.failCommand("tc_func set 2", 4, false, 1);
     EXPECT_EQ(4, pseQueueSchedConfigure(pse, &all));
     engine.failCommand("queue_weight_func set 1", 1, true, 1);
     EXPECT_EQ(1, pseQueueSchedConfigure(pse, &all));
@@ -180,8 +177,7 @@ TEST_P(PseForms, RateLimitsQosTrustModesQueueSchedulingAndPauseFrames) {
     // Without the engine: a pipeline that exited 1 goes on, a failed
     // system() stops at once.
     engine.detach();
-    cap->clear();
-    cap->systemStatus = 256;
+    cap->clear(), cap->systemStatus = 256;
     EXPECT_EQ(256, psePauseFrameConfigure(pse, &on));
     cap->systemStatus = -1;
     EXPECT_EQ(-1, psePauseFrameConfigure(pse, &on));

@@ -184,7 +184,7 @@ TEST_P(VlanForms, PortBasedVlanOnlyWithInSwitchOnlyAndDisableThenDeleteRemovesEv
 // Finding a VLAN by id gives the first listed record with it, whoever
 // changed the list: the layer or an update onto a taken id.
 TEST_P(VlanForms, LookupsApplyAndDisableFollowTheListWhateverChangedIt) {
-    SwitchVlanConf a = vlanConf(100), b = vlanConf(200), high = vlanConf(5000), neg = vlanConf(-3);
+    SwitchVlanConf a = vlanConf(100), b = vlanConf(200), high = vlanConf(4096), neg = vlanConf(-3);
     std::snprintf(a.vlanName, sizeof a.vlanName, "guest");
     for (SwitchVlanConf *c : {&a, &b, &high, &neg}) ASSERT_EQ(switchVlanByConfCreate(top, c), 0);
     SwitchVlan *v100 = switchVlanByIdGet(top, 100), *v200 = switchVlanByIdGet(top, 200);
@@ -207,7 +207,7 @@ TEST_P(VlanForms, LookupsApplyAndDisableFollowTheListWhateverChangedIt) {
     // first listed, a disable reaches both, a delete leaves the other.
     SwitchVlanConf onto = vlanConf(200);
     ASSERT_EQ(switchVlanConfUpdate(&onto, &a), 0);
-    EXPECT_EQ(ids(top), (Ints{200, 5000, -3, 200}));
+    EXPECT_EQ(ids(top), (Ints{200, 4096, -3, 200}));
     EXPECT_EQ(switchVlanByIdGet(top, 200), v200);
     reset();
     EXPECT_EQ(switchVlanDisable(v100), 0);
