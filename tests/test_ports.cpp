@@ -83,8 +83,8 @@ TEST_P(PortForms, AddCopiesTheRowSendsTrustModeOnAddAndApplyRefusesDuplicates) {
     EXPECT_EQ(switchPortDeinit(&c), SW_EINVAL);
     EXPECT_TRUE(cap->logsAre(swtest::dataLogs(kData, "stubs")));
     EXPECT_EQ(switchPortDestroy(p), 0);
-    EXPECT_EQ(std::make_pair(switchPortMapInit(nullptr, nullptr), switchPortTrustModeConfigure(nullptr)),
-              std::make_pair(-1, -22));
+    EXPECT_EQ(std::make_tuple(switchPortMapInit(nullptr, nullptr), switchPortTrustModeConfigure(nullptr),
+                              switchPortCfgApply(nullptr, p)), std::make_tuple(-1, -22, -22));
     EXPECT_EQ(switchPortByNumberGet(sw, 3), p);
 }
 

@@ -76,8 +76,7 @@ TEST_P(Lifecycle, FailedApplyThenDeinitReleasesButKeepsTheSwitchListed) {
     ASSERT_EQ(drv.confAdd("REC", 1), 0);
     Switch *sw = switchByNameGet("REC");
     drv.results = {{SW_CMD_QOS_CONFIG, -1}};
-    cap->clear();
-    EXPECT_EQ(switchDeinit("NONE"), SW_EINVAL);
+    EXPECT_EQ((cap->clear(), switchDeinit("NONE")), SW_EINVAL);
     EXPECT_EQ(switchCfgApply(sw), -1);
     EXPECT_EQ(switchDeinit("REC"), 0);
     EXPECT_EQ(sw->switchConfigFunc, nullptr);  // released by the driver, still listed

@@ -126,8 +126,9 @@ TEST_P(VlanForms, UpdateFindsTheOldIdStoresTheNewOneAndMovesItLast) {
     ASSERT_EQ(switchVlanByConfCreate(top, &only), 0);
     ASSERT_EQ(switchVlanConfUpdate(&renamed, &only), 0);
     EXPECT_EQ(std::tie(top->lowerLvlForward, low->lowerLvlForward), std::make_tuple(1, 0));
-    EXPECT_EQ(switchVlanUpdate(switchVlanByIdGet(top, 301), switchVlanByIdGet(top, 301)), 0);
-    EXPECT_EQ(switchVlanUpdate(switchVlanByIdGet(top, 301), nullptr), SW_EINVAL);
+    SwitchVlan *v301 = switchVlanByIdGet(top, 301);
+    EXPECT_EQ(std::make_tuple(switchVlanUpdate(v301, v301), switchVlanUpdate(v301, nullptr)), std::make_tuple(0, -22));
+    EXPECT_EQ((drv.results = {{SW_CMD_VLAN_MEMBERSHIP_APPLY, -5}}, switchVlanUpdate(v301, v301)), -5) << "a refused apply";
 }
 
 TEST_P(VlanForms, PortBasedVlanOnlyWithInSwitchOnlyAndDisableThenDeleteRemovesEverywhere) {
