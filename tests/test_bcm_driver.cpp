@@ -129,8 +129,8 @@ TEST_P(BcmForms, CommandEntryChecksExactSizesReadOnlyQueriesAndBindingKeepsDescr
     // Descriptor 0 is never closed; a device that cannot be opened leaves
     // the driver bound, so commands arrive and fail on the bad descriptor.
     EXPECT_EQ(std::make_tuple(bcmSwitchUnRegister(nullptr), bcmCPUPortNumberGet(nullptr),
-                              bcmVlanMembershipUpdate(sw, nullptr)),
-              std::make_tuple(int{SW_EINVAL}, 0, int{SW_EINVAL}));
+                              bcmVlanMembershipUpdate(sw, nullptr), bcmPortStatsGet(3, nullptr)),
+              std::make_tuple(int{SW_EINVAL}, 0, int{SW_EINVAL}, -1));
     const int opened = std::exchange(fd, 0);
     EXPECT_EQ(0, bcmSwitchUnRegister(sw));
     EXPECT_EQ(nullptr, sw->switchConfigFunc);
