@@ -190,10 +190,10 @@ void vlanIndexReset() {
     nextEvict = 0;
 }
 
+// An index of an empty list may have no order yet: the list is walked then.
 VlanWalk vlanIndexWalk(Switch *sw) {
-    Index *ix = indexOf(sw);
-    if (ix == nullptr) return VlanWalk(nullptr, 0, &sw->vlanList);
-    return VlanWalk(ix->order, ix->count, nullptr);
+    const Index *ix = indexOf(sw);
+    return ix != nullptr ? VlanWalk(ix->order, ix->count, &sw->vlanList) : VlanWalk(nullptr, 0, &sw->vlanList);
 }
 
 }  // namespace swmgr
