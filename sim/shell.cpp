@@ -2,16 +2,17 @@
 #include "shell.h"
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 
 namespace swsim {
 
 namespace {
 
-bool blank(char c) { return c == ' ' || c == '\t'; }
+constexpr bool blank(char c) { return c == ' ' || c == '\t'; }
 
 // Unquoted characters that would make the shell expand or redirect.
-bool beyondReader(char c) {
+constexpr bool beyondReader(char c) {
     switch (c) {
         case '$': case '`': case '*': case '?': case '[': case '<': case '>':
         case '&': case '(': case ')': case '{': case '}': case '~':
@@ -32,6 +33,14 @@ std::string_view plainProgram(std::string_view line) {
         return {};
     return line.substr(from, to - from);
 }
+
+// Every character the reader treats other than as part of a word.
+constexpr auto kSpecial = [] {
+    std::array<bool, 256> t{};
+    for (unsigned char c : std::string_view(" \t\n;|#'\"\\")) t[c] = true;
+    for (int c = 0; c < 256; ++c) t[c] = t[c] || beyondReader(static_cast<char>(c));
+    return t;
+}();
 
 class Reader {
 public:
@@ -68,9 +77,13 @@ public:
             } else if (beyondReader(c)) {
                 return std::nullopt;
             } else {
-                word_ += c;
+                // A word's ordinary characters go in as one run; a '#' ends
+                // the run and comes back here when it is inside a word.
+                size_t end = i + 1;
+                while (end < line.size() && !kSpecial[static_cast<unsigned char>(line[end])]) ++end;
+                word_.append(line.substr(i, end - i));
                 inWord_ = true;
-                ++i;
+                i = end;
             }
         }
         if (!endCommand()) return std::nullopt;
@@ -152,10 +165,10 @@ void ToolBox::add(const std::string &program, Tool tool, bool entry) {
     tools_[program] = {std::move(tool), entry};
 }
 
-const ToolBox::Tool *ToolBox::find(const std::string &program, bool *entry) const {
+const ToolBox::Tool *ToolBox::find(std::string_view program, bool *entry) const {
     auto it = tools_.find(program);
     // A path names one file; a bare name is found wherever PATH has it.
-    if (it == tools_.end() && program.find('/') != std::string::npos) it = tools_.find(std::string(baseName(program)));
+    if (it == tools_.end() && program.find('/') != std::string_view::npos) it = tools_.find(baseName(program));
     if (it == tools_.end()) return nullptr;
     if (entry != nullptr) *entry = it->second.second;
     return &it->second.first;
@@ -165,7 +178,7 @@ std::optional<std::vector<ShellCommand>> ToolBox::claim(const std::string &line)
     // Every model is offered every line: most are turned down by their first word alone.
     bool entry = false;
     std::string_view program = plainProgram(line);
-    if (!program.empty() && (find(std::string(program), &entry) == nullptr || !entry)) return std::nullopt;
+    if (!program.empty() && (find(program, &entry) == nullptr || !entry)) return std::nullopt;
     auto commands = shellParse(line);
     if (!commands || commands->empty()) return std::nullopt;
     if (find(commands->front().stages.front().front(), &entry) == nullptr || !entry) return std::nullopt;

@@ -81,7 +81,7 @@ public:
     // `entry`: a line whose first program is this one belongs to the
     // model; other tools (filters a pipeline uses) only serve such lines.
     void add(const std::string &program, Tool tool, bool entry = true);
-    const Tool *find(const std::string &program, bool *entry = nullptr) const;
+    const Tool *find(std::string_view program, bool *entry = nullptr) const;
 
     // The line's commands when it is the model's: readable, its first
     // program an entry tool.
@@ -100,7 +100,7 @@ public:
 private:
     int runStage(const Words &stage, Io &io);
 
-    std::map<std::string, std::pair<Tool, bool>> tools_;
+    std::map<std::string, std::pair<Tool, bool>, std::less<>> tools_;
     History &history_;
 };
 
