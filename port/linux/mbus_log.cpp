@@ -197,7 +197,7 @@ void logNow(int src, const void *data, int dataLen, const void *aux, int auxLen)
 size_t sendRun(const std::vector<Held> &out, size_t i) {
     LogPath &p = path();
     if (p.target != MBUS_PORT_LOG_BUS || p.dropped > p.reported) return 0;
-    constexpr size_t kRun = 32;
+    constexpr size_t kRun = 64;
     MbusMsgHeader heads[kRun];
     iovec iov[kRun][3];
     mmsghdr msgs[kRun] = {};
