@@ -100,7 +100,7 @@ TEST(OsaCmd, AHookMayLeaveWhileCalledAndTheLinePassesOnToTheNext) {
     };
     auto next = [](void *, const char *cmd, int *status) {
         seen_.push_back(cmd);
-        return *status = 9, 1;
+        return *status += 9, 1;  // it starts at 0
     };
     osaPortCmdHookAdd(once_, nullptr), osaPortCmdHookAdd(next, nullptr);
     char none[4] = "xyz";

@@ -103,16 +103,10 @@ extern "C" int osaCmdExec(const char *command, char *output, int outputLen) {
     // Room without a buffer is a caller's mistake, not a request for no output.
     if (command == nullptr || (output == nullptr && outputLen > 0)) return -1;
     int status = 0;
-    if (cmdHooks().anyTakes([&](OsaCmdHook hook, void *ctx) { return hook(ctx, command, &status) != 0; })) {
+    if (cmdHooks().anyTakes([&](OsaCmdHook hook, void *ctx) { return hook(ctx, command, &status) != 0; }) ||
+        (fallback.hook != nullptr && fallback.hook(fallback.ctx, command, &status) != 0)) {
         if (outputLen > 0) output[0] = '\0';
         return status;
-    }
-    if (fallback.hook != nullptr) {
-        int status = 0;
-        if (fallback.hook(fallback.ctx, command, &status)) {
-            if (outputLen > 0) output[0] = '\0';
-            return status;
-        }
     }
 
     const bool capture = outputLen > 0;

@@ -42,8 +42,8 @@ unsigned int osaPortIoctlArgSize(unsigned int request);
 
 /* --- Shell commands --------------------------------------------------
  * Hooks see each command line in the order they were added. Returns 1 when
- * the hook took the command (its exit status in *status), 0 to pass it on;
- * a command no hook takes runs with /bin/sh -c. */
+ * the hook took the command (its exit status in *status, which starts at 0),
+ * 0 to pass it on; a command no hook takes runs with /bin/sh -c. */
 typedef int (*OsaCmdHook)(void *ctx, const char *command, int *status);
 int osaPortCmdHookAdd(OsaCmdHook hook, void *ctx);
 int osaPortCmdHookRemove(OsaCmdHook hook, void *ctx);
