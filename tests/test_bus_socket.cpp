@@ -207,9 +207,10 @@ TEST(BusSocket, ModulesServeOtherProcessesUntilTheyUnregister) {
     EXPECT_EQ(lastServed, 500 + 20 + kEcho) << "its data and aux";
     EXPECT_EQ(mbusListen(ctx, 100000), 0);
     // A request arriving while it listens is waited for.
-    std::thread late([] {
+    const int lateConn = rawConnect(201);
+    std::thread late([lateConn] {
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        sendRaw(201, frame(MBUS_MSG_MAGIC, 201, 4, 4));
+        sendRaw(201, frame(MBUS_MSG_MAGIC, 201, 4, 4), lateConn);
     });
     EXPECT_EQ(mbusListen(ctx, 5000000), 1);
     late.join();
@@ -224,6 +225,9 @@ TEST(BusSocket, ModulesServeOtherProcessesUntilTheyUnregister) {
     // Gone (its socket removed, as the daemon's tests see), the context is
     // recognisable as gone: nothing sent through it is delivered.
     EXPECT_EQ(mbusUnRegister(ctx), 0);
+    char eof[1];
+    EXPECT_EQ(::recv(lateConn, eof, 1, MSG_DONTWAIT), 0) << "the connection it served is closed";
+    ::close(lateConn);
     EXPECT_EQ(std::make_pair(mbusListen(ctx, 1000), mbusPortPost(5, kEcho, "x", 1, "y", 1)), std::make_pair(-1, -1));
     EXPECT_EQ(mbusUnRegister(ctx), -1);
     // Its last words still reach somebody (here, with nobody serving the log,
