@@ -9,8 +9,6 @@
 #include "bcm_chip.h"
 #include "data_lines.h"
 #include "drivers/bcm/bcm.h"
-#include "swmgr/portvlan.h"
-#include "swmgr_test.h"
 
 namespace {
 using swtest::Bytes;
@@ -67,8 +65,7 @@ protected:
     swsim::BcmChip chip;
     Switch *sw = nullptr;
 };
-using BcmForms = swtest::BothForms<BcmTest>;
-SWTEST_BOTH_FORMS(BcmForms);
+SWTEST_BOTH_FORMS(BcmForms, BcmTest);
 
 constexpr unsigned kQos = 0xc0045320u, kPause = 0xc0045321u, kRate = 0xc0075322u, kTrust = 0xc006531eu,
                    kSched = 0xc008531fu, kCos = 0xc0055323u, kClear = 0x80055310u, kEntry = 0x80075312u,

@@ -5,7 +5,6 @@
 #include <tuple>
 #include <vector>
 
-#include "swmgr/portvlan.h"
 #include "data_lines.h"
 
 namespace {
@@ -18,8 +17,7 @@ protected:
     }
     swtest::RecordingDriver rec{"R"};  // one letter: the first byte of a request names it
 };
-using BusHandlerForms = swtest::BothForms<BusHandler>;
-SWTEST_BOTH_FORMS(BusHandlerForms);
+SWTEST_BOTH_FORMS(BusHandlerForms, BusHandler);
 
 // Unsafe VLAN requests, and short events, are refused end to end in the
 // daemon's tests; here what only a request from within can carry.

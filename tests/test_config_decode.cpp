@@ -4,7 +4,6 @@
 #include <optional>
 #include <tuple>
 
-#include "swmgr/swconf.h"
 #include "swmgr_test.h"
 
 namespace {

@@ -6,7 +6,6 @@
 #include <cstring>
 #include <tuple>
 
-#include "swmgr/portvlan.h"
 #include "data_lines.h"
 
 namespace {
@@ -17,7 +16,7 @@ const std::string kSchema = std::string(swtest::kConfigSchema) +
     "INSERT INTO vlanEncapIf VALUES (10, 'eth0', 'br-lan', '', '', '0,1', '0', 0);";
 const std::string kRow = "<the row>";  // as old values: the row's before the change
 
-class DbEvents : public swtest::SwmgrTest {
+class DbEvents : public swtest::DriverTest {
 protected:
     void SetUp() override {
         SwmgrTest::SetUp();
@@ -50,15 +49,28 @@ protected:
     void loadAll() {
         ASSERT_TRUE(switchCfgLoad() == 0 && switchPortCfgLoad() == 0 && switchVlanCfgLoad() == 0);
         ASSERT_NE(sw = switchByNameGet("REC"), nullptr);
-        cap->clear(), rec.calls.clear();
+        reset();
     }
-    swtest::RecordingDriver rec;
+    // A row's old-values block as a change event carries it: the column
+    // names, then the values, each a NUL-terminated string.
+    std::string rowValues(const std::string &table, int rowId) {
+        std::string block;
+        const auto add = [](void *out, int n, char **values, char **names) {
+            auto &to = *static_cast<std::string *>(out);
+            for (char **strings : {names, values})
+                for (int i = 0; i < n; ++i) to += std::string(strings[i] ? strings[i] : "") + '\0';
+            return 0;
+        };
+        const std::string sql = "SELECT * FROM " + table + " WHERE rowid=" + std::to_string(rowId);
+        EXPECT_EQ(sqlite3_exec(db, sql.c_str(), add, &block, nullptr), SQLITE_OK) << sql;
+        EXPECT_FALSE(block.empty()) << "no row: " << sql;
+        return block;
+    }
     sqlite3 *db = nullptr;
     Switch *sw = nullptr;
 };
 
-using DbEventForms = swtest::BothForms<DbEvents>;
-SWTEST_BOTH_FORMS(DbEventForms);
+SWTEST_BOTH_FORMS(DbEventForms, DbEvents);
 
 // A port row naming no switch stops the port load; the ports before it stay.
 TEST_P(DbEventForms, PortLoadStopsAtTheFirstRefusedRow) {
@@ -68,8 +80,7 @@ TEST_P(DbEventForms, PortLoadStopsAtTheFirstRefusedRow) {
     sw = switchByNameGet("REC");
     cap->clear();
     EXPECT_EQ(switchPortCfgLoad(), -1);
-    EXPECT_EQ(osaListNext(osaListFirst(&sw->portList)), nullptr);
-    EXPECT_EQ(static_cast<SwitchPort *>(osaListFirst(&sw->portList))->portNumber, 2);
+    EXPECT_EQ(swtest::listed(&sw->portList, &SwitchPort::portNumber), std::vector<int>{2});
     EXPECT_TRUE(cap->logsAre(swtest::dataLogs("db/events.txt", "port load stops at the refused row")));
     EXPECT_EQ((rebuild("DROP TABLE swPortConfig;"), cap->clear(), switchPortCfgLoad()), SW_EINVAL);
     EXPECT_TRUE(cap->logsAre({{8, "switchPortCfgLoad", "failed to get list of switch ports from the database\n"}}));
@@ -108,10 +119,10 @@ TEST_P(DbEventForms, EventsFollowTheTableHandlers) {
         SCOPED_TRACE(c.logs);
         rebuild();
         if (c.loaded) loadAll();
-        const std::string old = c.old == kRow ? swtest::rowValuesBlock(db, c.table, c.row) : c.old;
+        const std::string old = c.old == kRow ? rowValues(c.table, c.row) : c.old;
         if (!c.sql.empty()) exec(c.sql);
         EXPECT_EQ(event(c.table, c.row, c.op, old), c.result);
-        EXPECT_EQ(rec.cmds(), c.cmds);
+        EXPECT_EQ(drv.cmds(), c.cmds);
         EXPECT_TRUE(cap->logsAre(swtest::dataLogs("db/events.txt", c.logs)));
         EXPECT_EQ(sqlite3_exec(db, "SELECT * FROM swGlobalCfg", nullptr, nullptr, nullptr), SQLITE_OK)
             << "a table name is never run as SQL";
@@ -121,17 +132,17 @@ TEST_P(DbEventForms, EventsFollowTheTableHandlers) {
 // The update finds the VLAN by its old id and stores the new one.
 TEST_P(DbEventForms, VlanUpdateFindsTheVlanByItsOldValuesAndRefusesUnsafeNewOnes) {
     loadAll();
-    const std::string old = swtest::rowValuesBlock(db, "vlanEncapIf", 1);
+    const std::string old = rowValues("vlanEncapIf", 1);
     exec("UPDATE vlanEncapIf SET vlanId=101, fwdMap='1,2' WHERE rowid=1");
     EXPECT_EQ(event("vlanEncapIf", 1, 23, old), 0);
     EXPECT_EQ(switchVlanByIdGet(sw, 10), nullptr);
     EXPECT_EQ(switchVlanByIdGet(sw, 101)->fwdMap, 0x6u);
-    rec.results[SW_CMD_VLAN_MEMBERSHIP_APPLY] = -4;
-    EXPECT_EQ(event("vlanEncapIf", 1, 23, swtest::rowValuesBlock(db, "vlanEncapIf", 1)), -1);
+    drv.results[SW_CMD_VLAN_MEMBERSHIP_APPLY] = -4;
+    EXPECT_EQ(event("vlanEncapIf", 1, 23, rowValues("vlanEncapIf", 1)), -1);
     EXPECT_EQ(cap->countLog("Failed to update switch vlan profile \n"), 1);
     // An update to an unsafe name leaves the loaded VLAN as it was.
-    rec.results.clear();
-    const std::string last = swtest::rowValuesBlock(db, "vlanEncapIf", 1);
+    drv.results.clear();
+    const std::string last = rowValues("vlanEncapIf", 1);
     exec("UPDATE vlanEncapIf SET interfaceName='eth0>x', fwdMap='2' WHERE rowid=1");
     EXPECT_EQ((cap->clear(), event("vlanEncapIf", 1, 23, last)), -22);
     EXPECT_EQ(cap->countLog("table vlanEncapIf row id 1: interfaceName \"eth0>x\" refused: character '>' at offset 4"
@@ -155,7 +166,7 @@ TEST_P(DbEventForms, MalformedEventsAreRefusedAndNothingIsReadPastItsLength) {
     // which refuses a row without a parent interface name.
     EXPECT_EQ((cap->clear(), event("vlanEncapIf", 5, 9)), -22);
     EXPECT_EQ(cap->countLog("table vlanEncapIf row id 5: interfaceName \"\" refused: the name is empty\n"), 1);
-    EXPECT_EQ(cap->commands.size() + rec.calls.size(), 0u);
+    EXPECT_EQ(cap->commands.size() + drv.calls.size(), 0u);
     EXPECT_NE(switchVlanByIdGet(sw, 10), nullptr) << "nothing decoded, nothing deleted";
     // A cut last string ends with its block (40 bytes: no slack after it to hide a missing end).
     // The host refusing the removal refuses the event.
@@ -175,7 +186,7 @@ TEST_F(DbEvents, RowsWithUnsafeTextsOrNumbersAreRefusedAndLeaveTheLoadedOnesAlon
         cap->clear();
         EXPECT_EQ(event(c[0].c_str(), static_cast<int>(sqlite3_last_insert_rowid(db)), 18), -22) << c[2];
         EXPECT_EQ(cap->countLog(c[2]), 1);
-        EXPECT_EQ(cap->commands.size() + rec.calls.size(), 0u);
+        EXPECT_EQ(cap->commands.size() + drv.calls.size(), 0u);
     }
     EXPECT_EQ(std::make_tuple(switchByNameGet("NEW"), switchPortByNumberGet(sw, 3), switchVlanByIdGet(sw, 11)),
               std::make_tuple(nullptr, nullptr, nullptr));

@@ -17,7 +17,6 @@
 #include "bcm_chip.h"
 #include "host_vlan.h"
 #include "pse_engine.h"
-#include "swmgr/portvlan.h"
 #include "swmgr_test.h"
 
 namespace {

@@ -3,31 +3,16 @@
 #include <cstring>
 
 #include "data_lines.h"
-#include "swmgr/portvlan.h"
 
 namespace {
 
 const char *const kData = "ports/expected.txt";
 
-// Records of a list whose nodes start with their linkage, second word on.
-template <typename Node, typename T>
-std::vector<T *> listed(OsaList *list, T *Node::*field) {
-    std::vector<T *> out;
-    for (auto *n = static_cast<Node *>(osaListFirst(list)); n != nullptr; n = static_cast<Node *>(osaListNext(n)))
-        out.push_back(n->*field);
-    return out;
-}
-std::vector<SwitchPort *> mapped(SwitchPort *p) { return listed(&p->mappedPorts, &SwitchPortMapEntry::port); }
-std::vector<Switch *> children(Switch *sw) { return listed(&sw->lowerLvlSwitchList, &SwitchLowerRef::sw); }
+std::vector<SwitchPort *> mapped(SwitchPort *p) { return swtest::listed(&p->mappedPorts, &SwitchPortMapEntry::port); }
+std::vector<Switch *> children(Switch *sw) { return swtest::listed(&sw->lowerLvlSwitchList, &SwitchLowerRef::sw); }
 
-class Ports : public swtest::SwmgrTest {
+class Ports : public swtest::DriverTest {
 protected:
-    Switch *add(const char *name, int level) {
-        EXPECT_EQ(drv.confAdd(name, level), 0);
-        reset();
-        return switchByNameGet(name);
-    }
-    void reset() { drv.calls.clear(), cap->clear(); }
     int addPort(const char *sw, int number, const char *phy = "", int trustMode = 0, SwitchPortConf c = {}) {
         std::snprintf(c.switchName, sizeof c.switchName, "%s", sw);
         std::snprintf(c.phyDevice, sizeof c.phyDevice, "%s", phy);
@@ -35,10 +20,8 @@ protected:
         c.trustMode = trustMode;
         return switchPortConfAdd(&c);
     }
-    swtest::RecordingDriver drv;
 };
-using PortForms = swtest::BothForms<Ports>;
-SWTEST_BOTH_FORMS(PortForms);
+SWTEST_BOTH_FORMS(PortForms, Ports);
 
 }  // namespace
 

@@ -8,14 +8,13 @@
 #include "host_vlan.h"
 #include "data_lines.h"
 #include "pse_engine.h"
-#include "swmgr/portvlan.h"
 
 namespace {
 using Lines = std::vector<std::string>;
 const char *const kData = "pse/expected.txt";
 
 // A PSE switch bound to its driver, with the engine model behind the command seams.
-class PseTest : public swtest::SwmgrTest {
+class PseTest : public swtest::DriverTest {
 protected:
     void SetUp() override {
         SwmgrTest::SetUp();
@@ -41,12 +40,10 @@ protected:
     swsim::PseEngine engine;
     Switch *pse = nullptr;
 };
-using PseForms = swtest::BothForms<PseTest>;
-SWTEST_BOTH_FORMS(PseForms);
+SWTEST_BOTH_FORMS(PseForms, PseTest);
 
 TEST_P(PseForms, CommandEntryForwardingAndAttachingOnlyToAnExactPseName) {
     // A REC switch below the PSE, with PSE port 7 standing for its ports 3 and 5.
-    swtest::RecordingDriver rec;
     Switch *lower = swtest::addSwitch("REC", 1);
     ASSERT_EQ(0, switchConfigFuncRegister(lower));
     pse->lowerLvlForward = 1;
@@ -58,8 +55,8 @@ TEST_P(PseForms, CommandEntryForwardingAndAttachingOnlyToAnExactPseName) {
     EXPECT_EQ(SW_EINVAL, config(51, record, SW_TRUST_MODE_ARG_LEN + 1));
     char arg[4] = {1, 2, 3, 4};
     EXPECT_EQ(0, config(40, arg, 4));  // no handler: passed on as it is
-    ASSERT_EQ(1u, rec.calls.size());
-    EXPECT_EQ(std::make_pair<const void *>(arg, 4), std::make_pair(rec.calls[0].argPtr, rec.calls[0].argLen));
+    ASSERT_EQ(1u, drv.calls.size());
+    EXPECT_EQ(std::make_pair<const void *>(arg, 4), std::make_pair(drv.calls[0].argPtr, drv.calls[0].argLen));
     pse->lowerLvlForward = 0;
     EXPECT_EQ(0, config(40, arg, 4));
     uint32_t on = 1;
@@ -70,18 +67,17 @@ TEST_P(PseForms, CommandEntryForwardingAndAttachingOnlyToAnExactPseName) {
 
     // A rate limit reaches each lower port the PSE port stands for.
     pse->lowerLvlForward = 1;
-    rec.calls.clear();
-    cap->clear();
+    reset();
     SwitchRateLimitArg limit{7, 1, {0xAA, 0xAA, 0xAA}, 3000};
     EXPECT_EQ(0, config(50, &limit, SW_RATE_LIMIT_ARG_LEN));
     EXPECT_EQ(Lines{"rate_limit_func set 7 46 0"}, cap->commands);
-    ASSERT_EQ(2u, rec.calls.size());
-    EXPECT_EQ(swtest::Bytes({3, 0, 0, 0, 1, 0, 0, 0, 0xb8, 0x0b, 0, 0}), rec.calls[0].arg);
-    EXPECT_EQ(swtest::Bytes({5, 0, 0, 0, 1, 0, 0, 0, 0xb8, 0x0b, 0, 0}), rec.calls[1].arg);
-    for (const auto &c : rec.calls) EXPECT_EQ(std::make_pair(50, 12), std::make_pair(c.cmd, c.argLen));
+    ASSERT_EQ(2u, drv.calls.size());
+    EXPECT_EQ(swtest::Bytes({3, 0, 0, 0, 1, 0, 0, 0, 0xb8, 0x0b, 0, 0}), drv.calls[0].arg);
+    EXPECT_EQ(swtest::Bytes({5, 0, 0, 0, 1, 0, 0, 0, 0xb8, 0x0b, 0, 0}), drv.calls[1].arg);
+    for (const auto &c : drv.calls) EXPECT_EQ(std::make_pair(50, 12), std::make_pair(c.cmd, c.argLen));
     // A lower failure on the first mapped port stops there; a PSE port
     // standing for none, or unknown, reaches no lower port and fails.
-    rec.results[50] = -3;
+    drv.results[50] = -3;
     EXPECT_EQ(-3, pseConfTransfer(pse, lower, 50, &limit, 12, nullptr, nullptr));
     limit.portNumber = (addPort(pse, 8), 8);
     EXPECT_EQ(-1, pseConfTransfer(pse, lower, 50, &limit, 12, nullptr, nullptr));
@@ -92,21 +88,21 @@ TEST_P(PseForms, CommandEntryForwardingAndAttachingOnlyToAnExactPseName) {
     EXPECT_EQ(std::make_pair(-1, -1), std::make_pair(pseConfTransfer(nullptr, lower, 50, &limit, 12, nullptr, nullptr),
                                                      pseConfTransfer(pse, lower, 50, nullptr, 12, nullptr, nullptr)));
     EXPECT_EQ(SW_EINVAL, pseLowerSwitchConfig(nullptr, 50, &limit, 12, nullptr, nullptr));
-    EXPECT_EQ(3u, rec.calls.size());
+    EXPECT_EQ(3u, drv.calls.size());
     EXPECT_EQ(1, cap->countLog("Failed to find port (9).\n"));
 
     // A step refused locally is hidden by the lower switches' success; a
     // lower failure stops the walk and is returned.
-    rec.calls.clear();
+    drv.calls.clear();
     uint32_t bad = 7;
     EXPECT_EQ(-1, pseQoSConfigure(pse, &bad));
     EXPECT_EQ(0, config(47, &bad, SW_U32_ARG_LEN));
     Switch *second = swtest::addSwitch("REC2", 1);
     second->switchConfigFunc = lower->switchConfigFunc;
     switchLowerLvlSwitchListAppend(pse, second);
-    rec.results[47] = -5;
+    drv.results[47] = -5;
     EXPECT_EQ(-5, (cap->clear(), config(47, &on, SW_U32_ARG_LEN)));
-    EXPECT_EQ((std::vector<int>{47, 47}), rec.cmds());  // REC2 never reached
+    EXPECT_EQ((std::vector<int>{47, 47}), drv.cmds());  // REC2 never reached
     EXPECT_EQ(1, cap->countLog("Failed to process cmd (47) in lower switch REC\n"));
 
     // The driver attaches only to an exact "PSE" name.
@@ -209,7 +205,7 @@ protected:
     swsim::HostVlanModel host{{"eth0", "eth1", "a-very-long-int"}};
     SwitchVlan vlan{{}, 100, 3, {}, {}, {}, {}, {}, 0, 0, 0, nullptr};
 };
-using PseVlanForms = swtest::BothForms<PseVlanTest>;
+SWTEST_BOTH_FORMS(PseVlanForms, PseVlanTest);
 
 TEST_P(PseVlanForms, MembershipMapsFollowThePsePortNumbersAndOnlyNegativeStatusesFail) {
     // Only negative engine statuses fail; a failed table edit sends no ARL
@@ -248,7 +244,5 @@ TEST_P(PseVlanForms, MembershipMapsFollowThePsePortNumbersAndOnlyNegativeStatuse
     EXPECT_EQ(SW_EINVAL, apply(0x4, "eth;1")) << "no address for a name that is none";
     EXPECT_EQ(1, cap->countLog("Failed to get the MAC address of \n"));
 }
-
-SWTEST_BOTH_FORMS(PseVlanForms);
 
 }  // namespace

@@ -14,8 +14,7 @@ protected:
         SwmgrTest::TearDown();
     }
 };
-using ServiceForms = swtest::BothForms<Service>;
-SWTEST_BOTH_FORMS(ServiceForms);
+SWTEST_BOTH_FORMS(ServiceForms, Service);
 
 // Without the tables, or without switches, the service still runs and says
 // why; without the bus or the database it stays down. Shutting it down

@@ -6,7 +6,6 @@
 #include <tuple>
 #include <utility>
 
-#include "swmgr/portvlan.h"
 #include "data_lines.h"
 
 namespace {
@@ -14,12 +13,7 @@ namespace {
 const std::vector<int> kSettings = {SW_CMD_VLAN_ENABLE, SW_CMD_QOS_CONFIG, SW_CMD_PAUSE_FRAMES,
                                     SW_CMD_IGMP_SNOOPING, SW_CMD_MLD_SNOOPING};
 
-class SwitchLifecycle : public swtest::SwmgrTest {
-protected:
-    swtest::RecordingDriver drv;
-};
-using Lifecycle = swtest::BothForms<SwitchLifecycle>;
-SWTEST_BOTH_FORMS(Lifecycle);
+SWTEST_BOTH_FORMS(Lifecycle, swtest::DriverTest);
 
 const swtest::Log kCreatingRec{64, "switchCreate", "Creating REC Switch \n"};
 
@@ -47,7 +41,7 @@ TEST_P(Lifecycle, RefusedRegistrationOrSettingStopsTheRestAndLeavesTheSwitchUnli
     drv.registerResult = 0;
     const swtest::Logs refused = swtest::dataLogs("lifecycle/logs.txt", "setting refused");
     for (size_t step = 0; step < kSettings.size(); ++step) {
-        drv.calls.clear(), cap->clear();
+        reset();
         drv.results = {{kSettings[step], -5}};
         EXPECT_EQ(drv.confAdd("REC", 1), -1) << step;  // not the driver's code
         EXPECT_EQ(drv.cmds(), std::vector<int>(kSettings.begin(), kSettings.begin() + step + 1));
@@ -73,10 +67,9 @@ TEST_P(Lifecycle, TopLevelIsTheFirstOfTheHighestAndMaxLevelOutlivesLibInit) {
 
 TEST_P(Lifecycle, FailedApplyThenDeinitReleasesButKeepsTheSwitchListed) {
     EXPECT_EQ(switchCfgDisable(nullptr), -1);  // nothing at the top
-    ASSERT_EQ(drv.confAdd("REC", 1), 0);
-    Switch *sw = switchByNameGet("REC");
+    Switch *sw = add("REC", 1);
     drv.results = {{SW_CMD_QOS_CONFIG, -1}};
-    EXPECT_EQ((cap->clear(), switchDeinit("NONE")), SW_EINVAL);
+    EXPECT_EQ(switchDeinit("NONE"), SW_EINVAL);
     EXPECT_EQ(switchCfgApply(sw), -1);
     EXPECT_EQ(switchDeinit("REC"), 0);
     EXPECT_EQ(sw->switchConfigFunc, nullptr);  // released by the driver, still listed
@@ -88,8 +81,7 @@ TEST_P(Lifecycle, FailedApplyThenDeinitReleasesButKeepsTheSwitchListed) {
 
 // Apply stops at the first failing stage: settings, then ports, then VLANs.
 TEST_P(Lifecycle, ApplyStopsAtTheFirstFailingStage) {
-    ASSERT_EQ(drv.confAdd("REC", 1), 0);
-    Switch *sw = switchByNameGet("REC");
+    Switch *sw = add("REC", 1);
     SwitchPortConf port{};
     SwitchVlanConf vlan{};
     std::snprintf(port.switchName, sizeof port.switchName, "REC");
@@ -100,7 +92,7 @@ TEST_P(Lifecycle, ApplyStopsAtTheFirstFailingStage) {
     for (const auto &[failing, cmds, logs] : std::initializer_list<std::tuple<int, std::vector<int>, const char *>>{
              {SW_CMD_PORT_TRUST_MODE, {33, 47, 49, 56, 57, 51}, "port stage refused"},
              {SW_CMD_PORT_CONFIG_SET, {33, 47, 49, 56, 57, 51, 41}, "vlan stage refused"}}) {
-        drv.calls.clear(), cap->clear();
+        reset();
         drv.results = {{failing, -4}};
         EXPECT_EQ(switchCfgApply(sw), -4);
         EXPECT_EQ(drv.cmds(), cmds);

@@ -3,7 +3,6 @@
 // command lines and the host state the model ends in. What a successful
 // creation sends is pinned by the start-up transcript.
 #include "host_vlan.h"
-#include "swmgr/portvlan.h"
 #include "data_lines.h"
 
 namespace {
@@ -21,8 +20,7 @@ protected:
     swsim::HostVlanModel host;
     char eth0[8] = "eth0";
 };
-using EncapForms = swtest::BothForms<EncapTest>;
-SWTEST_BOTH_FORMS(EncapForms);
+SWTEST_BOTH_FORMS(EncapForms, EncapTest);
 
 TEST_P(EncapForms, StatusOfAFailedAddOrOfTheLastEgressMapDecides) {
     EXPECT_EQ(switchVlanEncapDestroy(eth0, 100), 1) << "the removal's status: nothing to remove";
@@ -46,7 +44,7 @@ TEST_P(EncapForms, StatusOfAFailedAddOrOfTheLastEgressMapDecides) {
         host.failCommand("/sbin/vconfig set_egress_map eth0.100 7 7", last);
         EXPECT_EQ(switchVlanEncapCreate(eth0, 100), last);
         EXPECT_EQ(cap->commands, swtest::dataLines("encap/commands.txt", "create eth0.100"));
-        EXPECT_EQ(root->read("var/VLAN.100.Uptime"), "12345\n");
+        EXPECT_EQ(swtest::readFile(root->file("var/VLAN.100.Uptime")), "12345\n");
         // The first removal finds nothing; the parent stays down.
         EXPECT_TRUE(cap->logsAre(swtest::dataLogs("encap/commands.txt", "create logs " + std::to_string(last))));
     }
@@ -101,7 +99,7 @@ TEST_P(EncapForms, UptimeStampReadAndWrite) {
 
     root->write("var/stamp", "4294967295\nold\n");
     EXPECT_EQ(timeEventRecord("/var/stamp"), 0);
-    EXPECT_EQ(root->read("var/stamp"), "12345\n");
+    EXPECT_EQ(swtest::readFile(root->file("var/stamp")), "12345\n");
     EXPECT_EQ(timeEventRecord("/nodir/stamp"), -1) << "no directory to take the file";
     EXPECT_FALSE(std::filesystem::exists(root->file("nodir")));
 }

@@ -4,7 +4,6 @@
 #include <cstdio>
 
 #include "data_lines.h"
-#include "swmgr/portvlan.h"
 
 namespace {
 
@@ -18,36 +17,21 @@ SwitchVlanConf vlanConf(int id, uint32_t fwd = 0x6, uint32_t untag = 0x2, int in
     return c;
 }
 
-Ints ids(Switch *sw) {
-    Ints out;
-    for (void *v = osaListFirst(&sw->vlanList); v != nullptr; v = osaListNext(v))
-        out.push_back(static_cast<SwitchVlan *>(v)->vlanId);
-    return out;
-}
+Ints ids(Switch *sw) { return swtest::listed(&sw->vlanList, &SwitchVlan::vlanId); }
 
 // Two switches bound to the recording driver: TOP (level 2), then LOW.
-class Vlans : public swtest::SwmgrTest {
+class Vlans : public swtest::DriverTest {
 protected:
     void SetUp() override {
         SwmgrTest::SetUp();
         root->write("var/.keep", "");
-        for (auto [name, level] : {std::pair{"TOP", 2}, {"LOW", 1}}) {
-            ASSERT_EQ(drv.confAdd(name, level), 0);
-            (level == 2 ? top : low) = switchByNameGet(name);
-        }
-        reset();
+        top = add("TOP", 2);
+        low = add("LOW", 1);
+        ASSERT_TRUE(top != nullptr && low != nullptr);
     }
-    void reset() { drv.calls.clear(), cap->clear(); }
-    Ints cmdsTo(Switch *sw) const {
-        Ints out;
-        for (const auto &c : drv.calls) if (c.sw == sw) out.push_back(c.cmd);
-        return out;
-    }
-    swtest::RecordingDriver drv;
     Switch *top = nullptr, *low = nullptr;
 };
-using VlanForms = swtest::BothForms<Vlans>;
-SWTEST_BOTH_FORMS(VlanForms);
+SWTEST_BOTH_FORMS(VlanForms, Vlans);
 
 }  // namespace
 
@@ -145,10 +129,10 @@ TEST_P(VlanForms, PortBasedVlanOnlyWithInSwitchOnlyAndDisableThenDeleteRemovesEv
         reset();
         SwitchVlanConf next = vlanConf(10 + only, 0x7, 0x1, only);
         ASSERT_EQ(switchVlanConfUpdate(&next, &c), 0);
-        EXPECT_EQ(cmdsTo(top), (only ? Ints{59, 34, 58, 41, 35} : Ints{34, 41, 35})) << only;
+        EXPECT_EQ(drv.cmds(top), (only ? Ints{59, 34, 58, 41, 35} : Ints{34, 41, 35})) << only;
         reset();
         ASSERT_EQ(switchVlanConfDelete(&next), 0);
-        EXPECT_EQ(cmdsTo(low), (only ? Ints{59, 34, 35, 41, 35} : Ints{34, 35, 41, 35})) << only;
+        EXPECT_EQ(drv.cmds(low), (only ? Ints{59, 34, 35, 41, 35} : Ints{34, 35, 41, 35})) << only;
     }
 
     SwitchVlanConf c = vlanConf(100);
@@ -202,7 +186,7 @@ TEST_P(VlanForms, LookupsApplyAndDisableFollowTheListWhateverChangedIt) {
     stray.sw = top, stray.vlanId = 6000;
     EXPECT_EQ(std::make_tuple(switchVlanDisable(&stray), switchVlanCfgApply(nullptr, v100), switchVlanCfgApply(top, &stray)),
               std::make_tuple(0, -22, 0));
-    EXPECT_EQ(cmdsTo(top), (Ints{41, 41, 35, 41}));
+    EXPECT_EQ(drv.cmds(top), (Ints{41, 41, 35, 41}));
 
     // An update onto a taken id leaves two records with it: lookups give the
     // first listed, a disable reaches both, a delete leaves the other.
@@ -212,7 +196,7 @@ TEST_P(VlanForms, LookupsApplyAndDisableFollowTheListWhateverChangedIt) {
     EXPECT_EQ(switchVlanByIdGet(top, 200), v200);
     reset();
     EXPECT_EQ(switchVlanDisable(v100), 0);
-    EXPECT_EQ(cmdsTo(top), (Ints{34, 35, 34, 35}));
+    EXPECT_EQ(drv.cmds(top), (Ints{34, 35, 34, 35}));
     // The first refusal ends the walk, with its code.
     EXPECT_EQ((drv.results = {{SW_CMD_VLAN_MEMBERSHIP_APPLY, -5}}, switchVlanDisable(v100)), -5);
     ASSERT_EQ((drv.results.clear(), switchVlanDelete(v200)), 0);

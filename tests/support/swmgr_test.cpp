@@ -12,8 +12,6 @@
 #include <regex>
 #include <sstream>
 
-#include "swmgr/portvlan.h"
-
 namespace swtest {
 
 // ---------------------------------------------------------------- Capture
@@ -134,9 +132,10 @@ RecordingDriver::~RecordingDriver() {
     spare.registerFn = nullptr, spare.unregisterFn = nullptr, current_ = nullptr;
 }
 
-std::vector<int> RecordingDriver::cmds() const {
+std::vector<int> RecordingDriver::cmds(const Switch *only) const {
     std::vector<int> out;
-    for (const auto &c : calls) out.push_back(c.cmd);
+    for (const auto &c : calls)
+        if (only == nullptr || c.sw == only) out.push_back(c.cmd);
     return out;
 }
 
@@ -289,22 +288,6 @@ void SwmgrTest::TearDown() {
     osaPortFileRootSet(nullptr);
     root.reset();
     swMgrDevDebug = swMgrForeground = 0;
-}
-
-std::string rowValuesBlock(sqlite3 *db, const std::string &table, int rowId) {
-    std::string block;
-    sqlite3_stmt *st = nullptr;
-    std::string sql = "SELECT * FROM " + table + " WHERE rowid=" + std::to_string(rowId);
-    EXPECT_EQ(sqlite3_prepare_v2(db, sql.c_str(), -1, &st, nullptr), SQLITE_OK) << sql;
-    EXPECT_EQ(sqlite3_step(st), SQLITE_ROW) << sql;
-    int n = sqlite3_column_count(st);
-    for (int i = 0; i < n; ++i) block += std::string(sqlite3_column_name(st, i)) + '\0';
-    for (int i = 0; i < n; ++i) {
-        const unsigned char *v = sqlite3_column_text(st, i);
-        block += std::string(v ? reinterpret_cast<const char *>(v) : "") + '\0';
-    }
-    sqlite3_finalize(st);
-    return block;
 }
 
 }  // namespace swtest

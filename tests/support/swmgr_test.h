@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "osa_port.h"
+#include "swmgr/portvlan.h"
 #include "swmgr/swconf.h"
 #include "swmgr/swmgr.h"
 #include "swmgr/switch.h"
@@ -115,7 +116,7 @@ public:
     int registerResult = 0;
     std::map<int, int> results;  // cmd -> result (default 0)
 
-    std::vector<int> cmds() const;
+    std::vector<int> cmds(const Switch *only = nullptr) const;  // of every switch, or of `only`
     // Adds switch `name` through switchConfAdd, bound to this driver under that name.
     int confAdd(const char *name, int level, SwitchConf c = {});
 
@@ -142,7 +143,6 @@ public:
     ~TempDir();
     const std::string &path() const { return path_; }
     std::string file(const std::string &name) const { return path_ + "/" + name; }
-    std::string read(const std::string &name) const { return readFile(file(name)); }  // "" when absent
     void write(const std::string &name, const std::string &content) const;
 
 private:
@@ -168,9 +168,22 @@ protected:
     std::unique_ptr<TempDir> root;
 };
 
+// The base fixture with the recording driver in the table.
+class DriverTest : public SwmgrTest {
+protected:
+    void reset() { drv.calls.clear(), cap->clear(); }  // forgets what was sent and logged
+    // Adds switch `name` bound to the driver, then forgets what the add sent and logged.
+    Switch *add(const char *name, int level) {
+        EXPECT_EQ(drv.confAdd(name, level), 0) << name;
+        reset();
+        return switchByNameGet(name);
+    }
+    RecordingDriver drv;
+};
+
 // Runs each case of a fixture twice, with swMgrDevDebug clear ("plain")
-// and set ("dev"): declare the cases with TEST_P(BothForms<Fixture>-alias,
-// ...) and instantiate the suite with SWTEST_BOTH_FORMS(alias).
+// and set ("dev"): SWTEST_BOTH_FORMS(Suite, Fixture) names the suite and
+// instantiates it; declare the cases with TEST_P(Suite, ...) below it.
 template <typename Fixture>
 class BothForms : public Fixture, public ::testing::WithParamInterface<bool> {
 protected:
@@ -179,11 +192,21 @@ protected:
         swMgrDevDebug = this->GetParam() ? 1 : 0;
     }
 };
-#define SWTEST_BOTH_FORMS(Suite)                                                  \
+#define SWTEST_BOTH_FORMS(Suite, Fixture)                                         \
+    using Suite = ::swtest::BothForms<Fixture>;                                   \
     INSTANTIATE_TEST_SUITE_P(Form, Suite, ::testing::Bool(),                      \
                              [](const ::testing::TestParamInfo<bool> &i) {        \
                                  return std::string(i.param ? "dev" : "plain");   \
                              })
+
+// The values of `field` over a list whose nodes start with their linkage, in list order.
+template <typename Node, typename T>
+std::vector<T> listed(OsaList *list, T Node::*field) {
+    std::vector<T> out;
+    for (auto *n = static_cast<Node *>(osaListFirst(list)); n != nullptr; n = static_cast<Node *>(osaListNext(n)))
+        out.push_back(n->*field);
+    return out;
+}
 
 // Bytes of a value, for comparing recorded arguments.
 template <typename T>
@@ -206,10 +229,6 @@ inline constexpr const char *kConfigSchema =
 
 // Creates (or extends) the database at `path` with `sql`; returns `path`.
 std::string makeDb(const std::string &path, const std::string &sql);
-
-// A row's old-values block as a change event carries it: the column names,
-// then the values, each a NUL-terminated string.
-std::string rowValuesBlock(sqlite3 *db, const std::string &table, int rowId);
 
 }  // namespace swtest
 
