@@ -195,9 +195,11 @@ TEST_F(DbEvents, RowsWithUnsafeTextsOrNumbersAreRefusedAndLeaveTheLoadedOnesAlon
 
     // At start-up the row's id names it, or its position in a table without
     // one; a handler called on its own names the table alone.
-    for (const char *table : {"(vlanId, interfaceName, n)", "(vlanId, interfaceName, id)"}) {
-        rebuild(std::string("DROP TABLE vlanEncapIf; CREATE TABLE vlanEncapIf ") + table +
-                "; INSERT INTO vlanEncapIf VALUES (12, 'eth0', 4), (13, 'a b', 9);");
+    // A value "id" is not the column.
+    for (auto [cols, rows] : {std::pair{"n, vlanId, interfaceName", "('id', 12, 'eth0'), (4, 13, 'a b'), (5, 14, 'x')"},
+                              std::pair{"vlanId, interfaceName, id", "(12, 'eth0', 4), (13, 'a b', 9)"}}) {
+        rebuild(std::string("DROP TABLE vlanEncapIf; CREATE TABLE vlanEncapIf (") + cols +
+                "); INSERT INTO vlanEncapIf VALUES " + rows + ";");
         ASSERT_EQ(switchCfgLoad(), 0);
         EXPECT_EQ(switchVlanCfgLoad(), -22);
     }
