@@ -242,24 +242,16 @@ extern "C" int bcmDefPortVlanConfig(int port) {
     const uint32_t map = port >= 0 && port <= 3 ? kAllPortsMap : 0x01u;
     SWMGR_LOG("", SW_LOG_INFO, "configuring default port VLAN #%u: [FWD %x]\n",
               static_cast<unsigned>(port), map);
-    // Members above the map's highest bit are left as they are.
+    // Members above the map's highest bit are left as they are. Both default
+    // maps run unbroken from member 0 up, so every member the walk meets is
+    // wanted: it only ever adds, and no member is ever taken out.
+    static_assert((kAllPortsMap & (kAllPortsMap + 1)) == 0, "a default map is a run of members from 0");
     for (int m = 0; bitsLeft(map, m); ++m) {
-        const bool wanted = (map & portBit(m)) != 0;
-        const bool present = portPair(kIocPortVlanQuery, port, m) != 0;
-        if (!present && wanted) {
-            int r = portPair(kIocPortVlanAdd, port, m);
-            if (r < 0) {
-                SWMGR_LOG("", SW_LOG_ERR, "ERROR#%d adding Port %d in forward map of port:%d\n", r,
-                          m, port);
-                return r;
-            }
-        } else if (present && !wanted) {
-            int r = portPair(kIocPortVlanDelete, port, m);
-            if (r < 0) {
-                SWMGR_LOG("", SW_LOG_ERR, "ERROR#%d deleting Port %d in forward map of port:%d\n",
-                          r, m, port);
-                return r;
-            }
+        if (portPair(kIocPortVlanQuery, port, m) != 0) continue;
+        int r = portPair(kIocPortVlanAdd, port, m);
+        if (r < 0) {
+            SWMGR_LOG("", SW_LOG_ERR, "ERROR#%d adding Port %d in forward map of port:%d\n", r, m, port);
+            return r;
         }
     }
     return 0;
