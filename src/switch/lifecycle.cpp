@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Switch lifecycle: from a configuration record to a listed switch bound to
 // its driver, the start-up apply, disabling and releasing.
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -49,7 +50,7 @@ extern "C" Switch *switchCreate(SwitchConf *conf) {
     sw->mldSnoopingEnable = conf->mldSnoopingEnable;
     sw->numPorts = conf->numPorts;
     sw->switchLevel = conf->switchLevel;
-    if (sw->switchLevel > switchMaxLevel) switchMaxLevel = sw->switchLevel;
+    switchMaxLevel = std::max(switchMaxLevel, sw->switchLevel);
     return sw;
 }
 
