@@ -7,13 +7,9 @@
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <unistd.h>
-#include <sqlite3.h>
 
 #include <chrono>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "swmgr/platform/sqlite_helpers.h"
 #include "swmgr_test.h"

@@ -6,22 +6,18 @@
 #ifndef SWMGR_TESTS_E2E_E2E_UTIL_H
 #define SWMGR_TESTS_E2E_E2E_UTIL_H
 
-#include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
 #include <sstream>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "swmgr_test.h"
 #include "swmgr_version.h"
@@ -56,8 +52,6 @@ inline std::string replaced(std::string s, const std::string &from, const std::s
     for (size_t at = 0; (at = s.find(from, at)) != std::string::npos; at += to.size()) s.replace(at, from.size(), to);
     return s;
 }
-
-inline bool exists(const std::string &path) { return ::access(path.c_str(), F_OK) == 0; }
 
 // Polls `done` every 10 ms, at most `tries` times.
 template <class F> bool waitFor(F done, int tries = 500) {
@@ -116,23 +110,24 @@ protected:
         }
         return pids_.emplace_back(pid);
     }
-    // swmgrd with `args` under a service manager listening on an abstract
-    // socket: it announces readiness once it serves the bus.
+    // swmgrd with `args` on this test's bus directory, its standard error in
+    // daemon.err, under a service manager listening on an abstract socket: it
+    // announces readiness once it serves the bus.
     pid_t startReady(const std::string &env, const std::string &args) {
         const std::string notify = "@swmgr-e2e-" + std::to_string(::getpid());
         const int fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-        sockaddr_un addr{};
-        addr.sun_family = AF_UNIX;
+        sockaddr_un addr{AF_UNIX, {}};
         std::memcpy(addr.sun_path + 1, notify.data() + 1, notify.size() - 1);
         EXPECT_EQ(::bind(fd, reinterpret_cast<sockaddr *>(&addr),
                          static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + notify.size())), 0) << notify;
-        const pid_t pid = start("env " + env + " NOTIFY_SOCKET=" + quote(notify) + " " + SWMGRD_PATH + " " + args);
+        const pid_t pid = start("env " + env + " NOTIFY_SOCKET=" + quote(notify) + " " + SWMGRD_PATH + " " + args +
+                                " --bus-dir " + quote(bus_) + " >/dev/null 2>" + quote(dir_ + "/daemon.err"));
         pollfd p{fd, POLLIN, 0};
         char buf[64];
         const ssize_t n = ::poll(&p, 1, 10000) == 1 ? ::recv(fd, buf, sizeof buf, 0) : 0;
         ::close(fd);
         EXPECT_EQ(std::string(buf, n > 0 ? static_cast<size_t>(n) : 0), "READY=1") << readFile(dir_ + "/daemon.err");
-        EXPECT_TRUE(exists(bus_ + "/mod-103.sock")) << "ready before the service registered";
+        EXPECT_TRUE(std::filesystem::exists(bus_ + "/mod-103.sock")) << "ready before the service registered";
         return pid;
     }
     // Sends `sig` (0 only waits) and returns the exit status, or -1 when the

@@ -3,12 +3,10 @@
 // directory; the database is changed behind the daemon's back and the
 // simulated hardware is read back after each step.
 #include <fcntl.h>
-#include <sqlite3.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <fstream>
 #include <nlohmann/json.hpp>
 
 #include "mbus_wire.h"
@@ -26,19 +24,18 @@ protected:
         db_ = db("router.db");
         // The log service: records the daemon sends to module 20 end up in log.txt.
         logger_ = start(ctlLine() + "log >" + quote(dir_ + "/log.txt"));
-        waitFor([&] { return exists(bus_ + "/mod-20.sock"); });
+        waitFor([&] { return std::filesystem::exists(bus_ + "/mod-20.sock"); });
         startDaemon();
     }
-    void startDaemon(const std::string &options = "", const std::string &env = "") {
-        daemon_ = startReady(env, options + " --db " + quote(db_) + " --sim --bus-dir " + quote(bus_) + " --state-dir " +
-                             quote(bus_ + "/sim") + " >/dev/null 2>" + quote(dir_ + "/daemon.err"));
+    void startDaemon(const std::string &options = "") {
+        daemon_ = startReady("", options + " --db " + quote(db_) + " --sim --state-dir " + quote(bus_ + "/sim"));
     }
     // The daemon ends on `sig` with status 0, saying so, and unregisters.
     void expectStops(int sig, const std::string &name) {
         EXPECT_EQ(stop(daemon_, sig), 0);
         EXPECT_NE(readFile(dir_ + "/daemon.err").find("swmgrd: stopped (" + name + ")\n"), std::string::npos);
         for (const char *sock : {"/mod-103.sock", "/mod-250.sock", "/mod-251.sock"})
-            EXPECT_FALSE(exists(bus_ + sock)) << sock;
+            EXPECT_FALSE(std::filesystem::exists(bus_ + sock)) << sock;
     }
     // Log records reach the log service asynchronously.
     bool logHas(const std::string &line) {
@@ -171,59 +168,49 @@ TEST_F(E2e, AnotherUsersConnectionIsClosedBeforeItCanSend) {
     EXPECT_EQ(json::parse(ctl("stats --json").out, nullptr, false)["connectionsRefused"], 1);
 }
 
+// A VLAN add or delete request in hex: the switch name area, then the VLAN record.
+std::string vlanRequest(int vlanId, const std::string &ifName) {
+    std::string rec(64 + 1300, '\0'), out;
+    std::memcpy(&rec[64], &vlanId, 4);
+    rec.replace(64 + 132, std::min<size_t>(ifName.size(), 64), ifName.substr(0, 64));
+    rec[64 + 1284] = 0x3;  // fwdMap: ports 0 and 1
+    for (unsigned char c : rec) out += {"0123456789abcdef"[c >> 4], "0123456789abcdef"[c & 0xf]};
+    return out;
+}
+
+using E2eUntrusted = e2e::Test;
+
 // The daemon on the real command path (--sim-devices-only): the switch chip
 // is the model behind its device path, every command line runs through
 // /bin/sh with a PATH whose tools only record their arguments. Texts from
 // the database and from bus requests carry shell payloads that would
 // create a file in the daemon's working directory; none may run.
-class E2eUntrusted : public e2e::Test {
-protected:
-    void SetUp() override {
-        const std::string bin = dir_ + "/bin";
-        ASSERT_EQ(::mkdir(bin.c_str(), 0755), 0);
-        std::ofstream(bin + "/record") << "#!/bin/sh\n{ printf '%s' \"${0##*/}\"; for a in \"$@\"; do "
-                                          "printf ' [%s]' \"$a\"; done; echo; } >> " << quote(dir_ + "/argv.log") << "\n";
-        ASSERT_EQ(sh("cd " + quote(bin) + " && chmod +x record && for t in vconfig ifconfig vlan_table_func "
-                     "arl_table_func sppe_ioctl rate_limit_func tc_func queue_weight_func pri_ctl_func; do "
-                     "ln -s record $t; done").status, 0);
-        // Loading stops at the first refused row (and a refused port keeps
-        // the VLANs from loading), so the one bad row at start-up is the
-        // last VLAN row.
-        db_ = db("router.db", "INSERT INTO vlanEncapIf (vlanId, interfaceName, fwdMap, untagMap) "
-                              "VALUES (30, 'eth0;touch ran', '0', '0');");
-        startReady("-C " + quote(dir_) + " PATH=" + quote(bin) + ":\"$PATH\"", "--db " + quote(db_) +
-                   " --sim-devices-only --foreground --bus-dir " + quote(bus_) + " >/dev/null 2>" +
-                   quote(dir_ + "/daemon.err"));
-    }
-    // A VLAN add or delete request in hex: the switch name area, then the
-    // VLAN record.
-    static std::string vlanRequest(int vlanId, const std::string &ifName) {
-        std::string rec(64 + 1300, '\0'), out;
-        std::memcpy(&rec[64], &vlanId, 4);
-        rec.replace(64 + 132, std::min<size_t>(ifName.size(), 64), ifName.substr(0, 64));
-        rec[64 + 1284] = 0x3;  // fwdMap: ports 0 and 1
-        char b[3];
-        for (unsigned char c : rec) out.append(b, static_cast<size_t>(std::snprintf(b, sizeof b, "%02x", c)));
-        return out;
-    }
-    std::string db_;
-};
-
 TEST_F(E2eUntrusted, NoPayloadRunsAndEachIsRefusedWhileGoodConfigurationIsProgrammed) {
+    const std::string bin = dir_ + "/bin";
+    tmp_.write("bin/record", "#!/bin/sh\n{ printf '%s' \"${0##*/}\"; for a in \"$@\"; do printf ' [%s]' \"$a\"; done; "
+                             "echo; } >> " + quote(dir_ + "/argv.log") + "\n");
+    ASSERT_EQ(sh("cd " + quote(bin) + " && chmod +x record && for t in vconfig ifconfig vlan_table_func "
+                 "arl_table_func sppe_ioctl rate_limit_func tc_func queue_weight_func pri_ctl_func; do "
+                 "ln -s record $t; done").status, 0);
+    // Loading stops at the first refused row (and a refused port keeps
+    // the VLANs from loading), so the one bad row at start-up is the
+    // last VLAN row.
+    const std::string dbArg = "--db " + quote(db("router.db", "INSERT INTO vlanEncapIf (vlanId, interfaceName, fwdMap, "
+                                                              "untagMap) VALUES (30, 'eth0;touch ran', '0', '0');"));
+    startReady("-C " + quote(dir_) + " PATH=" + quote(bin) + ":\"$PATH\"", dbArg + " --sim-devices-only --foreground");
     std::string t;
     // Port rows that would make a switch its own lower-level switch, directly
     // and through the other one.
     for (const std::string row : {"'PSE', 2", "'BCM', 5"})
-        t += ctl("sql --db " + quote(db_) + " " + quote("INSERT INTO swPortConfig (switchName, portNumber, PVID, "
-                                                        "interfaceName, phyDevice) VALUES (" + row + ", 1, 'eth2', 'PSE:0')")).out;
+        t += ctl("sql " + dbArg + " " + quote("INSERT INTO swPortConfig (switchName, portNumber, PVID, interfaceName, "
+                                              "phyDevice) VALUES (" + row + ", 1, 'eth2', 'PSE:0')")).out;
     // Each payload in a database row inserted and announced by swmgrctl sql,
     // then in bus requests to add and delete a VLAN, past swmgrctl's own check.
     int vlanId = 40;
     for (const std::string payload : {"eth0;touch ran1", "eth0$(touch ran2)", "eth0`touch ran3`", "eth0\ntouch ran4",
                                       "eth0&&touch ran5", "eth0|touch ran6", "eth0>ran7"}) {
-        std::string sqlText;
-        for (char c : payload) sqlText += c == '\n' ? std::string("' || char(10) || '") : std::string(1, c);
-        t += ctl("sql --db " + quote(db_) + " " + quote("INSERT INTO vlanEncapIf (vlanId, interfaceName, fwdMap, "
+        const std::string sqlText = replaced(payload, "\n", "' || char(10) || '");
+        t += ctl("sql " + dbArg + " " + quote("INSERT INTO vlanEncapIf (vlanId, interfaceName, fwdMap, "
                  "untagMap) VALUES (" + std::to_string(++vlanId) + ", '" + sqlText + "', '0', '0')")).out;
         for (const std::string code : {"36 ", "38 "}) t += ctl("raw " + code + vlanRequest(vlanId, payload)).out;
     }
