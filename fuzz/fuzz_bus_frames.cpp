@@ -12,7 +12,6 @@
 #include <atomic>
 #include <memory>
 #include <thread>
-#include <vector>
 
 #include "fuzz_world.h"
 #include "mbus_wire.h"
@@ -38,17 +37,18 @@ void replier(int fd) {
     }
 }
 
+// The listening module's answer to every request: 7, with at most 4 aux bytes.
+int answer(MbusCtx *, const MbusMsgHeader *, int, void *, int, void *, int *auxLen) {
+    if (auxLen != nullptr && *auxLen > 4) *auxLen = 4;
+    return 7;
+}
+
 struct World {
     swtest::TempDir dir;
     MbusCtx *server = nullptr;
     World() {
         mbusPortBusDirSet((dir.path() + "/bus").c_str());
-        server = mbusRegister(kServerModule, 2,
-                              [](MbusCtx *, const MbusMsgHeader *, int, void *, int, void *, int *auxLen) {
-                                  if (auxLen != nullptr && *auxLen > 4) *auxLen = 4;
-                                  return 7;
-                              },
-                              nullptr);
+        server = mbusRegister(kServerModule, 2, answer, nullptr);
         std::string err;
         const int fd = mbuswire::listenSocket(kReplierModule, err);
         if (server == nullptr || fd < 0) std::abort();
@@ -72,7 +72,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size) {
         if (mbuswire::waitReadable(fd, 100)) mbuswire::receiveMessage(fd, reply);
         ::close(fd);
     } else {
-        const uint16_t cap = in.u16() % 4096;
+        const uint16_t cap = in.le<uint16_t>() % 4096;
         replyFrame.store(std::make_shared<const std::string>(in.rest()));
         std::vector<char> aux(cap);
         int auxLen = cap;

@@ -7,10 +7,8 @@
 // length (u16), aux capacity (u16), a flags byte (bit 0: a reply), then the
 // data bytes (a length byte, then the rest) with the aux bytes after them.
 #include <algorithm>
-#include <vector>
 
 #include "fuzz_world.h"
-#include "swmgr/swconf.h"
 
 namespace {
 
@@ -23,14 +21,13 @@ constexpr int kCodes[] = {4,  5,  36, 38, 33, 34, 35, 37, 39, 40, 41, 42, 43,
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size) {
     [[maybe_unused]] static const int started = [] {
         static swfuzz::SimWorld world;
-        swfuzz::quietBus();
         if (swMgrInit(world.db.c_str()) != 0) std::abort();
         return 0;
     }();
     swfuzz::Input in(bytes, size);
     const uint8_t pick = in.u8();
-    const int cmd = pick < std::size(kCodes) ? kCodes[pick] : static_cast<int16_t>(in.u16());
-    const size_t dataLen = in.u16() % 2048, auxCap = in.u16() % 2048;
+    const int cmd = pick < std::size(kCodes) ? kCodes[pick] : static_cast<int16_t>(in.le<uint16_t>());
+    const size_t dataLen = in.le<uint16_t>() % 2048, auxCap = in.le<uint16_t>() % 2048;
     const bool reply = (in.u8() & 1) != 0;
     std::string input = in.text(255) + in.rest();
     input.resize(std::max(input.size(), dataLen + auxCap));  // zeros past the input

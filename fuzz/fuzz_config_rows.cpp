@@ -7,13 +7,7 @@
 // below 16 a name the system knows, below 64 a number from the next four
 // bytes, else a text as a length byte and bytes), then events: table (u8),
 // rowid (u8), opcode (u8), old block (text).
-#include <sqlite3.h>
-
-#include <string>
-
 #include "fuzz_world.h"
-#include "swmgr/swconf.h"
-#include "swmgr/switch.h"
 
 namespace {
 
@@ -29,12 +23,14 @@ std::string value(swfuzz::Input &in) {
     static const char *const kKnown[] = {"BCM", "PSE", "eth0", "BCM:0,BCM:1", "PSE:0", "/dev/bcmsw", "0,1,2"};
     const uint8_t kind = in.u8();
     if (kind < 16) return kKnown[kind % std::size(kKnown)];
-    if (kind < 64) return std::to_string(static_cast<int32_t>(in.u32()) % 64);
+    if (kind < 64) return std::to_string(static_cast<int32_t>(in.le<uint32_t>()) % 64);
     std::string s = in.text(120);
     return s.substr(0, s.find('\0'));
 }
 
-void insertRows(swfuzz::Input &in, int table, const std::string &below) {
+// Empties the table of an earlier input's rows, then fills it from this input.
+void replaceRows(swfuzz::Input &in, int table, const std::string &below) {
+    sqlite3_exec(pDB, ("DELETE FROM " + std::string(kTables[table])).c_str(), nullptr, nullptr, nullptr);
     std::string sql = std::string("INSERT INTO ") + kTables[table] + " VALUES (NULL";
     for (int c = 0; c < kColumns[table]; ++c) sql += ",?";
     sql += ")";
@@ -60,18 +56,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size) {
     // Rows go into the world's database file through the system's own
     // connection: nothing else holds it open.
     [[maybe_unused]] static const int opened = [] {
-        swfuzz::quietBus();
         if (swMgrDBInit(const_cast<char *>(world.db.c_str())) != 0) std::abort();
         return sqlite3_exec(pDB, "PRAGMA synchronous=OFF; PRAGMA journal_mode=MEMORY;", nullptr, nullptr, nullptr);
     }();
     for (auto *sw = static_cast<Switch *>(osaListFirst(&switchTbl)); sw; sw = static_cast<Switch *>(osaListNext(sw)))
         switchConfigFuncUnRegister(sw);  // closes the chip's descriptor
     swtest::resetRegistry();
-    sqlite3_exec(pDB, "DELETE FROM swGlobalCfg; DELETE FROM swPortConfig; DELETE FROM vlanEncapIf;", nullptr, nullptr,
-                 nullptr);
 
     swfuzz::Input in(bytes, size);
-    for (int t = 0; t < 3; ++t) insertRows(in, t, world.dir.path());
+    for (int t = 0; t < 3; ++t) replaceRows(in, t, world.dir.path());
     switchCfgLoad();
     switchPortCfgLoad();
     switchVlanCfgLoad();

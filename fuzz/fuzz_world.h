@@ -7,12 +7,9 @@
 #define SWMGR_FUZZ_FUZZ_WORLD_H
 
 #include <cstddef>
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <string>
 
-#include "osa_port.h"
 #include "sim_host.h"
 #include "swmgr_test.h"
 
@@ -23,19 +20,18 @@ class Input {
 public:
     Input(const uint8_t *data, size_t size) : data_(data), size_(size) {}
     uint8_t u8() { return pos_ < size_ ? data_[pos_++] : 0; }
-    uint16_t u16() { return static_cast<uint16_t>(le(2)); }
-    uint32_t u32() { return le(4); }
+    // The next sizeof(T) bytes.
+    template <class T> T le() {
+        T v = 0;
+        for (size_t i = 0; i < sizeof(T); ++i) v = static_cast<T>(v | static_cast<T>(u8()) << (8 * i));
+        return v;
+    }
     // Up to `max` bytes, as many as the next length byte says.
     std::string text(size_t max) { return take(std::min<size_t>(u8(), max)); }
     std::string rest() { return take(size_); }
     bool empty() const { return pos_ >= size_; }
 
 private:
-    uint32_t le(int bytes) {
-        uint32_t v = 0;
-        for (int i = 0; i < bytes; ++i) v |= static_cast<uint32_t>(u8()) << (8 * i);
-        return v;
-    }
     std::string take(size_t n) {
         n = std::min(n, size_ - pos_);  // pos_ never passes size_
         pos_ += n;
@@ -45,19 +41,15 @@ private:
     size_t size_, pos_ = 0;
 };
 
-// Sends every bus message (log records included) nowhere.
-inline void quietBus() {
-    [[maybe_unused]] static const int added = mbusPortSendHookAdd(
-        [](void *, int, int, const void *, int, void *, int *, int *result) {
+// Creates the example database in a private directory and starts the
+// simulated hardware on it, every bus message (log records included) sent
+// nowhere; aborts when that cannot be done.
+struct SimWorld {
+    SimWorld() : db(dir.file("router.db")) {
+        mbusPortSendHookAdd([](void *, int, int, const void *, int, void *, int *, int *result) {
             *result = 0;
             return 1;
         }, nullptr);
-}
-
-// Creates the example database in a private directory and starts the
-// simulated hardware on it; aborts when that cannot be done.
-struct SimWorld {
-    SimWorld() : db(dir.file("router.db")) {
         swtest::makeDb(db, swtest::readFile(ROUTER_SQL_PATH));
         std::string err;
         if (host.start(db, dir.path() + "/state", err)) return;
