@@ -13,8 +13,8 @@
 namespace swmgr {
 namespace {
 
-constexpr int kIds = 4096; // 12-bit VLAN ids; others are found by walking
-constexpr int kSlots = 8;  // switches indexed at once; more fall back to walks
+constexpr unsigned kIds = 4096; // 12-bit VLAN ids; others are found by walking
+constexpr int kSlots = 8;       // switches indexed at once; any more walk their lists
 
 struct Index {
     Switch *sw;
@@ -30,9 +30,8 @@ struct Index {
 };
 
 Index *slots[kSlots];
-int nextEvict;
 
-bool inRange(int id) { return id >= 0 && id < kIds; }
+bool inRange(int id) { return static_cast<unsigned>(id) < kIds; }
 
 void note(Index *ix, SwitchVlan *v) {
     if (!inRange(v->vlanId)) return;
@@ -77,43 +76,28 @@ void drop(Index *&ix) {
     ix = nullptr;
 }
 
-// A record at either end must be indexed under its own id; a list rebuilt
-// by other hands in reused memory shows there first.
-bool endIndexed(const Index *ix, OsaListNode *node) {
-    if (node == nullptr || ix->shared) return true;
-    auto *v = reinterpret_cast<SwitchVlan *>(node);
-    return !inRange(v->vlanId) || ix->byId[v->vlanId] == v;
-}
-
-bool inStep(const Index *ix) {
-    const OsaList &list = ix->sw->vlanList;
-    return list.first == ix->first && list.last == ix->last && endIndexed(ix, ix->first) &&
-           endIndexed(ix, ix->last);
-}
-
-// Without memory for an index, lookups and walks use the list instead.
+// A list whose ends moved was changed by other hands (a driver's caller
+// building its own records): the index is rebuilt from it. Without memory
+// for an index, or a free slot, lookups and walks use the list instead.
 Index *indexOf(Switch *sw) {
     if (sw == nullptr) return nullptr;
+    Index **vacant = nullptr;
     for (Index *&ix : slots) {
-        if (ix != nullptr && ix->sw == sw) {
-            if (!inStep(ix) && !rebuild(ix)) drop(ix);
+        if (ix == nullptr) {
+            vacant = &ix;  // any one will do
+        } else if (ix->sw == sw) {
+            const OsaList &list = sw->vlanList;
+            if ((list.first != ix->first || list.last != ix->last) && !rebuild(ix)) drop(ix);
             return ix;
         }
     }
-    int at = -1;
-    for (int i = 0; i < kSlots && at < 0; ++i)
-        if (slots[i] == nullptr) at = i;
-    if (at < 0) {
-        at = nextEvict;
-        nextEvict = (nextEvict + 1) % kSlots;
-        drop(slots[at]);
-    }
+    if (vacant == nullptr) return nullptr;
     auto *ix = static_cast<Index *>(std::calloc(1, sizeof(Index)));
-    if (ix == nullptr) return nullptr;
-    ix->sw = sw;
-    if (!rebuild(ix)) drop(ix);
-    slots[at] = ix;
-    return ix;
+    if (ix != nullptr) {
+        ix->sw = sw;
+        if (!rebuild(ix)) drop(ix);
+    }
+    return *vacant = ix;
 }
 
 void forget(Index *ix) {
@@ -139,8 +123,8 @@ SwitchVlan *vlanIndexFind(Switch *sw, int vlanId) {
 bool vlanIndexListed(Switch *sw, const SwitchVlan *vlan) {
     if (sw == nullptr || vlan == nullptr) return false;
     Index *ix = inRange(vlan->vlanId) ? indexOf(sw) : nullptr;
-    if (ix != nullptr && (ix->byId[vlan->vlanId] == vlan || !ix->shared))
-        return ix->byId[vlan->vlanId] == vlan;
+    // With two records of one id, only the first is in the table.
+    if (ix != nullptr && !ix->shared) return ix->byId[vlan->vlanId] == vlan;
     for (auto *v : listEntries<SwitchVlan>(sw->vlanList))
         if (v == vlan) return true;
     return false;
@@ -187,7 +171,6 @@ void vlanIndexRemove(Switch *sw, SwitchVlan *vlan) {
 
 void vlanIndexReset() {
     for (Index *&ix : slots) drop(ix);
-    nextEvict = 0;
 }
 
 // An index of an empty list may have no order yet: the list is walked then.

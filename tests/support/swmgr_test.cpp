@@ -244,8 +244,8 @@ void resetRegistry() {
         freeAll(&sw->portList, [](void *p) { freeAll(&static_cast<SwitchPort *>(p)->mappedPorts, [](void *) {}); });
         freeAll(&sw->vlanList, [](void *) {});
     });
-    osaListInit(&switchTbl);
-    switchMaxLevel = 0, switchCount = 0;
+    switchLibInit();  // forgets the VLAN indexes of the switches freed here too
+    switchMaxLevel = 0;
 }
 
 Switch *addSwitch(const char *name, int level) {
