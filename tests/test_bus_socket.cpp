@@ -216,13 +216,20 @@ TEST(BusSocket, ModulesServeOtherProcessesUntilTheyUnregister) {
     EXPECT_EQ(mbusListen(ctx, 5000000), 1);
     late.join();
 
-    // One callback per descriptor. Callbacks running inside the wait, and
-    // unregistering there, are how the daemon stops in its own tests.
-    for (int fd : {STDOUT_FILENO, STDIN_FILENO}) ASSERT_EQ(mbusPortWatch(fd, [](void *, int) {}, nullptr), 0);
-    EXPECT_EQ(mbusPortWatch(STDIN_FILENO, [](void *, int) {}, nullptr), -1);
-    EXPECT_EQ(mbusPortUnwatch(STDIN_FILENO), 0);
-    EXPECT_EQ(mbusPortUnwatch(STDIN_FILENO), -1) << "the other one is not it";
-    EXPECT_EQ(mbusPortUnwatch(STDOUT_FILENO), 0);
+    // One callback per descriptor, called with it once it is readable.
+    // Callbacks running inside the wait, and unregistering there, are how
+    // the daemon stops in its own tests.
+    static int ready = -1;
+    int a[2], b[2];
+    ASSERT_EQ(::pipe(a) + ::pipe(b), 0);
+    for (int fd : {a[0], b[0]}) ASSERT_EQ(mbusPortWatch(fd, [](void *, int fd) { ready = fd; }, nullptr), 0);
+    EXPECT_EQ(mbusPortWatch(b[0], [](void *, int) {}, nullptr), -1);
+    ASSERT_EQ(::write(b[1], "x", 1), 1);
+    EXPECT_EQ(std::make_pair(mbusListen(ctx, 1000000), ready), std::make_pair(1, b[0]));
+    EXPECT_EQ(mbusPortUnwatch(b[0]), 0);
+    EXPECT_EQ(mbusPortUnwatch(b[0]), -1) << "the other one is not it";
+    EXPECT_EQ(mbusPortUnwatch(a[0]), 0);
+    for (int fd : {a[0], a[1], b[0], b[1]}) ::close(fd);
     // Gone (its socket removed, as the daemon's tests see), the context is
     // recognisable as gone: nothing sent through it is delivered.
     EXPECT_EQ(mbusUnRegister(ctx), 0);
