@@ -12,6 +12,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cinttypes>
 #include <cstdarg>
@@ -82,7 +83,7 @@ void toStderr(std::string_view text) { std::fprintf(stderr, "%.*s", static_cast<
 int connectSyslog() {
     sockaddr_un addr;
     if (!mbuswire::fillAddress(path().syslogPath, addr)) return -1;
-    int fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    int fd = mbuswire::unixSocket(SOCK_DGRAM | SOCK_NONBLOCK);
     if (fd >= 0 && ::connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0) {
         ::close(fd);
         fd = -1;
@@ -166,7 +167,7 @@ namespace {
 void logNow(int src, const void *data, int dataLen, const void *aux, int auxLen) {
     Record r{src, data, data != nullptr && dataLen > 0 ? static_cast<size_t>(dataLen) : 0, aux,
              aux != nullptr && auxLen > 0 ? static_cast<size_t>(auxLen) : 0, {}, textOf(aux, auxLen)};
-    if (r.dataLen > 0) std::memcpy(&r.h, data, std::min(r.dataLen, sizeof r.h));
+    std::copy_n(static_cast<const char *>(data), std::min(r.dataLen, sizeof r.h), reinterpret_cast<char *>(&r.h));
     LogPath &p = path();
     if (p.dropped > p.reported) {
         char note[96];

@@ -84,6 +84,8 @@ int deadlineLeftMs(std::chrono::steady_clock::time_point deadline) {
 
 }  // namespace
 
+int unixSocket(int type) { return ::socket(AF_UNIX, type | SOCK_CLOEXEC, 0); }
+
 bool fillAddress(const std::string &path, sockaddr_un &addr) {
     std::memset(&addr, 0, sizeof addr);
     addr.sun_family = AF_UNIX;
@@ -120,7 +122,7 @@ int listenSocket(int module, std::string &err) {
         return -1;
     }
     if (!ensureDir(busDir(), err)) return -1;
-    int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    int fd = unixSocket(SOCK_SEQPACKET | SOCK_NONBLOCK);
     if (fd < 0) {
         err = errnoText("cannot create socket for", path);
         return -1;
@@ -134,7 +136,7 @@ int listenSocket(int module, std::string &err) {
         }
         // Someone left the name behind: take it over only if nobody answers.
         // Without a probe socket the connect fails too: the name is taken over.
-        int probe = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+        int probe = unixSocket(SOCK_SEQPACKET);
         const bool live = ::connect(probe, sa, sizeof addr) == 0;
         ::close(probe);
         if (live) {
@@ -165,7 +167,7 @@ int connectModule(int module, int timeoutMs, std::string &err) {
         err = "bus directory path too long for a socket: " + busDir();
         return MBUS_PORT_ERR_NOMODULE;
     }
-    int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    int fd = unixSocket(SOCK_SEQPACKET | SOCK_NONBLOCK);
     if (fd < 0) {
         err = errnoText("cannot create socket for", path);
         return MBUS_PORT_ERR_IO;

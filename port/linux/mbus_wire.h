@@ -28,6 +28,8 @@ void busDirSet(const char *dir);
 std::string socketPath(int module);
 // The address of a socket at `path`; false when the path is empty or does not fit.
 bool fillAddress(const std::string &path, sockaddr_un &addr);
+// A local socket of `type` that no spawned command inherits.
+int unixSocket(int type);
 
 // Creates (or checks) the directory and binds a listening socket for the
 // module; a stale socket left by a dead process is replaced, a live one is
