@@ -113,6 +113,7 @@ TEST_P(VlanForms, UpdateFindsTheOldIdStoresTheNewOneAndMovesItLast) {
     SwitchVlan *v301 = switchVlanByIdGet(top, 301);
     EXPECT_EQ(std::make_tuple(switchVlanUpdate(v301, v301), switchVlanUpdate(v301, nullptr)), std::make_tuple(0, -22));
     EXPECT_EQ((drv.results = {{SW_CMD_VLAN_MEMBERSHIP_APPLY, -5}}, switchVlanUpdate(v301, v301)), -5) << "a refused apply";
+    EXPECT_EQ((drv.results = {{SW_CMD_VLAN_MEMBERSHIP_UPDATE, -7}}, switchVlanUpdate(v301, v301)), -7) << "a refused update";
 }
 
 TEST_P(VlanForms, PortBasedVlanOnlyWithInSwitchOnlyAndDisableThenDeleteRemovesEverywhere) {
