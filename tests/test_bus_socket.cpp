@@ -227,6 +227,8 @@ TEST(BusSocket, ModulesServeOtherProcessesUntilTheyUnregister) {
     ASSERT_EQ(::write(b[1], "x", 1), 1);
     EXPECT_EQ(std::make_pair(mbusListen(ctx, 1000000), ready), std::make_pair(1, b[0]));
     EXPECT_EQ(mbusPortUnwatch(b[0]), 0);
+    ASSERT_EQ(::write(a[1], "x", 1), 1);
+    EXPECT_EQ(std::make_pair(mbusListen(ctx, 1000000), ready), std::make_pair(1, a[0])) << "the other one watched on";
     EXPECT_EQ(mbusPortUnwatch(b[0]), -1) << "the other one is not it";
     EXPECT_EQ(mbusPortUnwatch(a[0]), 0);
     for (int fd : {a[0], a[1], b[0], b[1]}) ::close(fd);
