@@ -45,8 +45,9 @@ TEST_P(VlanForms, FailedAddsTakeNoIndexAndOnlyAddAndDeleteAreBusCodes) {
     // failed add through the bus code is not passed on.
     EXPECT_EQ(std::make_tuple(switchVlanMembershipUpdate(nullptr), switchVlanDisable(nullptr),
                               switchVlanConfigure(nullptr, 37, &c), switchPortVlanInfoConfigure(nullptr, nullptr),
-                              switchAllVlansDisable(nullptr), switchVlanConfAdd(nullptr), switchVlanByConfCreate(nullptr, &c)),
-              std::make_tuple(SW_EINVAL, SW_EINVAL, -1, SW_EINVAL, SW_EINVAL, -1, -1));
+                              switchAllVlansDisable(nullptr), switchVlanConfAdd(nullptr), switchVlanByConfCreate(nullptr, &c),
+                              switchVlanByConfCreate(top, nullptr)),
+              std::make_tuple(SW_EINVAL, SW_EINVAL, -1, SW_EINVAL, SW_EINVAL, -1, -1, -1));
     EXPECT_TRUE(drv.calls.empty());
     drv.results[SW_CMD_VLAN_MEMBERSHIP_UPDATE] = -5;
     EXPECT_EQ(switchVlanConfigure(nullptr, SW_CMD_VLAN_ADD, &c), 0);
