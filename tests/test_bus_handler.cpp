@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The bus command handler: sorting by code, malformed requests, interface
 // events and the upstream rate limit, result mapping.
+#include <cstring>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -102,8 +103,17 @@ TEST_P(BusHandlerForms, DriverCommandsGoToTheNamedSwitchWithResultsMapped) {
     EXPECT_EQ(rec.cmds(), (std::vector<int>{37, 37, 2, 48}));
     EXPECT_EQ(handle(37, nullptr, 0), -1);
     EXPECT_EQ(handle(SW_CMD_VLAN_DELETE, nullptr, 0), -1) << "malformed";
+    // A name that fills its field has no terminator: what is shown of it stops there.
+    SwitchVlanConf conf{};
+    std::memset(conf.interfaceName, 'a', sizeof conf.interfaceName), conf.interfaceName[0] = ';';
+    conf.LogicalIfName[0] = 'q';
+    char add[SW_BUS_NAME_LEN + SW_VLAN_CONF_LEN] = {};
+    EXPECT_EQ((std::memcpy(add + SW_BUS_NAME_LEN, &conf, sizeof conf), handle(SW_CMD_VLAN_ADD, add, sizeof add)), -22);
     EXPECT_TRUE(cap->logsAre({{8, "switchConfig", "Failed to process cmd 37 on R \n"},
-                              {8, "swMgrIoctlHandler", "swMgrIoctlHandler: empty vlan request!\n"}}));
+                              {8, "swMgrIoctlHandler", "swMgrIoctlHandler: empty vlan request!\n"},
+                              {8, "swMgrIoctlHandler", "VLAN add request: interfaceName \";" + std::string(63, 'a') +
+                                                           "\" refused: character ';' at offset 0 is not allowed"
+                                                           " (letters, digits, '_', '.', '-')\n"}}));
 }
 
 }  // namespace
