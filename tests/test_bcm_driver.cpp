@@ -103,7 +103,8 @@ TEST_P(BcmForms, CommandEntryChecksExactSizesReadOnlyQueriesAndBindingKeepsDescr
     EXPECT_EQ(Bytes({3, 0}), Bytes(buf + 1, buf + 3));
     EXPECT_EQ(0, std::memcmp(buf + 3, chip.port(3).counters.data(), 48));
     chip.failRequest(0xc0325314u, -5);
-    EXPECT_EQ(-1, bcmPortStatsGet(3, buf));
+    EXPECT_EQ(-1, bcmPortStatsGet(0x103, buf));
+    EXPECT_EQ(Bytes({3, 1}), Bytes(buf, buf + 2)) << "the port goes out in 16 bits";
 
     // The dumps print question marks for failed queries; the VLAN dump fails
     // whatever the chip answers.
@@ -169,7 +170,8 @@ TEST_P(BcmForms, QosRecordsAndTheirResults) {
                    bcmQueueSchedConfigure, bcmCosQueueMapConfigure})
         EXPECT_EQ(std::make_pair(-1, -1), std::make_pair(f(nullptr, &on), f(sw, nullptr)));
     EXPECT_EQ((std::vector<int>{bcmSwitchPortConfigure(nullptr, nullptr), bcmPortVlanConfig(nullptr, nullptr),
-                                bcmPortVlanDeConfig(nullptr, nullptr)}), std::vector<int>(3, SW_EINVAL));
+                                bcmPortVlanDeConfig(nullptr, nullptr), bcmVlanMembershipSet(nullptr, nullptr)}),
+              std::vector<int>(4, SW_EINVAL));
 
     // Queue scheduling and CoS maps walk the matching ports.
     for (int n : {2, 0, 1}) addPort(n);
