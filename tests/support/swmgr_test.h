@@ -16,6 +16,7 @@
 #include <string_view>
 #include <vector>
 
+#include "common/list.h"
 #include "osa_port.h"
 #include "swmgr/portvlan.h"
 #include "swmgr/swconf.h"
@@ -199,12 +200,11 @@ protected:
                                  return std::string(i.param ? "dev" : "plain");   \
                              })
 
-// The values of `field` over a list whose nodes start with their linkage, in list order.
+// The values of `field` over a list's records, in list order.
 template <typename Node, typename T>
 std::vector<T> listed(OsaList *list, T Node::*field) {
     std::vector<T> out;
-    for (auto *n = static_cast<Node *>(osaListFirst(list)); n != nullptr; n = static_cast<Node *>(osaListNext(n)))
-        out.push_back(n->*field);
+    for (auto *n : swmgr::listEntries<Node>(*list)) out.push_back(n->*field);
     return out;
 }
 
