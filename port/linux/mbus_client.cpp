@@ -75,9 +75,9 @@ private:
     int fd_ = -1;
     int taken_ = -1;
     std::string path_;
-    pid_t pid_ = 0;
-    dev_t dev_ = 0;
-    ino_t ino_ = 0;
+    pid_t pid_{};
+    dev_t dev_{};
+    ino_t ino_{};
 };
 
 KeptConn &kept() {
@@ -85,12 +85,9 @@ KeptConn &kept() {
     return k;
 }
 
-// Reads the reply to a request sent on fd into aux (cap bytes); `whole`
-// tells whether a well-formed reply was read.
-int awaitReply(int fd, int module, int timeout, void *aux, int *auxLen, size_t cap, bool &whole) {
-    if (!mbuswire::waitReadable(fd, timeout))
-        return fail(MBUS_PORT_ERR_TIMEOUT, "no reply from module " + std::to_string(module) + " within " +
-                                               std::to_string(timeout) + " ms");
+// Reads the reply waiting on fd into aux (cap bytes); `whole` tells whether
+// a well-formed reply was read.
+int readReply(int fd, int module, void *aux, int *auxLen, size_t cap, bool &whole) {
     // Kept from reply to reply: sized for the largest message, it would
     // otherwise be allocated and cleared (64 KiB) for every one.
     static thread_local mbuswire::Bytes buf;
@@ -108,6 +105,13 @@ int awaitReply(int fd, int module, int timeout, void *aux, int *auxLen, size_t c
     }
     whole = true;
     return r.result;
+}
+
+int awaitReply(int fd, int module, int timeout, void *aux, int *auxLen, size_t cap, bool &whole) {
+    if (!mbuswire::waitReadable(fd, timeout))
+        return fail(MBUS_PORT_ERR_TIMEOUT, "no reply from module " + std::to_string(module) + " within " +
+                                               std::to_string(timeout) + " ms");
+    return readReply(fd, module, aux, auxLen, cap, whole);
 }
 }  // namespace
 
@@ -154,12 +158,14 @@ extern "C" int mbusIoctl(MbusCtx *ctx, int module, int cmd, void *data, int data
     if (!replied) h.isRequest = mbuswire::kRequestNoReply;
     int result;
     bool whole = false, sent = mbuswire::sendMessage(fd, h, data, aux, timeout);
-    if (sent)
+    if (sent) {
         result = replied ? awaitReply(fd, module, timeout, aux, auxLen, cap, whole) : 0;
-    else if (mbuswire::waitReadable(fd, 0))
-        result = awaitReply(fd, module, 0, aux, auxLen, cap, whole);  // told why before it closed on us
-    else
-        result = fail(MBUS_PORT_ERR_IO, std::string("cannot send to module ") + std::to_string(module));
+    } else {
+        // A module that refuses us says why before it closes: that reason,
+        // if it is already there, is the answer. The socket never blocks.
+        result = readReply(fd, module, aux, auxLen, cap, whole);
+        if (!whole) result = fail(MBUS_PORT_ERR_IO, "cannot send to module " + std::to_string(module));
+    }
     if (sent && whole)
         kept().keep(path, fd);
     else

@@ -72,8 +72,9 @@ void acceptAll(MbusCtx *c) {
             reply(fd, none, MBUS_PORT_ERR_REFUSED, nullptr, 0);
             // Closing on an unread request would reset the connection and
             // lose the refusal: discard what it sent first, unread.
-            char scrap;
-            while (::recv(fd, &scrap, 1, MSG_DONTWAIT | MSG_TRUNC) > 0) {
+            // (A packet read in part is gone whole; the socket never blocks.)
+            char scrap[1];
+            while (::read(fd, scrap, sizeof scrap) > 0) {
             }
             ::close(fd);
             ++bus().refused;
@@ -190,7 +191,8 @@ int serveRound(const std::vector<MbusCtx *> &served, Clock::time_point deadline)
         } else if (from[i].listener) {
             acceptAll(c);
         } else {
-            int r = (fds[i].revents & POLLIN) != 0 ? serveConn(c, fds[i].fd) : -1;
+            // A hung-up or broken connection reads as finished.
+            int r = serveConn(c, fds[i].fd);
             if (r > 0) ran += r;
             auto k = std::find_if(c->conns.begin(), c->conns.end(), [&](const Conn &e) { return e.fd == fds[i].fd; });
             if (r < 0 && c->live)

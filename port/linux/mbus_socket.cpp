@@ -209,7 +209,9 @@ bool sendMessage(int fd, const MbusMsgHeader &h, const void *data, const void *a
     msg.msg_iovlen = 3;
     auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
     for (;;) {
-        if (::sendmsg(fd, &msg, MSG_NOSIGNAL | MSG_DONTWAIT) >= 0) return true;
+        // A packet goes whole or not at all.
+        if (::sendmsg(fd, &msg, MSG_NOSIGNAL | MSG_DONTWAIT) == static_cast<ssize_t>(sizeof h + h.dataLen + h.auxLen))
+            return true;
         int left = deadlineLeftMs(deadline);
         if (errno != EAGAIN || left <= 0) return false;
         pollfd p{fd, POLLOUT, {}};
