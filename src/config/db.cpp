@@ -301,7 +301,8 @@ extern "C" int swMgrDBUpdateHandler(DbUpdateEvent *event, unsigned int eventLen,
     unsigned consumed = 0;
     while (consumed < oldLen && haveBlock) {
         strings[nStrings++] = block.get() + consumed;
-        consumed += static_cast<unsigned>(strnlen(block.get() + consumed, oldLen - consumed)) + 1;
+        // The copy ends in a terminator of its own (it is one byte longer).
+        consumed += static_cast<unsigned>(std::strlen(block.get() + consumed)) + 1;
     }
 
     auto handle = [&]() -> int {
