@@ -108,7 +108,7 @@ Bytes logBytes(uint32_t level, const char *tag, const std::string &text, uint32_
 std::vector<Bytes> received(int conn) {
     std::vector<Bytes> out;
     mbuswire::Bytes buf;
-    for (ssize_t n; (n = mbuswire::receiveMessage(conn, buf)) > 32;)
+    for (ssize_t n; (n = mbuswire::receiveMessage(conn, buf)) >= 32;)
         out.emplace_back(buf.begin() + 32, buf.begin() + n);
     return out;
 }
@@ -438,14 +438,23 @@ TEST(BusSocket, LogRecordsNeverWaitForTheReaderAndThoseMadeWhileServingFollowThe
         ASSERT_EQ(logRecord(64, "x", 2), 0);
     }
     ASSERT_EQ(logRecord(64, "y", 2), 0);  // not held: on the new connection, which may be descriptor 0
-    char shortHeader = 'h';  // a record goes as given, however short its header
-    int zLen = 2;
+    char shortHeader = 'h';  // a record goes as given, however short its header, or with none
+    int zLen = 2, none = 0;
+    const auto empty = [&] {
+        return mbusIoctl(nullptr, MBUS_MODULE_LOG, MBUS_LOG_CMD, &shortHeader, 0, &shortHeader, &none, MBUS_FLAG_NOREPLY, 0, 0);
+    };
+    {
+        mbuswire::LogHolder held;
+        ASSERT_EQ(empty(), 0);
+    }
+    ASSERT_EQ(empty(), 0);
     ASSERT_EQ(mbusIoctl(nullptr, MBUS_MODULE_LOG, MBUS_LOG_CMD, &shortHeader, 1, const_cast<char *>("z"), &zLen,
                         MBUS_FLAG_NOREPLY, 0, 0), 0);
+    ASSERT_EQ(mbusIoctl(nullptr, MBUS_MODULE_LOG, MBUS_LOG_CMD, nullptr, 0, nullptr, nullptr, MBUS_FLAG_NOREPLY, 0, 0), 0);
     EXPECT_EQ(swtest::openDescriptors(), fds) << "the dead connection closed for the new one";
     reader = ::accept(lsn, nullptr, nullptr);
     EXPECT_EQ(received(reader), (std::vector<Bytes>{logBytes(64, "", ""), logBytes(64, "", "x"), logBytes(64, "", "y"),
-                                                    Bytes{'h', 'z', 0}}));
+                                                    Bytes{}, Bytes{}, Bytes{'h', 'z', 0}, Bytes{}}));
     ::close(reader), ::close(lsn), mbuswire::logClose(), ::dup2(in, STDIN_FILENO), ::close(in);
     ::unlink(socketPath(MBUS_MODULE_LOG).c_str());
 }

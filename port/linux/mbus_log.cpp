@@ -91,20 +91,17 @@ int connectSyslog() {
     return fd;
 }
 
+// A descriptor, or a negative code when there is no service to take records.
 int connectService() {
     std::string err;
-    int fd = mbuswire::connectModule(MBUS_MODULE_LOG, 0, err);
-    return fd >= 0 ? fd : -1;
+    return mbuswire::connectModule(MBUS_MODULE_LOG, 0, err);
 }
 
 // Replies to earlier records are of no interest; read them so they never
-// fill the connection. False when the service has gone.
-bool drainReplies(int fd) {
+// fill the connection. A service that has gone fails the send that follows.
+void drainReplies(int fd) {
     char scrap[sizeof(MbusMsgHeader)];
-    for (;;) {
-        ssize_t n = ::recv(fd, scrap, sizeof scrap, MSG_DONTWAIT | MSG_TRUNC);
-        if (n > 0) continue;
-        return n < 0 && errno == EAGAIN;
+    while (::recv(fd, scrap, sizeof scrap, MSG_DONTWAIT | MSG_TRUNC) > 0) {
     }
 }
 
@@ -138,10 +135,7 @@ bool sendOnce(int fd, const Record &r) {
         const size_t len = std::strlen(line);
         return ::send(fd, line, len, MSG_DONTWAIT | MSG_NOSIGNAL) == static_cast<ssize_t>(len);
     }
-    if (!drainReplies(fd)) {
-        errno = EPIPE;
-        return false;
-    }
+    drainReplies(fd);
     return mbuswire::sendMessage(fd, recordHeader(r.src, r.dataLen, r.auxLen), r.data, r.aux);
 }
 
@@ -165,8 +159,8 @@ namespace mbuswire {
 
 namespace {
 void logNow(int src, const void *data, int dataLen, const void *aux, int auxLen) {
-    Record r{src, data, data != nullptr && dataLen > 0 ? static_cast<size_t>(dataLen) : 0, aux,
-             aux != nullptr && auxLen > 0 ? static_cast<size_t>(auxLen) : 0, {}, textOf(aux, auxLen)};
+    Record r{src, data, data != nullptr ? static_cast<size_t>(std::max(dataLen, 0)) : 0, aux,
+             aux != nullptr ? static_cast<size_t>(std::max(auxLen, 0)) : 0, {}, textOf(aux, auxLen)};
     std::copy_n(static_cast<const char *>(data), std::min(r.dataLen, sizeof r.h), reinterpret_cast<char *>(&r.h));
     LogPath &p = path();
     if (p.dropped > p.reported) {
@@ -213,7 +207,7 @@ size_t sendRun(const std::vector<Held> &out, size_t i) {
         msgs[n].msg_hdr.msg_iovlen = 3;
     }
     const int sent = ::sendmmsg(p.fd, msgs, static_cast<unsigned>(n), MSG_DONTWAIT | MSG_NOSIGNAL);
-    return sent > 0 ? static_cast<size_t>(sent) : 0;
+    return static_cast<size_t>(std::max(sent, 0));
 }
 
 // Sends what was held, oldest first: a busy request makes dozens of
@@ -254,7 +248,7 @@ void hold(Held h) {
 
 std::vector<uint8_t> copyOf(const void *bytes, int len) {
     const auto *b = static_cast<const uint8_t *>(bytes);
-    return b != nullptr && len > 0 ? std::vector<uint8_t>(b, b + len) : std::vector<uint8_t>{};
+    return b != nullptr ? std::vector<uint8_t>(b, b + std::max(len, 0)) : std::vector<uint8_t>{};
 }
 }  // namespace
 

@@ -328,7 +328,7 @@ extern "C" int swMgrDBUpdateHandler(DbUpdateEvent *event, unsigned int eventLen,
         // Column names, then values; a short block leaves the missing values
         // null rather than pointing past it.
         HeapArray<char *> oldRow;
-        const std::size_t oldRowLen = haveBlock && nCols > 0 ? 2 * static_cast<size_t>(nCols) : 0;
+        const std::size_t oldRowLen = haveBlock ? 2 * static_cast<size_t>(nCols) : 0;
         if (oldRowLen != 0) {
             oldRow = heapArray<char *>(oldRowLen);
             if (!oldRow) return SW_ENOMEM;
