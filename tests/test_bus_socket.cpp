@@ -221,6 +221,7 @@ TEST(BusSocket, ModulesServeOtherProcessesUntilTheyUnregister) {
     // the daemon stops in its own tests.
     static int ready = -1;
     int a[2], b[2];
+    const int in = swtest::stdinClosed();  // the first one watched is descriptor 0
     ASSERT_EQ(::pipe(a) + ::pipe(b), 0);
     for (int fd : {a[0], b[0]}) ASSERT_EQ(mbusPortWatch(fd, [](void *, int fd) { ready = fd; }, nullptr), 0);
     EXPECT_EQ(mbusPortWatch(b[0], [](void *, int) {}, nullptr), -1);
@@ -232,6 +233,7 @@ TEST(BusSocket, ModulesServeOtherProcessesUntilTheyUnregister) {
     EXPECT_EQ(mbusPortUnwatch(b[0]), -1) << "the other one is not it";
     EXPECT_EQ(mbusPortUnwatch(a[0]), 0);
     for (int fd : {a[0], a[1], b[0], b[1]}) ::close(fd);
+    ::dup2(in, STDIN_FILENO), ::close(in);
     // Gone (its socket removed, as the daemon's tests see), the context is
     // recognisable as gone: nothing sent through it is delivered.
     EXPECT_EQ(mbusUnRegister(ctx), 0);

@@ -135,6 +135,7 @@ TEST_P(VlanForms, PortBasedVlanOnlyWithInSwitchOnlyAndDisableThenDeleteRemovesEv
         reset();
         ASSERT_EQ(switchVlanConfDelete(&next), 0);
         EXPECT_EQ(drv.cmds(low), (only ? Ints{59, 34, 35, 41, 35} : Ints{34, 35, 41, 35})) << only;
+        EXPECT_EQ(std::tie(top->lowerLvlForward, low->lowerLvlForward), std::make_tuple(1, 1)) << "forwarding again";
     }
 
     SwitchVlanConf c = vlanConf(100);
