@@ -55,12 +55,9 @@ bool ensureDir(const std::string &dir, std::string &err) {
     }
     // The umask may have taken the group's access away.
     if (created) ::chmod(dir.c_str(), kDirMode);
+    // Made or found just above, it can only fail to be a directory.
     struct stat st {};
-    if (::lstat(dir.c_str(), &st) != 0) {
-        err = errnoText("cannot use bus directory", dir);
-        return false;
-    }
-    if (!S_ISDIR(st.st_mode)) {
+    if (::lstat(dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
         err = "bus directory is not a directory: " + dir;
         return false;
     }

@@ -69,11 +69,11 @@ struct DirectLine {
 // sends the line to the shell.
 bool directSplit(const char *command, DirectLine &out) {
     static constexpr char kShellChars[] = "\"'`$;&|<>(){}[]*?~#\\";
-    std::size_t len = 0;
-    for (; command[len] != '\0'; ++len) {
-        const auto c = static_cast<unsigned char>(command[len]);
-        if (len + 1 >= sizeof out.text || c < 0x20 || c == 0x7f || std::strchr(kShellChars, c) != nullptr)
-            return false;
+    const std::size_t len = strnlen(command, sizeof out.text);
+    if (len == sizeof out.text) return false;  // no room for its terminator
+    for (std::size_t i = 0; i < len; ++i) {
+        const auto c = static_cast<unsigned char>(command[i]);
+        if (c < 0x20 || c == 0x7f || std::strchr(kShellChars, c) != nullptr) return false;
     }
     std::memcpy(out.text, command, len + 1);
     std::size_t argc = 0;
