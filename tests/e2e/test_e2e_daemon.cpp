@@ -127,11 +127,12 @@ TEST_F(E2e, ALockedDatabaseFailsTheRequestInBoundedTimeAndSigtermWaitsForIt) {
     EXPECT_EQ(ctl("state").status, 0) << "the next request is answered";
     EXPECT_TRUE(logHas("sqlite: database still locked after 2000 ms, query given up: SELECT * from vlanEncapIf"));
 
-    // SIGTERM while a request waits on the database: the request is
-    // answered, then the daemon stops.
+    // SIGTERM while a request waits on the database, asleep (spinning would
+    // starve the writer on a single core): the request is answered, then
+    // the daemon stops.
     const pid_t request = start(ctlLine() + "dbevent vlanEncapIf 1 update >" + quote(dir_ + "/request.out"));
     const std::string wchan = "/proc/" + std::to_string(daemon_) + "/wchan";
-    waitFor([&] { return readFile(wchan).find("nanosleep") != std::string::npos; }, 300);
+    ASSERT_TRUE(waitFor([&] { return readFile(wchan).find("nanosleep") != std::string::npos; }, 300));
     expectStops(SIGTERM, "SIGTERM");
     EXPECT_EQ(stop(request, 0), 1);
     EXPECT_EQ(readFile(dir_ + "/request.out"), "vlanEncapIf row 1 update: result -1 (failed)\n");
