@@ -31,7 +31,8 @@ TEST(Port, EntryPointsRefuseMissingOrUnusableArguments) {
     FILE *sink = osaFileOpen("/dev/null", "w");
     auto *foreign = reinterpret_cast<MbusCtx *>(junk);  // never handed out by the bus
     const MbusRequestCb none = [](MbusCtx *, const MbusMsgHeader *, int, void *, int, void *, int *) { return 0; };
-    const OsaIoctlHook answers7 = [](void *, int, unsigned, void *, int *result) { return *result = 7, 1; };
+    // Answers 7 to request 0; takes any other without a word, which answers 0.
+    const OsaIoctlHook answers7 = [](void *, int, unsigned rq, void *, int *result) { return rq == 0 ? *result = 7 : 0, 1; };
     MbusCtx *posts = mbusRegister(231, 2, none, nullptr), *along = mbusRegister(232, 2, none, nullptr),
             *third = mbusRegister(233, 2, none, nullptr);
     ASSERT_EQ(mbusPortListenAlong(along, posts), 0);
@@ -56,7 +57,7 @@ TEST(Port, EntryPointsRefuseMissingOrUnusableArguments) {
         ROW(mbusPortLogTargetSet(7, nullptr), -1), ROW(osaIoctl(-1, 0, nullptr), -1), ROW(osaIoctl(fileno(sink), FIOCLEX, nullptr), 0),
         ROW((osaPortIoctlHookAdd(answers7, nullptr), osaIoctl(-1, 0, nullptr)), 7),  // a hook's answer, whatever it is
         ROW(mbusIoctl(foreign, 230, 1, nullptr, 0, nullptr, nullptr, 0, 0, 0), MBUS_PORT_ERR_BADCTX),
-        ROW(mbusListen(foreign, 0), -1), ROW(mbusUnRegister(foreign), -1),
+        ROW(mbusListen(foreign, 0), -1), ROW(mbusUnRegister(foreign), -1), ROW(osaIoctl(-1, 1, nullptr), 0),
         ROW(mbusPortWatch(-1, [](void *, int) {}, nullptr), -1), ROW(mbusPortWatch(STDIN_FILENO, nullptr, nullptr), -1),
         ROW(mbusPortPost(1, 1, nullptr, 1, nullptr, 0), -1), ROW(mbusPortPost(1, 1, nullptr, 0, nullptr, 1), -1),
         ROW(mbusPortPost(1, 1, "x", -1, nullptr, 0), -1), ROW(mbusPortPost(1, 1, nullptr, 0, "x", -1), -1),

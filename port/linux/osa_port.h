@@ -31,7 +31,8 @@ int osaPortDeviceAttach(const char *path, const OsaDeviceModel *model);
 int osaPortDeviceDetach(const char *path);
 
 /* Sees every osaIoctl before the model or the kernel. Returns 1 when it
- * answered the request (result in *result), 0 to let it through. */
+ * answered the request (result in *result, which starts at 0), 0 to let
+ * it through. */
 typedef int (*OsaIoctlHook)(void *ctx, int fd, unsigned int request, void *arg, int *result);
 int osaPortIoctlHookAdd(OsaIoctlHook hook, void *ctx);
 int osaPortIoctlHookRemove(OsaIoctlHook hook, void *ctx);
