@@ -148,7 +148,7 @@ TEST_P(VlanForms, PortBasedVlanOnlyWithInSwitchOnlyAndDisableThenDeleteRemovesEv
     reset();
     cap->scriptCommand("vconfig rem eth0.100", -3, 1);  // gone from the switches, the host keeps it
     EXPECT_EQ(switchVlanConfDelete(&c), -3);
-    EXPECT_TRUE(ids(top).empty() && ids(low).empty());
+    EXPECT_TRUE(ids(top).empty() && ids(low).empty() && cap->countLog("Failed to delete encap interface for vlan ID=100\n") == 1);
 
     // A switch that refuses keeps its VLAN; the one without it stays paused.
     SwitchVlanConf d = vlanConf(200);
