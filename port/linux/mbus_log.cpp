@@ -19,6 +19,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <utility>
 #include <vector>
 
 #include "mbus_wire.h"
@@ -47,11 +48,19 @@ struct Record {
     std::string_view text;
 };
 
-// A record held back while a request is served: its bytes are its own.
+// A record held back while a request is served. Its bytes are copied into
+// the batch's one buffer, which keeps its size from request to request: a
+// busy request holds dozens of records, and an allocation for each would
+// cost more than sending them.
 struct Held {
-    int src{};
-    std::vector<uint8_t> data{}, aux{};
-    bool console{};  // a text for standard error alone, not a record
+    int src;
+    bool console;  // a text for standard error alone, not a record
+    size_t dataAt, dataLen, auxAt, auxLen;
+};
+struct Batch {
+    std::vector<Held> records;
+    std::vector<uint8_t> bytes;
+    const uint8_t *at(size_t offset) const { return bytes.data() + offset; }
 };
 // Past this many held records the oldest are sent at once, in order.
 constexpr size_t kHeldMax = 256;
@@ -59,7 +68,8 @@ constexpr size_t kHeldMax = 256;
 struct LogPath {
     int target = MBUS_PORT_LOG_BUS;
     int holding = 0;
-    std::vector<Held> held;
+    Batch held, spare;  // spare: the last batch sent, kept for its buffers
+    std::string console;
     std::string syslogPath = "/dev/log";
     int fd = -1;
     uint64_t dropped = 0;
@@ -189,7 +199,7 @@ void logNow(int src, const void *data, int dataLen, const void *aux, int auxLen)
 // there is no connection yet, a loss is still to be told or the reader is
 // behind: the record-by-record path sees to those. Records want no reply,
 // so there is none to read first.
-size_t sendRun(const std::vector<Held> &out, size_t i) {
+size_t sendRun(const Batch &out, size_t i) {
     LogPath &p = path();
     if (p.target != MBUS_PORT_LOG_BUS || p.dropped > p.reported) return 0;
     constexpr size_t kRun = 64;
@@ -197,12 +207,12 @@ size_t sendRun(const std::vector<Held> &out, size_t i) {
     iovec iov[kRun][3];
     mmsghdr msgs[kRun] = {};
     size_t n = 0;
-    for (; n < kRun && i + n < out.size() && !out[i + n].console; ++n) {
-        const Held &h = out[i + n];
-        heads[n] = recordHeader(h.src, h.data.size(), h.aux.size());
+    for (; n < kRun && i + n < out.records.size() && !out.records[i + n].console; ++n) {
+        const Held &h = out.records[i + n];
+        heads[n] = recordHeader(h.src, h.dataLen, h.auxLen);
         iov[n][0] = {&heads[n], sizeof heads[n]};
-        iov[n][1] = {const_cast<uint8_t *>(h.data.data()), h.data.size()};
-        iov[n][2] = {const_cast<uint8_t *>(h.aux.data()), h.aux.size()};
+        iov[n][1] = {const_cast<uint8_t *>(out.at(h.dataAt)), h.dataLen};
+        iov[n][2] = {const_cast<uint8_t *>(out.at(h.auxAt)), h.auxLen};
         msgs[n].msg_hdr.msg_iov = iov[n];
         msgs[n].msg_hdr.msg_iovlen = 3;
     }
@@ -214,18 +224,20 @@ size_t sendRun(const std::vector<Held> &out, size_t i) {
 // records, so texts for standard error in a row go in one write and
 // records for the log service in as few calls as the connection allows.
 void logRelease() {
-    std::vector<Held> out;
-    out.swap(path().held);
-    std::string console;
+    LogPath &p = path();
+    // Taken out first: what is held while these go out waits for the next release.
+    Batch out = std::move(p.held);
+    p.held = std::move(p.spare);
+    // Texts for standard error in a row go out in one write; the buffer keeps its size.
+    std::string &console = p.console;
     auto flush = [&console] {
         std::fwrite(console.data(), 1, console.size(), stderr);
         console.clear();
     };
-    for (size_t i = 0; i < out.size();) {
-        const Held &h = out[i];
-        const uint8_t *aux = h.aux.empty() ? nullptr : h.aux.data();
-        if (h.console || path().target == MBUS_PORT_LOG_STDERR) {
-            console += textOf(aux, static_cast<int>(h.aux.size()));
+    for (size_t i = 0; i < out.records.size();) {
+        const Held &h = out.records[i];
+        if (h.console || p.target == MBUS_PORT_LOG_STDERR) {
+            console += textOf(out.at(h.auxAt), static_cast<int>(h.auxLen));
             ++i;
             continue;
         }
@@ -234,21 +246,29 @@ void logRelease() {
             i += n;
             continue;
         }
-        logNow(h.src, h.data.data(), static_cast<int>(h.data.size()), aux, static_cast<int>(h.aux.size()));
+        logNow(h.src, out.at(h.dataAt), static_cast<int>(h.dataLen), h.auxLen > 0 ? out.at(h.auxAt) : nullptr,
+               static_cast<int>(h.auxLen));
         ++i;
     }
     flush();
+    out.records.clear();
+    out.bytes.clear();
+    p.spare = std::move(out);
 }
 
 // Holds one more, making room first.
-void hold(Held h) {
-    if (path().held.size() >= kHeldMax) logRelease();
-    path().held.push_back(std::move(h));
-}
-
-std::vector<uint8_t> copyOf(const void *bytes, int len) {
-    const auto *b = static_cast<const uint8_t *>(bytes);
-    return b != nullptr ? std::vector<uint8_t>(b, b + std::max(len, 0)) : std::vector<uint8_t>{};
+void hold(int src, bool console, const void *data, int dataLen, const void *aux, int auxLen) {
+    LogPath &p = path();
+    if (p.held.records.size() >= kHeldMax) logRelease();
+    auto append = [&p](const void *bytes, int len) {
+        const size_t at = p.held.bytes.size(), n = bytes != nullptr ? static_cast<size_t>(std::max(len, 0)) : 0;
+        const auto *b = static_cast<const uint8_t *>(bytes);
+        p.held.bytes.insert(p.held.bytes.end(), b, b + n);
+        return std::pair{at, n};
+    };
+    const auto [dataAt, dLen] = append(data, dataLen);
+    const auto [auxAt, aLen] = append(aux, auxLen);
+    p.held.records.push_back({src, console, dataAt, dLen, auxAt, aLen});
 }
 }  // namespace
 
@@ -261,12 +281,12 @@ void logRecord(int src, const void *data, int dataLen, const void *aux, int auxL
             logNow(src, data, dataLen, aux, auxLen);
         return;
     }
-    hold({.src = src, .data = copyOf(data, dataLen), .aux = copyOf(aux, auxLen)});
+    hold(src, false, data, dataLen, aux, auxLen);
 }
 
 bool holdConsole(std::string_view text) {
     if (path().holding == 0) return false;
-    hold({.aux = copyOf(text.data(), static_cast<int>(text.size())), .console = true});
+    hold(0, true, nullptr, 0, text.data(), static_cast<int>(text.size()));
     return true;
 }
 

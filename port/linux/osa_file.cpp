@@ -60,12 +60,18 @@ extern "C" int osaFilePrintf(FILE *file, const char *format, ...) {
     va_start(ap, format);
     int r;
     if (file == stderr) {
-        // Formatted first: while a request is served the text waits for its reply.
-        char *text = nullptr;
-        r = ::vasprintf(&text, format, ap);
-        if (r >= 0 && !mbuswire::holdConsole({text, static_cast<size_t>(r)}))
+        // Formatted first: while a request is served the text waits for its
+        // reply. A diagnostic line fits the buffer; a longer text is allocated.
+        char line[1280];
+        char *text = line;
+        va_list again;
+        va_copy(again, ap);
+        r = std::vsnprintf(line, sizeof line, format, ap);
+        if (r >= static_cast<int>(sizeof line) && ::vasprintf(&text, format, again) < 0) text = nullptr;
+        va_end(again);
+        if (r >= 0 && text != nullptr && !mbuswire::holdConsole({text, static_cast<size_t>(r)}))
             std::fwrite(text, 1, static_cast<size_t>(r), stderr);
-        std::free(text);
+        if (text != line) std::free(text);
     } else {
         r = std::vfprintf(file, format, ap);
     }
