@@ -139,19 +139,19 @@ std::string HostVlanModel::dump() const {
     return os.str();
 }
 
-bool HostVlanModel::run(const std::string &line, int *status) {
+bool HostVlanModel::run(std::string_view line, int *status) {
     for (auto &f : failures_) {
         if (f.times == 0) continue;
         bool hit = f.prefix ? line.compare(0, f.match.size(), f.match) == 0 : line == f.match;
         if (!hit) continue;
         if (f.times > 0) --f.times;
-        history_.add(line);
+        history_.add(std::string(line));
         *status = f.status;
         return true;
     }
     auto commands = tools_.claim(line);
     if (!commands) return false;
-    history_.add(line);
+    history_.add(std::string(line));
     *status = tools_.run(*commands);
     return true;
 }

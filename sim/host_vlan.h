@@ -104,7 +104,7 @@ public:
 
     // Runs one command line as the hook would; returns true when the model
     // took it, with the exit status in *status.
-    bool run(const std::string &line, int *status);
+    bool run(std::string_view line, int *status);
 
 private:
     struct Failure {

@@ -128,7 +128,7 @@ void PseEngine::reset() {
     history_.clear();
 }
 
-bool PseEngine::failureFor(const std::string &line, int *status) {
+bool PseEngine::failureFor(std::string_view line, int *status) {
     for (auto &f : failures_) {
         if (f.times == 0) continue;
         bool hit = f.prefix ? line.compare(0, f.match.size(), f.match) == 0 : line == f.match;
@@ -140,12 +140,12 @@ bool PseEngine::failureFor(const std::string &line, int *status) {
     return false;
 }
 
-bool PseEngine::run(const std::string &line, int *status) {
+bool PseEngine::run(std::string_view line, int *status) {
     int dummy = 0;
     if (status == nullptr) status = &dummy;
     auto commands = tools_.claim(line);
     if (!commands) return false;
-    history_.add(line);
+    history_.add(std::string(line));
     if (!failureFor(line, status)) *status = tools_.run(*commands);
     return true;
 }

@@ -97,7 +97,7 @@ public:
 
     // Runs one line as the hooks would: true when it is the engine's (a
     // tool line or a register pipeline), with the exit status in *status.
-    bool run(const std::string &line, int *status);
+    bool run(std::string_view line, int *status);
 
     // Empties the tables and clears the registers; failures stay.
     void reset();
@@ -155,7 +155,7 @@ private:
     int grep(const Args &args, ToolBox::Io &io);
     int cut(const Args &args, ToolBox::Io &io);
     int awk(const Args &args, ToolBox::Io &io);
-    bool failureFor(const std::string &line, int *status);
+    bool failureFor(std::string_view line, int *status);
 
     static int onCommand(void *ctx, const char *command, int *status);
     static int onSystem(void *ctx, const char *command, int *status);

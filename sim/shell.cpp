@@ -174,7 +174,7 @@ const ToolBox::Tool *ToolBox::find(std::string_view program, bool *entry) const 
     return &it->second.first;
 }
 
-std::optional<std::vector<ShellCommand>> ToolBox::claim(const std::string &line) const {
+std::optional<std::vector<ShellCommand>> ToolBox::claim(std::string_view line) const {
     // Every model is offered every line: most are turned down by their first word alone.
     bool entry = false;
     std::string_view program = plainProgram(line);

@@ -85,7 +85,7 @@ public:
 
     // The line's commands when it is the model's: readable, its first
     // program an entry tool.
-    std::optional<std::vector<ShellCommand>> claim(const std::string &line) const;
+    std::optional<std::vector<ShellCommand>> claim(std::string_view line) const;
     // Runs a line that is known to be the model's (awk's system() does).
     int run(const std::string &line);
     int run(const std::vector<ShellCommand> &commands);

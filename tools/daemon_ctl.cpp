@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "daemon_ctl.h"
 
+#include <algorithm>
 #include <cstring>
-#include <set>
+#include <string_view>
 
 #include "common/list.h"
 #include "osa_port.h"
@@ -18,18 +19,18 @@ namespace {
 DaemonCtl *active = nullptr;
 
 // Which driver a command line or a device request speaks for.
-std::string driverOfLine(const std::string &line) {
-    static const std::set<std::string> engineTools = {"sppe_ioctl",       "arl_table_func", "vlan_table_func",
-                                                      "rate_limit_func",  "tc_func",        "queue_weight_func",
-                                                      "pri_ctl_func",     "/sysx2.0/bin/memrw"};
-    std::string program = line.substr(0, line.find(' '));
-    if (engineTools.count(program)) return "PSE";
-    std::string base = program.substr(program.rfind('/') + 1);
+const char *driverOfLine(std::string_view line) {
+    static constexpr std::string_view engineTools[] = {"sppe_ioctl",      "arl_table_func",    "vlan_table_func",
+                                                       "rate_limit_func", "tc_func",           "queue_weight_func",
+                                                       "pri_ctl_func",    "/sysx2.0/bin/memrw"};
+    const std::string_view program = line.substr(0, line.find(' '));
+    if (std::find(std::begin(engineTools), std::end(engineTools), program) != std::end(engineTools)) return "PSE";
+    const std::string_view base = program.substr(program.rfind('/') + 1);
     if (base == "vconfig" || base == "ifconfig") return "host";
     return "other";
 }
 
-std::string driverOfRequest(unsigned request) {
+const char *driverOfRequest(unsigned request) {
     if (((request >> 8) & 0xffu) == 'S') return "BCM";
     if (request == kSiocgifhwaddr) return "PSE";  // the engine's VLANs need the interface's address
     return "other";

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "osa_port.h"
@@ -20,7 +21,7 @@ constexpr unsigned kSiocgifhwaddr = 0x8927;
 
 struct TapEvent {
     enum Kind { kCommand, kSystem, kIoctl } kind;
-    std::string line;           // command and system() lines
+    std::string_view line;      // command and system() lines, valid during the call
     unsigned request = 0;       // ioctl
     std::vector<uint8_t> arg;   // ioctl: the argument record as sent
     uintptr_t value = 0;        // ioctl: the integer of requests that carry no record
