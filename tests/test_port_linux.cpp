@@ -63,6 +63,8 @@ TEST(Port, EntryPointsRefuseMissingOrUnusableArguments) {
         ROW(mbusPortPost(1, 1, "x", -1, nullptr, 0), -1), ROW(mbusPortPost(1, 1, nullptr, 0, "x", -1), -1),
         ROW(mbusPortPost(1, 1, nullptr, 0, nullptr, 0), 0),  // nothing to carry is no fault
         ROW(sqlitePortBusyTimeoutSet(-1), -1), ROW(mbusPortConnLimitSet(0), -1), ROW(mbusInit(nullptr), 0),
+        ROW(mbusPortBusyPollSet(MBUS_PORT_BUSY_POLL_MAX_US + 1), -1), ROW(mbusPortBusyPollSet(MBUS_PORT_BUSY_POLL_MAX_US), 0),
+        ROW(mbusPortBusyPollSet(0), 0),
         ROW(osaFileOpen("/dev/null", nullptr) != nullptr, 0), ROW(mbusPortListenAlong(posts, foreign), -1),
         // Serving along goes one level deep only: not along a module that is
         // itself along, nor for one that others are along.

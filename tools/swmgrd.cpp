@@ -110,6 +110,7 @@ int main(int argc, char **argv) {
     bool foreground = false, debug = false, sim = false;
     [[maybe_unused]] bool devicesOnly = false;  // only with the simulator built in
     int busyMs = SQLITE_PORT_BUSY_MS;
+    unsigned busyPollUs = 100;
     app.add_option("--db", db, "configuration database (SQLite file)")->required();
     app.add_option("--log", logTo,
                    "where diagnostics go: bus (the bus's log service, see swmgrctl log), stderr, or syslog;\n"
@@ -121,6 +122,10 @@ int main(int argc, char **argv) {
                    "how long a query may wait in all on a database that another program holds locked;\n"
                    "after that the request fails and the next one is served")
         ->check(CLI::Range(0, 600000));
+    app.add_option("--busy-poll-us", busyPollUs,
+                   "after serving a request, look for the next one this long before sleeping, yielding the CPU\n"
+                   "between looks (0: sleep at once); requests come in bursts, and an idle CPU can be slow to wake")
+        ->check(CLI::Range(0, MBUS_PORT_BUSY_POLL_MAX_US));
 #if SWMGR_WITH_SIM
     app.add_flag("--sim", sim,
                  "simulate the hardware: switch chip at the BCM switch's device path, packet engine\n"
@@ -152,6 +157,7 @@ int main(int argc, char **argv) {
                                            : logTo == "syslog" ? MBUS_PORT_LOG_SYSLOG : MBUS_PORT_LOG_BUS,
                          nullptr);
     sqlitePortBusyTimeoutSet(busyMs);
+    mbusPortBusyPollSet(busyPollUs);
 
     // The stop signals never interrupt anything: blocked here, they wait in
     // a signalfd until the bus loop is between requests.

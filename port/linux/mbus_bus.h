@@ -56,6 +56,8 @@ struct Bus {
     uint64_t tick{};  // only the order of its values matters
     uint64_t refused = 0;  // connections closed at accept: their user may not use the bus
     bool failRegister = false;
+    Clock::duration busyPoll{};     // see mbusPortBusyPollSet
+    Clock::time_point lastServed{};  // the end of the last round that served something
     Bytes buf;  // the message being served
 };
 

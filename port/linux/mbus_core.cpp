@@ -174,6 +174,12 @@ extern "C" int mbusPortConnLimitSet(int limit) {
     return 0;
 }
 
+extern "C" int mbusPortBusyPollSet(unsigned int us) {
+    if (us > MBUS_PORT_BUSY_POLL_MAX_US) return -1;
+    bus().busyPoll = std::chrono::microseconds(us);
+    return 0;
+}
+
 extern "C" int mbusPortWatch(int fd, MbusWatchCb ready, void *ctx) {
     auto &w = bus().watches;
     if (fd < 0 || ready == nullptr ||

@@ -5,6 +5,7 @@
 // only when they fit, and a peer that does not keep up loses its
 // connection rather than holding the loop.
 #include <poll.h>
+#include <sched.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -171,11 +172,21 @@ int serveRound(const std::vector<MbusCtx *> &served, Clock::time_point deadline)
             from.push_back({c, false});
         }
     }
-    const auto left = std::max(Clock::duration::zero(), deadline - Clock::now());
-    const auto whole = std::chrono::duration_cast<std::chrono::seconds>(left);
-    timespec ts{static_cast<time_t>(whole.count()),
-                static_cast<long>(std::chrono::duration_cast<std::chrono::nanoseconds>(left - whole).count())};
-    if (::ppoll(fds.data(), fds.size(), &ts, nullptr) <= 0) return -1;
+    // Shortly after serving, the next message is looked for without sleeping.
+    int ready = 0;
+    for (const auto until = std::min(deadline, b.lastServed + b.busyPoll); ready == 0 && Clock::now() < until;) {
+        timespec none{};
+        ready = ::ppoll(fds.data(), fds.size(), &none, nullptr);
+        if (ready == 0) ::sched_yield();
+    }
+    if (ready == 0) {
+        const auto left = std::max(Clock::duration::zero(), deadline - Clock::now());
+        const auto whole = std::chrono::duration_cast<std::chrono::seconds>(left);
+        timespec ts{static_cast<time_t>(whole.count()),
+                    static_cast<long>(std::chrono::duration_cast<std::chrono::nanoseconds>(left - whole).count())};
+        ready = ::ppoll(fds.data(), fds.size(), &ts, nullptr);
+    }
+    if (ready <= 0) return -1;
 
     for (size_t i = 0; i < fds.size(); ++i) {
         if (fds[i].revents == 0) continue;
@@ -201,6 +212,7 @@ int serveRound(const std::vector<MbusCtx *> &served, Clock::time_point deadline)
                 k->lastUsed = ++b.tick;
         }
     }
+    if (ran > 0) b.lastServed = Clock::now();
     return ran;
 }
 

@@ -141,6 +141,15 @@ typedef void (*MbusWatchCb)(void *ctx, int fd);
 int mbusPortWatch(int fd, MbusWatchCb ready, void *ctx);
 int mbusPortUnwatch(int fd);
 
+/* After a round that served something, mbusListen keeps looking for the
+ * next message for up to `us` microseconds before it sleeps, and yields the
+ * CPU between two looks (0, the default: it sleeps at once). Requests come
+ * in bursts, and where an idle CPU is slow to wake (a virtual machine, a
+ * deep sleep state) a sleep between two of them costs more than serving
+ * one. -1 above MBUS_PORT_BUSY_POLL_MAX_US. */
+#define MBUS_PORT_BUSY_POLL_MAX_US 10000
+int mbusPortBusyPollSet(unsigned int us);
+
 /* Connections closed at accept, since the process started, because their
  * user may not use the bus. */
 uint64_t mbusPortConnRefused(void);

@@ -125,13 +125,15 @@ TEST_F(E2e, ALockedDatabaseFailsTheRequestInBoundedTimeAndSigtermWaitsForIt) {
     ASSERT_EQ(sqlite3_exec(holder, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr), SQLITE_OK);
     EXPECT_EQ(ctl("dbevent vlanEncapIf 1 update").out, "vlanEncapIf row 1 update: result -1 (failed)\n");
     EXPECT_EQ(ctl("state").status, 0) << "the next request is answered";
+    // The look for a next request after one was served ends in a sleep.
+    const std::string wchan = "/proc/" + std::to_string(daemon_) + "/wchan";
+    EXPECT_TRUE(waitFor([&] { return readFile(wchan).find("poll_schedule") != std::string::npos; }, 300));
     EXPECT_TRUE(logHas("sqlite: database still locked after 2000 ms, query given up: SELECT * from vlanEncapIf"));
 
     // SIGTERM while a request waits on the database, asleep (spinning would
     // starve the writer on a single core): the request is answered, then
     // the daemon stops.
     const pid_t request = start(ctlLine() + "dbevent vlanEncapIf 1 update >" + quote(dir_ + "/request.out"));
-    const std::string wchan = "/proc/" + std::to_string(daemon_) + "/wchan";
     ASSERT_TRUE(waitFor([&] { return readFile(wchan).find("nanosleep") != std::string::npos; }, 300));
     expectStops(SIGTERM, "SIGTERM");
     EXPECT_EQ(stop(request, 0), 1);
