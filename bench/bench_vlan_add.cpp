@@ -72,10 +72,12 @@ std::vector<uint8_t> insertEvent(int64_t rowId) {
 }
 
 // Arguments: how the add arrives (0: VLAN add request, 1: insert event for
-// a row written just before) and whether a log reader follows the daemon's
-// records on the bus (0: records to standard error, 1: `swmgrctl log`).
+// a row written just before), whether a log reader follows the daemon's
+// records on the bus (0: records to standard error, 1: `swmgrctl log`) and
+// whether the daemon looks for the next request before it sleeps (1: its
+// default, 0: --busy-poll-us 0).
 void BM_VlanAddThroughDaemon(benchmark::State &state) {
-    const bool byEvent = state.range(0) != 0, follower = state.range(1) != 0;
+    const bool byEvent = state.range(0) != 0, follower = state.range(1) != 0, look = state.range(2) != 0;
     swbench::Scratch scratch("/dev/shm");
     const std::string db = scratch.dir + "/router.db", bus = scratch.dir + "/bus";
     if (scratch.dir.empty() || !swbench::makeDb(db)) {
@@ -91,8 +93,10 @@ void BM_VlanAddThroughDaemon(benchmark::State &state) {
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     // With a follower the daemon's records go to it (the default), else to standard error.
-    const pid_t daemon =
-        swbench::startDaemon(db, bus, follower ? std::vector<std::string>{} : std::vector<std::string>{"--foreground"});
+    std::vector<std::string> options;
+    if (!follower) options.push_back("--foreground");
+    if (!look) options.insert(options.end(), {"--busy-poll-us", "0"});
+    const pid_t daemon = swbench::startDaemon(db, bus, options);
     sqlite3 *conn = nullptr;
     if (daemon < 0 || *mbusPortLastError() != '\0' || sqlite3_open(db.c_str(), &conn) != SQLITE_OK) {
         state.SkipWithError("swmgrd did not come up on the bus");
@@ -130,8 +134,8 @@ void BM_VlanAddThroughDaemon(benchmark::State &state) {
     }
 }
 BENCHMARK(BM_VlanAddThroughDaemon)
-    ->ArgNames({"event", "follower"})
-    ->Args({0, 0})->Args({1, 0})->Args({0, 1})->Args({1, 1})
+    ->ArgNames({"event", "follower", "look"})
+    ->ArgsProduct({{0, 1}, {0, 1}, {1, 0}})
     ->UseManualTime()->Unit(benchmark::kMicrosecond)->MinTime(2.0);
 
 // Log records are dropped here: with no log service on the bus each one
