@@ -164,7 +164,7 @@ int HostVlanModel::vconfig(const Words &args) {
     if (std::none_of(std::begin(verbs), std::end(verbs), [&](const char *v) { return verb == v; }))
         return tools_.usage("vconfig", "unknown operation " + verb);
     const size_t want = verb == "add" ? 3 : verb == "rem" ? 2 : 4;
-    if (auto r = tools_.arity("vconfig " + verb, args.size(), want, want)) return *r;
+    if (auto r = tools_.arity("vconfig", args.size(), want, want, verb)) return *r;
     auto refuse = [&](const std::string &why) {
         history_.add("vconfig: " + why);
         return kVconfigFailure;

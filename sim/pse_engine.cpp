@@ -201,7 +201,7 @@ int PseEngine::arlTable(const Args &args) {
     ArlEntry e;
     const bool add = args[0] == "add";
     if (!add && args[0] != "del") return tools_.usage("arl_table_func", "unknown operation " + args[0]);
-    if (auto r = tools_.arity("arl_table_func " + args[0], args.size(), add ? 5u : 3u, add ? 5u : 3u)) return *r;
+    if (auto r = tools_.arity("arl_table_func", args.size(), add ? 5u : 3u, add ? 5u : 3u, args[0])) return *r;
     if (!parseMac(args[1], &e.mac) || !parseIntIn(args[2], 0, kMaxVlanId, &e.vlanId) ||
         (add && (!parseHex(args[3], &e.portMap) || !parseHex(args[4], &e.flags))))
         return tools_.usage("arl_table_func", "invalid value");

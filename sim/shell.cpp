@@ -221,10 +221,13 @@ int ToolBox::usage(const std::string &program, const std::string &why) {
     return kUsage;
 }
 
-std::optional<int> ToolBox::arity(const std::string &program, std::size_t n, std::size_t lo, std::size_t hi) {
-    if (n < lo) return usage(program, "usage: too few arguments (" + std::to_string(n) + ")");
-    if (n > hi) return usage(program, "usage: too many arguments (" + std::to_string(n) + ")");
-    return std::nullopt;
+std::optional<int> ToolBox::arity(std::string_view program, std::size_t n, std::size_t lo, std::size_t hi,
+                                  std::string_view operation) {
+    if (n >= lo && n <= hi) return std::nullopt;
+    std::string who(program);
+    if (!operation.empty()) who.append(" ").append(operation);
+    return usage(who, std::string(n < lo ? "usage: too few" : "usage: too many") + " arguments (" +
+                          std::to_string(n) + ")");
 }
 
 }  // namespace swsim

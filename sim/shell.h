@@ -92,9 +92,10 @@ public:
 
     // Notes a refusal: "<program>: <why>", status kUsage.
     int usage(const std::string &program, const std::string &why);
-    // The usage error for a tool given `n` arguments where it takes `lo`
-    // to `hi`; nothing when the count fits.
-    std::optional<int> arity(const std::string &program, std::size_t n, std::size_t lo, std::size_t hi);
+    // The usage error for a tool (and its operation, if any) given `n`
+    // arguments where it takes `lo` to `hi`; nothing when the count fits.
+    std::optional<int> arity(std::string_view program, std::size_t n, std::size_t lo, std::size_t hi,
+                             std::string_view operation = {});
     History &history() { return history_; }
 
 private:
