@@ -223,11 +223,11 @@ int ToolBox::usage(const std::string &program, const std::string &why) {
 
 std::optional<int> ToolBox::arity(std::string_view program, std::size_t n, std::size_t lo, std::size_t hi,
                                   std::string_view operation) {
-    if (n >= lo && n <= hi) return std::nullopt;
+    const char *bound = n < lo ? "few" : n > hi ? "many" : nullptr;
+    if (bound == nullptr) return std::nullopt;
     std::string who(program);
     if (!operation.empty()) who.append(" ").append(operation);
-    return usage(who, std::string(n < lo ? "usage: too few" : "usage: too many") + " arguments (" +
-                          std::to_string(n) + ")");
+    return usage(who, std::string("usage: too ") + bound + " arguments (" + std::to_string(n) + ")");
 }
 
 }  // namespace swsim

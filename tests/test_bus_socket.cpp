@@ -475,13 +475,14 @@ TEST(BusSocket, LogRecordsToTheBusStandardErrorOrTheSystemLog) {
     EXPECT_EQ(osaFilePrintf(stderr, "%s %d\n", "console", 7), 10);
     mbuswire::logHold();  // as while a request is served: records and console lines wait for its reply
     EXPECT_EQ(logRecord(8, text, sizeof text), 0);
-    EXPECT_EQ(osaFilePrintf(stderr, "%s %d\n", "console", 8), 10);
+    const std::string wide(1277, 'w');  // with " 8\n", one byte past a diagnostic line's buffer
+    EXPECT_EQ(osaFilePrintf(stderr, "%s %d\n", wide.c_str(), 8), 1280);
     EXPECT_EQ(mbusIoctl(nullptr, MBUS_MODULE_LOG, MBUS_LOG_CMD, nullptr, 0, nullptr, nullptr, MBUS_FLAG_NOREPLY, 0, 0), 0);
     const std::string before = testing::internal::GetCapturedStderr();
     testing::internal::CaptureStderr();
     mbuswire::logUnhold();
     EXPECT_EQ(before + "|" + testing::internal::GetCapturedStderr(),
-              text + std::string("console 7\n|") + text + "console 8\n");
+              text + std::string("console 7\n|") + text + wide + " 8\n");
 
     swtest::TempDir tmp;
     const std::string dev = tmp.file("syslog");

@@ -246,8 +246,7 @@ void logRelease() {
             i += n;
             continue;
         }
-        logNow(h.src, out.at(h.dataAt), static_cast<int>(h.dataLen), h.auxLen > 0 ? out.at(h.auxAt) : nullptr,
-               static_cast<int>(h.auxLen));
+        logNow(h.src, out.at(h.dataAt), static_cast<int>(h.dataLen), out.at(h.auxAt), static_cast<int>(h.auxLen));
         ++i;
     }
     flush();

@@ -61,17 +61,19 @@ extern "C" int osaFilePrintf(FILE *file, const char *format, ...) {
     int r;
     if (file == stderr) {
         // Formatted first: while a request is served the text waits for its
-        // reply. A diagnostic line fits the buffer; a longer text is allocated.
+        // reply. A diagnostic line fits the buffer; only a longer text is
+        // allocated (on failure the C library leaves `heap` as it was).
         char line[1280];
-        char *text = line;
+        char *heap = nullptr;
         va_list again;
         va_copy(again, ap);
         r = std::vsnprintf(line, sizeof line, format, ap);
-        if (r >= static_cast<int>(sizeof line) && ::vasprintf(&text, format, again) < 0) text = nullptr;
+        if (r >= static_cast<int>(sizeof line)) r = ::vasprintf(&heap, format, again);
         va_end(again);
-        if (r >= 0 && text != nullptr && !mbuswire::holdConsole({text, static_cast<size_t>(r)}))
+        const char *text = heap != nullptr ? heap : line;
+        if (r >= 0 && !mbuswire::holdConsole({text, static_cast<size_t>(r)}))
             std::fwrite(text, 1, static_cast<size_t>(r), stderr);
-        if (text != line) std::free(text);
+        std::free(heap);
     } else {
         r = std::vfprintf(file, format, ap);
     }
