@@ -341,6 +341,7 @@ TEST(BusSocket, PastTheConnectionLimitTheConnectionIdleLongestIsClosed) {
     for (int i = 0; i < 4; ++i) c[i] = rawConnect(207);
     const int in = swtest::stdinClosed();  // the first connection accepted is then descriptor 0, and served as any
     EXPECT_EQ(mbusListen(ctx, 20000), 0) << "connections alone run nothing";
+    EXPECT_EQ(::fcntl(STDIN_FILENO, F_GETFD), FD_CLOEXEC) << "spawned tools get no connection of the bus";
     // Requests that want no reply are served in runs of at most 32 a round;
     // one that is answered ends a run.
     const Bytes req = frame(MBUS_MSG_MAGIC, 207, 4, 4), quiet = frame(MBUS_MSG_MAGIC, 207, 2, 2, 2);
