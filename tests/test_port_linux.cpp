@@ -74,6 +74,10 @@ TEST(Port, EntryPointsRefuseMissingOrUnusableArguments) {
     for (const auto &r : rows) EXPECT_EQ(r.got, r.want) << r.call;
     EXPECT_EQ(mbusRegister(230, 2, nullptr, nullptr), nullptr);
     EXPECT_STREQ(mbusPortLastError(), "no callback");
+    mbusPortFailRegister(1);
+    EXPECT_EQ(mbusRegister(230, 2, [](MbusCtx *, const MbusMsgHeader *, int, void *, int, void *, int *) { return 0; }, nullptr), nullptr);
+    EXPECT_STREQ(mbusPortLastError(), "registration refused");
+    mbusPortFailRegister(0);
     osaPortIoctlHookRemove(answers7, nullptr);
     EXPECT_EQ(osaListFirst(&list), &a);
     EXPECT_EQ(mbusListen(posts, 0), 1) << "the empty post";
