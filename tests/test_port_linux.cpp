@@ -75,7 +75,7 @@ TEST(Port, EntryPointsRefuseMissingOrUnusableArguments) {
     EXPECT_EQ(mbusRegister(230, 2, nullptr, nullptr), nullptr);
     EXPECT_STREQ(mbusPortLastError(), "no callback");
     mbusPortFailRegister(1);
-    EXPECT_EQ(mbusRegister(230, 2, [](MbusCtx *, const MbusMsgHeader *, int, void *, int, void *, int *) { return 0; }, nullptr), nullptr);
+    EXPECT_EQ(mbusRegister(230, 2, none, nullptr), nullptr);
     EXPECT_STREQ(mbusPortLastError(), "registration refused");
     mbusPortFailRegister(0);
     osaPortIoctlHookRemove(answers7, nullptr);
