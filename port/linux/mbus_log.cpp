@@ -228,8 +228,7 @@ void logRelease() {
     // Taken out first: what is held while these go out waits for the next release.
     Batch out = std::move(p.held);
     p.held = std::move(p.spare);
-    // Texts for standard error in a row go out in one write; the buffer keeps its size.
-    std::string &console = p.console;
+    std::string &console = p.console;  // kept, with its size, from release to release
     auto flush = [&console] {
         std::fwrite(console.data(), 1, console.size(), stderr);
         console.clear();
