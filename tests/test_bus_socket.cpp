@@ -453,7 +453,10 @@ TEST(BusSocket, LogRecordsNeverWaitForTheReaderAndThoseMadeWhileServingFollowThe
     reader = ::accept(lsn, nullptr, nullptr);
     EXPECT_EQ(received(reader), (std::vector<Bytes>{logBytes(64, "", ""), logBytes(64, "", "x"), logBytes(64, "", "y"),
                                                     Bytes{}, Bytes{}, Bytes{'h', 'z', 0}, Bytes{}}));
-    ::close(reader), ::close(lsn), mbuswire::logClose(), ::dup2(in, STDIN_FILENO), ::close(in);
+    ::close(reader), ::close(lsn), mbuswire::keptClose();
+    const long open = swtest::openDescriptors();
+    EXPECT_EQ((mbusDeInit(), swtest::openDescriptors()), open - 1) << "the log connection goes with the bus";
+    ::dup2(in, STDIN_FILENO), ::close(in);
     ::unlink(socketPath(MBUS_MODULE_LOG).c_str());
 }
 
